@@ -1,0 +1,2 @@
+#include "MockOrvAppConfigService.h"
+// The substitute is header-only; this unit keeps it compiled with the library's warnings.

@@ -1,0 +1,70 @@
+#include "OrvAppConfigAutoDiscoverRecord.h"
+
+#include "OrvAppConfigServiceConstants.h"
+#include "OrvAppConfigServiceLogger.h"
+#include "OrvJSONAccessors.h"
+#include "OrvJSONSerialization.h"
+
+namespace {
+constexpr const char* kInvalidJSONObject = "Invalid JSON object - expecting a dictionary";
+constexpr std::int64_t kInvalidJSONObjectCode = 3842;
+}  // namespace
+
+std::shared_ptr<OrvAppConfigDomain> OrvAppConfigDomain::initWithJSONDictionary(const boost::json::object* jsonDictionary) {
+  if (!jsonDictionary) return nullptr;
+  return initWithName(OrvJSON::jsonStringForKey(jsonDictionary, "name"));
+}
+
+std::shared_ptr<OrvAppConfigURL> OrvAppConfigURL::initWithJSONDictionary(const boost::json::object* jsonDictionary) {
+  if (!jsonDictionary) return nullptr;
+  return initWithURL(OrvJSON::jsonUrlForKey(jsonDictionary, "url"));
+}
+
+std::shared_ptr<OrvAppConfigKaleth> OrvAppConfigKaleth::initWithJSONDictionary(const boost::json::object* jsonDictionary) {
+  if (!jsonDictionary) return nullptr;
+  auto serviceURLs = appConfigUrlsForKeyName("serviceUrls", jsonDictionary);
+  // The key is spelt with upper-case "URLs" in the answer, unlike "serviceUrls".
+  auto allowedWebStoreURLs = appConfigUrlsForKeyName("allowedWebStoreURLs", jsonDictionary);
+  return initWithServiceURLs(std::move(serviceURLs), std::move(allowedWebStoreURLs));
+}
+
+std::optional<OrvAppConfigURLList> OrvAppConfigKaleth::appConfigUrlsForKeyName(std::string_view keyName,
+                                                                               const boost::json::object* jsonDictionary) {
+  const auto elements = OrvJSON::subArrayOfDictionaries(OrvJSON::jsonArrayForKey(jsonDictionary, keyName));
+  if (!elements) return std::nullopt;
+  OrvAppConfigURLList urls;
+  urls.reserve(elements->size());
+  for (const boost::json::object* element : *elements) {
+    // Built twice on purpose, keeping the second: the entry must be a fresh object per element.
+    if (OrvAppConfigURL::initWithJSONDictionary(element)) urls.push_back(OrvAppConfigURL::initWithJSONDictionary(element));
+  }
+  return urls;
+}
+
+std::shared_ptr<OrvAppConfigAutoDiscoverRecord> OrvAppConfigAutoDiscoverRecord::initWithJSONDictionary(
+    const boost::json::object* jsonDictionary) {
+  if (!jsonDictionary) return nullptr;
+  auto domain = OrvAppConfigDomain::initWithJSONDictionary(OrvJSON::jsonDictionaryForKey(jsonDictionary, "domain"));
+  auto kaleth = OrvAppConfigKaleth::initWithJSONDictionary(OrvJSON::jsonDictionaryForKey(jsonDictionary, "kaleth"));
+  const auto notValidBefore = OrvJSON::jsonDateFromEpochValueForKey(jsonDictionary, "iat");
+  const auto notValidAfter = OrvJSON::jsonDateFromEpochValueForKey(jsonDictionary, "exp");
+  return initWithDomain(std::move(domain), std::move(kaleth), notValidBefore, notValidAfter);
+}
+
+std::shared_ptr<OrvAppConfigAutoDiscoverRecord> OrvAppConfigAutoDiscoverRecord::createFromData(const OrvData& data,
+                                                                                               std::optional<OrvError>* error) {
+  std::optional<OrvError> parseError;
+  const auto json = OrvJSONSerialization::JSONObjectWithData(data, OrvJSONReadingOptions::none, &parseError);
+  if (!json) {
+    ORV_LOG_ERROR("Failed to parse JSON object - error: %@", parseError);
+    if (error) *error = std::move(parseError);
+    return nullptr;
+  }
+  if (const auto* object = json->if_object()) {
+    if (error) *error = std::nullopt;
+    return initWithJSONDictionary(object);
+  }
+  ORV_LOG_ERROR("%@", kInvalidJSONObject);
+  if (error) *error = OrvError(OrvAppConfigServiceJSONErrorDomain, kInvalidJSONObjectCode, {{"error", kInvalidJSONObject}});
+  return nullptr;
+}

@@ -1,0 +1,48 @@
+#include "OrvAppConfigSettingsKaleth.h"
+
+#include "OrvAppConfigSettingsComparison.h"
+#include "OrvJSONAccessors.h"
+
+std::shared_ptr<OrvAppConfigSettingsKaleth> OrvAppConfigSettingsKaleth::initWithAppSettings(
+    std::shared_ptr<OrvAppConfigSettingsApp> appSettings, std::optional<std::string> name,
+    std::optional<std::string> description, bool useForAppConfig) {
+  return std::make_shared<OrvAppConfigSettingsKaleth>(std::move(appSettings), std::move(name), std::move(description),
+                                                      useForAppConfig);
+}
+
+std::shared_ptr<OrvAppConfigSettingsKaleth> OrvAppConfigSettingsKaleth::initWithJSONDictionary(
+    const boost::json::object* jsonDictionary) {
+  if (!jsonDictionary) return nullptr;
+  return initWithAppSettings(
+      OrvAppConfigSettingsApp::initWithJSONDictionary(OrvJSON::jsonDictionaryForKey(jsonDictionary, "appSettings")),
+      OrvJSON::jsonStringForKey(jsonDictionary, "name"), OrvJSON::jsonStringForKey(jsonDictionary, "description"),
+      OrvJSON::jsonBoolForKey(jsonDictionary, "useForAppConfig"));
+}
+
+const OrvClass& OrvAppConfigSettingsKaleth::orvClass() {
+  static const OrvClass& cls = OrvClass::registerClass(
+      "OrvAppConfigSettingsKaleth", nullptr, supportsSecureCoding(),
+      [](OrvKeyedUnarchiver& coder) -> std::shared_ptr<OrvSecureCoding> { return initWithCoder(coder); });
+  return cls;
+}
+
+void OrvAppConfigSettingsKaleth::encodeWithCoder(OrvKeyedArchiver& coder) const {
+  coder.encodeObject(appSettings_, "appSettings");
+  coder.encodeString(name_, "name");
+  coder.encodeString(theDescription_, "theDescription");
+  coder.encodeBool(isUseForAppConfig_, "isUseForAppConfig");
+}
+
+std::shared_ptr<OrvAppConfigSettingsKaleth> OrvAppConfigSettingsKaleth::initWithCoder(OrvKeyedUnarchiver& coder) {
+  auto appSettings = coder.decodeObjectOfClass<OrvAppConfigSettingsApp>("appSettings");
+  auto name = coder.decodeStringForKey("name");
+  auto description = coder.decodeStringForKey("theDescription");
+  const bool useForAppConfig = coder.decodeBoolForKey("isUseForAppConfig");
+  if (coder.error()) return nullptr;
+  return initWithAppSettings(std::move(appSettings), std::move(name), std::move(description), useForAppConfig);
+}
+
+bool operator==(const OrvAppConfigSettingsKaleth& a, const OrvAppConfigSettingsKaleth& b) {
+  return orv::detail::sameObject(a.appSettings_, b.appSettings_) && a.name_ == b.name_ &&
+         a.theDescription_ == b.theDescription_ && a.isUseForAppConfig_ == b.isUseForAppConfig_;
+}

@@ -1,0 +1,117 @@
+#include "OrvAppConfigSettingsRecord.h"
+
+#include <functional>
+
+#include "OrvAppConfigServiceConstants.h"
+#include "OrvAppConfigSettingsComparison.h"
+#include "OrvJSONAccessors.h"
+#include "OrvJSONSerialization.h"
+
+namespace orv::detail {
+namespace {
+
+// The value read as an unsigned count of seconds, as the platform reads it: a fraction is dropped and
+// a negative value wraps to a far future rather than a past instant.
+OrvDate dateFromEpochSeconds(const OrvNumber& seconds) {
+  return OrvDateFromTimeIntervalSince1970(static_cast<double>(seconds.unsignedLongLongValue()));
+}
+
+}  // namespace
+}  // namespace orv::detail
+
+std::shared_ptr<OrvAppConfigSettingsRecord> OrvAppConfigSettingsRecord::initWithKaleth(
+    std::shared_ptr<OrvAppConfigSettingsKaleth> kaleth, std::shared_ptr<OrvAppConfigSettingsURL> url,
+    std::shared_ptr<OrvAppConfigSettingsChannel> settingsChannel, std::optional<OrvNumber> expiry,
+    std::optional<OrvNumber> notValidBefore) {
+  auto record = std::make_shared<OrvAppConfigSettingsRecord>();
+  // Through the setters, so that the dates are derived here too.
+  record->setKaleth(std::move(kaleth));
+  record->setUrl(std::move(url));
+  record->setSettingsChannel(std::move(settingsChannel));
+  record->setExp(expiry);
+  record->setIat(notValidBefore);
+  return record;
+}
+
+std::shared_ptr<OrvAppConfigSettingsRecord> OrvAppConfigSettingsRecord::initWithJSONDictionary(
+    const boost::json::object* jsonDictionary) {
+  if (!jsonDictionary) return nullptr;
+  auto kaleth = OrvAppConfigSettingsKaleth::initWithJSONDictionary(OrvJSON::jsonDictionaryForKey(jsonDictionary, "kaleth"));
+  auto url = OrvAppConfigSettingsURL::initWithJSONDictionary(OrvJSON::jsonDictionaryForKey(jsonDictionary, "url"));
+  auto channel =
+      OrvAppConfigSettingsChannel::initWithJSONDictionary(OrvJSON::jsonDictionaryForKey(jsonDictionary, "settingsChannel"));
+  auto exp = OrvNumber::fromJSON(OrvJSON::jsonNumberForKey(jsonDictionary, "exp"));
+  auto iat = OrvNumber::fromJSON(OrvJSON::jsonNumberForKey(jsonDictionary, "iat"));
+  return initWithKaleth(std::move(kaleth), std::move(url), std::move(channel), exp, iat);
+}
+
+std::shared_ptr<OrvAppConfigSettingsRecord> OrvAppConfigSettingsRecord::createFromData(const OrvData& data,
+                                                                                       std::optional<OrvError>* error) {
+  // Fragments are allowed so that a bare scalar is not a parse error; it still fails below, with the
+  // same error as every other body that is not an object.
+  std::optional<OrvError> parseError;
+  const auto json = OrvJSONSerialization::JSONObjectWithData(data, OrvJSONReadingOptions::fragmentsAllowed, &parseError);
+  if (json && json->is_object()) {
+    if (error) *error = parseError;
+    return initWithJSONDictionary(&json->get_object());
+  }
+  if (error) {
+    *error = OrvError(OrvAppConfigSettingsRecordErrorDomain, 0,
+                      {{OrvLocalizedDescriptionKey, "A non-dictionary JSON object was provided as the settings response."}});
+  }
+  return nullptr;
+}
+
+void OrvAppConfigSettingsRecord::setExp(std::optional<OrvNumber> exp) {
+  exp_ = exp;
+  notValidAfter_ = exp ? std::optional<OrvDate>(orv::detail::dateFromEpochSeconds(*exp)) : std::nullopt;
+}
+
+void OrvAppConfigSettingsRecord::setIat(std::optional<OrvNumber> iat) {
+  iat_ = iat;
+  notValidBefore_ = iat ? std::optional<OrvDate>(orv::detail::dateFromEpochSeconds(*iat)) : std::nullopt;
+}
+
+const OrvClass& OrvAppConfigSettingsRecord::orvClass() {
+  static const OrvClass& cls = [] {
+    // The whole family is made known up front, so that a class swapped inside an archive reads as
+    // "not allowed" rather than "unknown", whichever classes the process happened to use before.
+    (void)OrvAppConfigSettingsKaleth::orvClass();
+    (void)OrvAppConfigSettingsApp::orvClass();
+    (void)OrvAppConfigCommonSettings::orvClass();
+    (void)OrvAppConfigSettingsIos::orvClass();
+    (void)OrvAppConfigSettingsMacOS::orvClass();
+    (void)OrvAppConfigSingleAppSetting::orvClass();
+    (void)OrvAppConfigSettingsURL::orvClass();
+    (void)OrvAppConfigSettingsMigrationURL::orvClass();
+    (void)OrvAppConfigSettingsChannel::orvClass();
+    return std::cref(OrvClass::registerClass(
+        "OrvAppConfigSettingsRecord", nullptr, supportsSecureCoding(),
+        [](OrvKeyedUnarchiver& coder) -> std::shared_ptr<OrvSecureCoding> { return initWithCoder(coder); }));
+  }();
+  return cls;
+}
+
+void OrvAppConfigSettingsRecord::encodeWithCoder(OrvKeyedArchiver& coder) const {
+  coder.encodeObject(kaleth_, "kaleth");
+  coder.encodeObject(url_, "url");
+  coder.encodeNumber(exp_, "exp");
+  coder.encodeNumber(iat_, "iat");
+  coder.encodeObject(settingsChannel_, "settingsChannel");
+}
+
+std::shared_ptr<OrvAppConfigSettingsRecord> OrvAppConfigSettingsRecord::initWithCoder(OrvKeyedUnarchiver& coder) {
+  auto kaleth = coder.decodeObjectOfClass<OrvAppConfigSettingsKaleth>("kaleth");
+  auto url = coder.decodeObjectOfClass<OrvAppConfigSettingsURL>("url");
+  auto channel = coder.decodeObjectOfClass<OrvAppConfigSettingsChannel>("settingsChannel");
+  auto exp = coder.decodeNumberForKey("exp");
+  auto iat = coder.decodeNumberForKey("iat");
+  if (coder.error()) return nullptr;
+  return initWithKaleth(std::move(kaleth), std::move(url), std::move(channel), exp, iat);
+}
+
+bool operator==(const OrvAppConfigSettingsRecord& a, const OrvAppConfigSettingsRecord& b) {
+  return orv::detail::sameObject(a.kaleth_, b.kaleth_) && orv::detail::sameObject(a.url_, b.url_) &&
+         orv::detail::sameObject(a.settingsChannel_, b.settingsChannel_) && a.exp_ == b.exp_ && a.iat_ == b.iat_ &&
+         a.notValidBefore_ == b.notValidBefore_ && a.notValidAfter_ == b.notValidAfter_;
+}

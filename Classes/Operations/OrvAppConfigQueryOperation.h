@@ -1,0 +1,65 @@
+#pragma once
+// One GET against the discovery service as one cancellable operation. Owns what the three queries
+// share: request and headers, the good-answer rule (status 200 with a body, nothing else), capture of
+// the signature header and body for later verification, the completion status and the log lines.
+// A subclass supplies the URL, a friendly name, the parsing of a 200 body and whether answers are signed.
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "OrvHttpHeaderProviderServiceProtocol.h"
+#include "OrvUrlSessionTaskOperationObjC.h"
+
+using OrvAppConfigQueryOperationCompletionStatus = std::uint64_t;
+inline constexpr OrvAppConfigQueryOperationCompletionStatus OrvAppConfigQueryOperationCompletionStatusSuccess = 0;
+inline constexpr OrvAppConfigQueryOperationCompletionStatus OrvAppConfigQueryOperationCompletionStatusCouldNotBuildUrl = 1;
+inline constexpr OrvAppConfigQueryOperationCompletionStatus OrvAppConfigQueryOperationCompletionStatusInvalidResponse = 2;
+inline constexpr OrvAppConfigQueryOperationCompletionStatus OrvAppConfigQueryOperationCompletionStatusFailedToParseRecords = 3;
+inline constexpr OrvAppConfigQueryOperationCompletionStatus OrvAppConfigQueryOperationCompletionStatusCancelled = 4;
+
+// Name of the response header that carries the detached signature.
+inline constexpr const char* OrvAppConfigVarnelSignatureHeaderName = "Varnel-Signature";
+
+class OrvAppConfigQueryOperation : public OrvUrlSessionTaskOperationObjC {
+public:
+  OrvAppConfigQueryOperation(std::shared_ptr<OrvURLSession> urlSession, std::uint64_t hostType,
+                             std::shared_ptr<OrvHttpHeaderProviderServiceProtocol> httpHeaderProviderService);
+
+  static std::string descriptionForCompletionStatus(OrvAppConfigQueryOperationCompletionStatus status);
+
+  // Read these only after the operation has finished.
+  const std::optional<std::string>& varnelSignatureHeader() const noexcept { return varnelSignatureHeader_; }
+  void setVarnelSignatureHeader(std::optional<std::string> header) { varnelSignatureHeader_ = std::move(header); }
+  const std::optional<OrvData>& responseData() const noexcept { return responseData_; }
+  void setResponseData(std::optional<OrvData> data) { responseData_ = std::move(data); }
+  const std::shared_ptr<OrvHttpHeaderProviderServiceProtocol>& httpHeaderProviderService() const noexcept {
+    return httpHeaderProviderService_;
+  }
+  std::uint64_t hostType() const noexcept { return hostType_; }
+  OrvAppConfigQueryOperationCompletionStatus completionStatus() const noexcept { return completionStatus_; }
+  void setCompletionStatus(OrvAppConfigQueryOperationCompletionStatus status) { completionStatus_ = status; }
+
+  void start() override;
+
+  // What a subclass supplies.
+  virtual std::optional<OrvURL> appConfigRequestURL();
+  virtual std::string appConfigQueryOperationFriendlyName() const;
+  virtual bool parseHttp200ResponseData(const OrvData& responseData, std::optional<OrvError>* error);
+  virtual bool willRequireVarnelSignatureValidation() const { return true; }
+
+  void coreStart();
+  void didCompleteUrlTaskWithData(std::optional<OrvData> data, std::shared_ptr<const OrvHTTPURLResponse> response,
+                                  std::optional<OrvError> error);
+  // The single exit: every path ends here exactly once.
+  void completeOperationWithStatus(OrvAppConfigQueryOperationCompletionStatus status, std::optional<OrvError> error);
+
+private:
+  std::optional<std::string> varnelSignatureHeader_;
+  std::optional<OrvData> responseData_;
+  std::shared_ptr<OrvHttpHeaderProviderServiceProtocol> httpHeaderProviderService_;
+  std::uint64_t hostType_;
+  OrvAppConfigQueryOperationCompletionStatus completionStatus_ = OrvAppConfigQueryOperationCompletionStatusSuccess;
+  std::once_flag completed_;
+};

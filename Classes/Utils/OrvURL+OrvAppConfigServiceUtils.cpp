@@ -1,0 +1,29 @@
+#include "OrvAppConfigServiceUtils.h"
+#include "OrvSDKStringUtils.h"
+
+namespace OrvAppConfigServiceUtils {
+
+std::optional<OrvURL> addPortAndSchemeIfNotPresent(const OrvURL& url) {
+  std::string string = url.absoluteString();
+  if (string.empty()) return std::nullopt;
+  const auto scheme = url.scheme();
+  if (scheme != "https" && scheme != "http") string.insert(0, "https://");
+  auto normalised = OrvURL::URLWithString(string);
+  if (!normalised) return std::nullopt;
+  // Only the secure default is made explicit; plain http stays without a port.
+  if (!normalised->port() && normalised->scheme() == "https") return normalised->URLBySettingPort(443);
+  return normalised;
+}
+
+bool requestedStoreURL(const std::optional<OrvURL>& requestedStoreURL, const std::optional<OrvURL>& matchesResponseURL) {
+  if (!requestedStoreURL || !matchesResponseURL) return false;
+  const auto requested = addPortAndSchemeIfNotPresent(*requestedStoreURL);
+  if (!requested) return false;
+  const OrvURL& response = *matchesResponseURL;
+  if (requested->port() != response.port()) return false;
+  if (!OrvIsCaseInsensitiveEqualToString(requested->scheme(), response.scheme())) return false;
+  if (!OrvIsCaseInsensitiveEqualToString(requested->host(), response.host())) return false;
+  return OrvIsCaseInsensitiveEqualToString(requested->path(), response.path());
+}
+
+}  // namespace OrvAppConfigServiceUtils

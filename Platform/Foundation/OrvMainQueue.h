@@ -1,0 +1,32 @@
+#pragma once
+// The main queue: one process-wide serial executor for everything the library hands back to the
+// host. The host either drains it on its main thread (run, runUntil, drain) or bridges it to its own
+// event loop with setBridge. dispatchAsync never runs the task on the calling thread.
+#include <chrono>
+#include <cstddef>
+#include <functional>
+
+class OrvMainQueue {
+public:
+  using Task = std::function<void()>;
+  // Receives each task; the host's loop must run them one at a time, in order, on its main thread.
+  using Bridge = std::function<void(Task)>;
+
+  static void dispatchAsync(Task task);
+
+  // Runs the tasks queued so far and those they queue in turn, until the queue is empty; returns how
+  // many ran.
+  static std::size_t drain();
+  // Runs tasks as they come until the predicate holds (checked after each task) or the timeout
+  // passes; returns the predicate's final value.
+  static bool runUntil(const std::function<bool()>& predicate, std::chrono::milliseconds timeout);
+  // Runs tasks as they come until stop() is called.
+  static void run();
+  static void stop();
+
+  // Hands every queued and future task to the bridge instead; an empty bridge removes it.
+  static void setBridge(Bridge bridge);
+
+  // True while the calling thread is running a main-queue task.
+  static bool isCurrent() noexcept;
+};

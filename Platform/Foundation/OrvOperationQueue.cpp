@@ -1,0 +1,192 @@
+#include "OrvOperationQueue.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <deque>
+#include <system_error>
+#include <thread>
+
+#include "OrvOperationQueueState.h"
+
+namespace orv::detail {
+namespace {
+
+// One pool for the process. It is created on first use and deliberately never destroyed: its
+// detached workers may still be running completion blocks while static destructors run at exit.
+class WorkerPool {
+public:
+  static WorkerPool& shared() {
+    static WorkerPool* const pool = new WorkerPool(std::max<std::size_t>(4, 2 * std::thread::hardware_concurrency()));
+    return *pool;
+  }
+
+  void post(std::function<void()> task) {
+    {
+      std::lock_guard lock(mutex_);
+      tasks_.push_back(std::move(task));
+    }
+    available_.notify_one();
+  }
+
+private:
+  explicit WorkerPool(std::size_t workers) {
+    for (std::size_t i = 0; i < workers; ++i) {
+      try {
+        std::thread([this] { work(); }).detach();
+      } catch (const std::system_error&) {
+        // Fewer workers than asked for still drain the queue.
+      }
+    }
+  }
+
+  [[noreturn]] void work() {
+    for (;;) {
+      std::function<void()> task;
+      {
+        std::unique_lock lock(mutex_);
+        available_.wait(lock, [this] { return !tasks_.empty(); });
+        task = std::move(tasks_.front());
+        tasks_.pop_front();
+      }
+      try {
+        if (task) task();
+      } catch (...) {
+        // A task that throws must not take the worker with it.
+      }
+    }
+  }
+
+  std::mutex mutex_;
+  std::condition_variable available_;
+  std::deque<std::function<void()>> tasks_;
+};
+
+}  // namespace
+
+void dispatchToWorkerPool(std::function<void()> task) { WorkerPool::shared().post(std::move(task)); }
+
+std::vector<std::shared_ptr<OrvOperation>> OperationQueueState::add(
+    const std::vector<std::shared_ptr<OrvOperation>>& operations) {
+  std::vector<std::shared_ptr<OrvOperation>> accepted;
+  std::lock_guard lock(mutex_);
+  for (const auto& operation : operations) {
+    if (!operation) continue;
+    {
+      std::lock_guard operationLock(operation->mutex_);
+      if (operation->enqueued_ || operation->isFinished()) continue;
+      operation->enqueued_ = true;
+      operation->queue_ = weak_from_this();
+    }
+    waiting_.push_back(operation);
+    accepted.push_back(operation);
+  }
+  if (!accepted.empty() && !keepAlive_) keepAlive_ = shared_from_this();
+  startWhatMayStart();
+  return accepted;
+}
+
+void OperationQueueState::startWhatMayStart() {
+  while (!waiting_.empty() && (maxConcurrent_ < 0 || started_.size() < static_cast<std::size_t>(maxConcurrent_))) {
+    auto operation = std::move(waiting_.front());
+    waiting_.pop_front();
+    started_.emplace(operation.get(), operation);
+    // Posting under the lock keeps the start order equal to the order of adding.
+    dispatchToWorkerPool([operation = std::move(operation)] { operation->start(); });
+  }
+}
+
+void OperationQueueState::operationFinished(OrvOperation* operation) {
+  // Declared before the lock so they are released after it: dropping the last references may
+  // destroy the operation and this state.
+  std::shared_ptr<OrvOperation> released;
+  std::shared_ptr<OperationQueueState> keepAlive;
+  {
+    std::lock_guard lock(mutex_);
+    if (const auto it = started_.find(operation); it != started_.end()) {
+      released = std::move(it->second);
+      started_.erase(it);
+    } else {
+      // Finished by someone else before its turn came.
+      const auto it2 = std::find_if(waiting_.begin(), waiting_.end(),
+                                    [operation](const auto& waiting) { return waiting.get() == operation; });
+      if (it2 == waiting_.end()) return;
+      released = std::move(*it2);
+      waiting_.erase(it2);
+    }
+    startWhatMayStart();
+    if (waiting_.empty() && started_.empty()) keepAlive = std::move(keepAlive_);
+    finished_.notify_all();
+  }
+}
+
+std::vector<std::shared_ptr<OrvOperation>> OperationQueueState::snapshot(bool includeStarted) const {
+  std::lock_guard lock(mutex_);
+  std::vector<std::shared_ptr<OrvOperation>> operations(waiting_.begin(), waiting_.end());
+  if (includeStarted) {
+    for (const auto& entry : started_) operations.push_back(entry.second);
+  }
+  return operations;
+}
+
+// didCancel() is the operation's code, so it runs outside the lock.
+void OperationQueueState::cancelAll() {
+  for (const auto& operation : snapshot(true)) operation->cancel();
+}
+
+void OperationQueueState::cancelWaiting() {
+  for (const auto& operation : snapshot(false)) operation->cancel();
+}
+
+void OperationQueueState::waitUntilAllFinished() {
+  std::unique_lock lock(mutex_);
+  finished_.wait(lock, [this] { return waiting_.empty() && started_.empty(); });
+}
+
+void OperationQueueState::waitUntilFinished(const std::vector<std::shared_ptr<OrvOperation>>& operations) {
+  std::unique_lock lock(mutex_);
+  finished_.wait(lock, [&operations] {
+    return std::all_of(operations.begin(), operations.end(), [](const auto& op) { return op->isFinished(); });
+  });
+}
+
+std::size_t OperationQueueState::count() const {
+  std::lock_guard lock(mutex_);
+  return waiting_.size() + started_.size();
+}
+
+void OperationQueueState::setMaxConcurrent(long count) {
+  std::lock_guard lock(mutex_);
+  maxConcurrent_ = count < 0 ? -1 : count;
+  startWhatMayStart();
+}
+
+long OperationQueueState::maxConcurrent() const {
+  std::lock_guard lock(mutex_);
+  return maxConcurrent_;
+}
+
+}  // namespace orv::detail
+
+OrvOperationQueue::OrvOperationQueue(std::string name)
+    : name_(std::move(name)), state_(std::make_shared<orv::detail::OperationQueueState>()) {}
+
+OrvOperationQueue::~OrvOperationQueue() { state_->cancelWaiting(); }
+
+void OrvOperationQueue::addOperation(std::shared_ptr<OrvOperation> operation) {
+  state_->add({std::move(operation)});
+}
+
+void OrvOperationQueue::addOperations(std::vector<std::shared_ptr<OrvOperation>> operations, bool waitUntilFinished) {
+  const auto accepted = state_->add(operations);
+  if (waitUntilFinished) state_->waitUntilFinished(accepted);
+}
+
+void OrvOperationQueue::addOperationWithBlock(std::function<void()> block) {
+  addOperation(OrvBlockOperation::blockOperationWithBlock(std::move(block)));
+}
+
+void OrvOperationQueue::cancelAllOperations() { state_->cancelAll(); }
+void OrvOperationQueue::waitUntilAllOperationsAreFinished() { state_->waitUntilAllFinished(); }
+std::size_t OrvOperationQueue::operationCount() const { return state_->count(); }
+void OrvOperationQueue::setMaxConcurrentOperationCount(long count) { state_->setMaxConcurrent(count); }
+long OrvOperationQueue::maxConcurrentOperationCount() const { return state_->maxConcurrent(); }

@@ -1,0 +1,47 @@
+#pragma once
+// A URL value on RFC 3986 (Boost.URL). Like the platform type it also holds relative references
+// ("store.example.com/Store" has a path but no scheme or host). Equality and hashing go by the
+// absolute string, so URLs can key sets and maps.
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+class OrvURL {
+public:
+  // Parses an RFC 3986 URI reference; std::nullopt for text the grammar rejects (blanks, bad escapes,
+  // a port that does not fit 16 bits) and for the empty string.
+  static std::optional<OrvURL> URLWithString(std::string_view string);
+
+  const std::string& absoluteString() const noexcept { return string_; }
+  std::optional<std::string> scheme() const;
+  // Percent-decoded; an IP literal without its brackets.
+  std::optional<std::string> host() const;
+  std::optional<std::uint16_t> port() const;
+  std::optional<std::string> user() const;
+  std::optional<std::string> password() const;
+  // Percent-decoded path without a trailing slash ("/" and "" both read as "").
+  std::string path() const;
+  std::optional<std::string> query() const;
+  std::optional<std::string> fragment() const;
+  // Last segment of the path, percent-decoded, ignoring a trailing slash; empty when there is none.
+  std::string lastPathComponent() const;
+
+  // Appends one component to the path. Characters a path segment may not hold are percent-encoded;
+  // a "/" inside the component is kept, so "example.com/" adds a segment and a trailing slash.
+  std::optional<OrvURL> URLByAppendingPathComponent(std::string_view component) const;
+  // The same URL with an explicit port; std::nullopt when the URL has no authority to carry one.
+  std::optional<OrvURL> URLBySettingPort(std::uint16_t port) const;
+
+  friend bool operator==(const OrvURL& a, const OrvURL& b) noexcept { return a.string_ == b.string_; }
+
+private:
+  explicit OrvURL(std::string string) : string_(std::move(string)) {}
+  std::string string_;
+};
+
+template <>
+struct std::hash<OrvURL> {
+  std::size_t operator()(const OrvURL& url) const noexcept { return std::hash<std::string>{}(url.absoluteString()); }
+};

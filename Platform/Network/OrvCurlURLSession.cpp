@@ -1,0 +1,456 @@
+#include "OrvCurlURLSession.h"
+
+#include <curl/curl.h>
+
+#include <atomic>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "OrvOperationQueue.h"
+
+namespace orv::detail {
+namespace {
+
+struct CurlEasyDeleter {
+  void operator()(CURL* handle) const noexcept { curl_easy_cleanup(handle); }
+};
+struct CurlMultiDeleter {
+  void operator()(CURLM* handle) const noexcept { curl_multi_cleanup(handle); }
+};
+struct CurlShareDeleter {
+  void operator()(CURLSH* handle) const noexcept { curl_share_cleanup(handle); }
+};
+struct CurlSlistDeleter {
+  void operator()(curl_slist* list) const noexcept { curl_slist_free_all(list); }
+};
+using CurlEasyHandle = std::unique_ptr<CURL, CurlEasyDeleter>;
+using CurlMultiHandle = std::unique_ptr<CURLM, CurlMultiDeleter>;
+using CurlShareHandle = std::unique_ptr<CURLSH, CurlShareDeleter>;
+using CurlSlistHandle = std::unique_ptr<curl_slist, CurlSlistDeleter>;
+
+// The I/O thread sleeps at most this long when curl has no earlier deadline of its own.
+constexpr int kPollIntervalMilliseconds = 1000;
+
+bool curlReady() {
+  static std::once_flag once;
+  static CURLcode result = CURLE_FAILED_INIT;
+  std::call_once(once, [] { result = curl_global_init(CURL_GLOBAL_DEFAULT); });
+  return result == CURLE_OK;
+}
+
+OrvError cancelledError() {
+  return OrvError(OrvURLErrorDomain, OrvURLErrorCancelled, {{OrvLocalizedDescriptionKey, "cancelled"}});
+}
+
+OrvError transportError(CURLcode code, std::string_view detail) {
+  std::string text = curl_easy_strerror(code);
+  if (!detail.empty() && detail != text) {
+    text += ": ";
+    text += detail;
+  }
+  while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+  return OrvError(OrvURLErrorDomain, static_cast<std::int64_t>(code), {{OrvLocalizedDescriptionKey, std::move(text)}});
+}
+
+bool isTokenCharacter(unsigned char c) noexcept {
+  if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')) return true;
+  return std::strchr("!#$%&'*+-.^_`|~", c) != nullptr && c != '\0';
+}
+
+// A field that could smuggle a second header line or break the request line is refused outright.
+bool isSendableField(std::string_view name, std::string_view value) noexcept {
+  if (name.empty()) return false;
+  for (const unsigned char c : name) {
+    if (!isTokenCharacter(c)) return false;
+  }
+  for (const unsigned char c : value) {
+    if (c == '\r' || c == '\n' || c == '\0') return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+class CurlDataTask;
+
+// One request on the wire. Lives on the I/O thread only.
+struct CurlTransfer {
+  CurlTransfer(CURLM* multi, std::shared_ptr<CurlDataTask> owner, std::size_t limit)
+      : multi(multi), task(std::move(owner)), bodyLimit(limit) {}
+  ~CurlTransfer() {
+    if (easy && attached) curl_multi_remove_handle(multi, easy.get());
+  }
+  CurlTransfer(const CurlTransfer&) = delete;
+  CurlTransfer& operator=(const CurlTransfer&) = delete;
+
+  CURLM* multi;
+  std::shared_ptr<CurlDataTask> task;
+  std::size_t bodyLimit;
+  std::string body;
+  bool overflowed = false;
+  bool attached = false;
+  char errorBuffer[CURL_ERROR_SIZE] = {};
+  CurlSlistHandle headers;
+  // Declared last so that it goes first: curl may still point at the buffers above.
+  CurlEasyHandle easy;
+};
+
+class CurlSessionCore {
+public:
+  explicit CurlSessionCore(OrvCurlURLSessionConfiguration configuration) : configuration_(std::move(configuration)) {}
+  ~CurlSessionCore() { shutdown(); }
+  CurlSessionCore(const CurlSessionCore&) = delete;
+  CurlSessionCore& operator=(const CurlSessionCore&) = delete;
+
+  bool start();
+  void shutdown();
+  std::uint64_t nextTaskIdentifier() noexcept { return nextTaskIdentifier_.fetch_add(1, std::memory_order_relaxed); }
+  void submit(std::shared_ptr<CurlDataTask> task);
+  void cancel(std::uint64_t taskIdentifier);
+
+private:
+  struct Command {
+    std::shared_ptr<CurlDataTask> startTask;
+    std::uint64_t cancelIdentifier = 0;
+  };
+
+  void post(Command command);
+  void run();
+  void startTransfer(const std::shared_ptr<CurlDataTask>& task);
+  void finishTransfer(CURL* easy, CURLcode result);
+  static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* user);
+
+  const OrvCurlURLSessionConfiguration configuration_;
+  std::atomic<std::uint64_t> nextTaskIdentifier_{1};
+
+  std::mutex mutex_;
+  std::vector<Command> commands_;
+  bool stopping_ = false;
+  std::thread thread_;
+  std::once_flag shutdownOnce_;
+
+  CurlMultiHandle multi_;
+  CurlShareHandle share_;
+  // I/O thread only.
+  std::map<std::uint64_t, std::unique_ptr<CurlTransfer>> transfers_;
+};
+
+class CurlDataTask final : public OrvURLSessionDataTask, public std::enable_shared_from_this<CurlDataTask> {
+public:
+  CurlDataTask(std::uint64_t identifier, OrvURLRequest request, OrvURLSessionDataTaskCompletionHandler handler,
+               std::weak_ptr<CurlSessionCore> core)
+      : identifier_(identifier), request_(std::move(request)), handler_(std::move(handler)), core_(std::move(core)) {}
+
+  void resume() override {
+    if (resumed_.exchange(true, std::memory_order_acq_rel) || isFinished()) return;
+    if (auto core = core_.lock()) {
+      core->submit(shared_from_this());
+    } else {
+      complete(std::nullopt, nullptr, cancelledError());
+    }
+  }
+
+  void cancel() override {
+    if (!complete(std::nullopt, nullptr, cancelledError())) return;
+    // The transfer, if it has one, is dropped by the I/O thread; the handler has already been sent off.
+    if (resumed_.load(std::memory_order_acquire)) {
+      if (auto core = core_.lock()) core->cancel(identifier_);
+    }
+  }
+
+  std::uint64_t taskIdentifier() const override { return identifier_; }
+  const OrvURLRequest& request() const noexcept { return request_; }
+  bool isFinished() const noexcept { return finished_.load(std::memory_order_acquire); }
+
+  // Claims the task's single completion and hands the handler to the worker pool; false when the task
+  // had already completed (a cancel racing with the answer, for instance).
+  bool complete(std::optional<OrvData> data, std::shared_ptr<const OrvHTTPURLResponse> response,
+                std::optional<OrvError> error) noexcept {
+    if (finished_.exchange(true, std::memory_order_acq_rel)) return false;
+    try {
+      auto handler = std::move(handler_);
+      if (handler) {
+        dispatchToWorkerPool([handler = std::move(handler), data = std::move(data), response = std::move(response),
+                              error = std::move(error)]() mutable {
+          handler(std::move(data), std::move(response), std::move(error));
+        });
+      }
+    } catch (...) {
+      // Only allocation can fail here; there is no thread left to report it on.
+    }
+    return true;
+  }
+
+private:
+  const std::uint64_t identifier_;
+  const OrvURLRequest request_;
+  OrvURLSessionDataTaskCompletionHandler handler_;
+  const std::weak_ptr<CurlSessionCore> core_;
+  std::atomic<bool> resumed_{false};
+  std::atomic<bool> finished_{false};
+};
+
+bool CurlSessionCore::start() {
+  if (!curlReady()) return false;
+  multi_.reset(curl_multi_init());
+  share_.reset(curl_share_init());
+  if (!multi_ || !share_) return false;
+  // TLS sessions are resumed across the session's transfers; all of them run on the I/O thread, so
+  // the share needs no lock callbacks.
+  curl_share_setopt(share_.get(), CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+  curl_multi_setopt(multi_.get(), CURLMOPT_PIPELINING, long(CURLPIPE_MULTIPLEX));
+  if (configuration_.maxConnectionsPerHost > 0) {
+    curl_multi_setopt(multi_.get(), CURLMOPT_MAX_HOST_CONNECTIONS, configuration_.maxConnectionsPerHost);
+  }
+  thread_ = std::thread([this] { run(); });
+  return true;
+}
+
+void CurlSessionCore::shutdown() {
+  std::call_once(shutdownOnce_, [this] {
+    {
+      std::lock_guard lock(mutex_);
+      stopping_ = true;
+    }
+    if (multi_) curl_multi_wakeup(multi_.get());
+    if (thread_.joinable()) thread_.join();
+  });
+}
+
+void CurlSessionCore::post(Command command) {
+  std::unique_lock lock(mutex_);
+  if (stopping_) {
+    lock.unlock();
+    if (command.startTask) command.startTask->complete(std::nullopt, nullptr, cancelledError());
+    return;
+  }
+  commands_.push_back(std::move(command));
+  // The wake-up is remembered when the I/O thread is not polling yet, so it cannot be lost.
+  curl_multi_wakeup(multi_.get());
+}
+
+void CurlSessionCore::submit(std::shared_ptr<CurlDataTask> task) {
+  try {
+    post(Command{std::move(task), 0});
+  } catch (...) {
+    // Could not queue it: the task still owes its caller one completion.
+    if (task) task->complete(std::nullopt, nullptr, transportError(CURLE_OUT_OF_MEMORY, {}));
+  }
+}
+
+void CurlSessionCore::cancel(std::uint64_t taskIdentifier) {
+  try {
+    post(Command{nullptr, taskIdentifier});
+  } catch (...) {
+    // The task has completed already; its transfer then runs to its end unheard.
+  }
+}
+
+void CurlSessionCore::run() {
+  for (;;) {
+    std::vector<Command> commands;
+    bool stopping;
+    {
+      std::lock_guard lock(mutex_);
+      commands.swap(commands_);
+      stopping = stopping_;
+    }
+    if (stopping) {
+      for (auto& command : commands) {
+        if (command.startTask) command.startTask->complete(std::nullopt, nullptr, cancelledError());
+      }
+      break;
+    }
+    for (auto& command : commands) {
+      if (command.startTask) {
+        startTransfer(command.startTask);
+      } else {
+        transfers_.erase(command.cancelIdentifier);
+      }
+    }
+
+    int running = 0;
+    curl_multi_perform(multi_.get(), &running);
+    int queued = 0;
+    while (CURLMsg* message = curl_multi_info_read(multi_.get(), &queued)) {
+      if (message->msg == CURLMSG_DONE) finishTransfer(message->easy_handle, message->data.result);
+    }
+    curl_multi_poll(multi_.get(), nullptr, 0, kPollIntervalMilliseconds, nullptr);
+  }
+
+  for (auto& [identifier, transfer] : transfers_) transfer->task->complete(std::nullopt, nullptr, cancelledError());
+  transfers_.clear();
+}
+
+std::size_t CurlSessionCore::onBody(char* data, std::size_t size, std::size_t count, void* user) {
+  auto* transfer = static_cast<CurlTransfer*>(user);
+  const std::size_t bytes = size * count;
+  if (bytes > transfer->bodyLimit - transfer->body.size()) {
+    transfer->overflowed = true;
+    return 0;
+  }
+  try {
+    transfer->body.append(data, bytes);
+  } catch (...) {
+    return 0;
+  }
+  return bytes;
+}
+
+void CurlSessionCore::startTransfer(const std::shared_ptr<CurlDataTask>& task) {
+  if (task->isFinished()) return;
+  const std::uint64_t identifier = task->taskIdentifier();
+  try {
+    auto transfer = std::make_unique<CurlTransfer>(multi_.get(), task, configuration_.maxResponseBytes);
+    transfer->easy.reset(curl_easy_init());
+    CURL* easy = transfer->easy.get();
+    if (!easy) {
+      task->complete(std::nullopt, nullptr, transportError(CURLE_FAILED_INIT, {}));
+      return;
+    }
+
+    const OrvURLRequest& request = task->request();
+    curl_slist* headers = nullptr;
+    for (const auto& [name, value] : request.allHTTPHeaderFields()) {
+      if (!isSendableField(name, value)) {
+        task->complete(std::nullopt, nullptr,
+                       transportError(CURLE_BAD_FUNCTION_ARGUMENT, "header field \"" + name + "\" cannot be sent"));
+        return;
+      }
+      // "Name;" is curl's spelling of a field with an empty value ("Name:" would remove it).
+      const std::string line = value.empty() ? name + ";" : name + ": " + value;
+      curl_slist* extended = curl_slist_append(headers, line.c_str());
+      if (!extended) {
+        curl_slist_free_all(headers);
+        task->complete(std::nullopt, nullptr, transportError(CURLE_OUT_OF_MEMORY, {}));
+        return;
+      }
+      headers = extended;
+    }
+    transfer->headers.reset(headers);
+
+    const auto& config = configuration_;
+    const bool automaticVersion = config.httpVersion == OrvCurlHTTPVersion::automatic;
+    CURLcode code = CURLE_OK;
+    const auto set = [&](CURLoption option, auto value) {
+      if (code == CURLE_OK) code = curl_easy_setopt(easy, option, value);
+    };
+    set(CURLOPT_URL, request.URL().absoluteString().c_str());
+    set(CURLOPT_PRIVATE, static_cast<void*>(transfer.get()));
+    set(CURLOPT_ERRORBUFFER, transfer->errorBuffer);
+    set(CURLOPT_NOSIGNAL, 1L);
+    set(CURLOPT_PROTOCOLS_STR, "https");
+    set(CURLOPT_REDIR_PROTOCOLS_STR, "https");
+    set(CURLOPT_FOLLOWLOCATION, config.maxRedirects > 0 ? 1L : 0L);
+    set(CURLOPT_MAXREDIRS, config.maxRedirects);
+    set(CURLOPT_SSL_VERIFYPEER, 1L);
+    set(CURLOPT_SSL_VERIFYHOST, 2L);
+    set(CURLOPT_SSLVERSION, long(CURL_SSLVERSION_TLSv1_2));
+    if (config.caFile) set(CURLOPT_CAINFO, config.caFile->c_str());
+    set(CURLOPT_HTTP_VERSION, long(automaticVersion ? CURL_HTTP_VERSION_2TLS : CURL_HTTP_VERSION_1_1));
+    // Wait for a connection that may multiplex rather than open a parallel one.
+    set(CURLOPT_PIPEWAIT, automaticVersion ? 1L : 0L);
+    set(CURLOPT_CONNECTTIMEOUT_MS, long(config.connectTimeout.count()));
+    set(CURLOPT_LOW_SPEED_LIMIT, 1L);
+    set(CURLOPT_LOW_SPEED_TIME, long(config.inactivityTimeout.count()));
+    if (config.totalTimeout) set(CURLOPT_TIMEOUT_MS, long(config.totalTimeout->count()));
+    set(CURLOPT_MAXFILESIZE_LARGE, curl_off_t(config.maxResponseBytes));
+    set(CURLOPT_WRITEFUNCTION, &CurlSessionCore::onBody);
+    set(CURLOPT_WRITEDATA, static_cast<void*>(transfer.get()));
+    set(CURLOPT_HTTPHEADER, transfer->headers.get());
+    set(CURLOPT_SHARE, share_.get());
+    if (request.HTTPMethod() == "GET") {
+      set(CURLOPT_HTTPGET, 1L);
+    } else if (request.HTTPMethod() == "HEAD") {
+      set(CURLOPT_NOBODY, 1L);
+    } else {
+      set(CURLOPT_CUSTOMREQUEST, request.HTTPMethod().c_str());
+    }
+    if (code == CURLE_OK) {
+      const CURLMcode added = curl_multi_add_handle(multi_.get(), easy);
+      if (added != CURLM_OK) {
+        task->complete(std::nullopt, nullptr, transportError(CURLE_FAILED_INIT, curl_multi_strerror(added)));
+        return;
+      }
+      transfer->attached = true;
+    } else {
+      task->complete(std::nullopt, nullptr, transportError(code, transfer->errorBuffer));
+      return;
+    }
+    transfers_[identifier] = std::move(transfer);
+  } catch (...) {
+    task->complete(std::nullopt, nullptr, transportError(CURLE_OUT_OF_MEMORY, {}));
+  }
+}
+
+void CurlSessionCore::finishTransfer(CURL* easy, CURLcode result) {
+  void* user = nullptr;
+  curl_easy_getinfo(easy, CURLINFO_PRIVATE, &user);
+  auto* transfer = static_cast<CurlTransfer*>(user);
+  if (!transfer) return;
+  const std::uint64_t identifier = transfer->task->taskIdentifier();
+
+  try {
+    if (result != CURLE_OK) {
+      if (transfer->overflowed) {
+        transfer->task->complete(std::nullopt, nullptr,
+                                 transportError(CURLE_FILESIZE_EXCEEDED, "response body exceeds " +
+                                                                             std::to_string(transfer->bodyLimit) + " bytes"));
+      } else {
+        transfer->task->complete(std::nullopt, nullptr, transportError(result, transfer->errorBuffer));
+      }
+    } else {
+      long status = 0;
+      curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+      char* effectiveURL = nullptr;
+      curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &effectiveURL);
+      std::optional<OrvURL> url = effectiveURL ? OrvURL::URLWithString(effectiveURL) : std::nullopt;
+      if (!url) url = transfer->task->request().URL();
+
+      // Request -1 is the last one of a redirect chain: only the final response's fields count.
+      std::vector<std::pair<std::string, std::string>> fields;
+      curl_header* previous = nullptr;
+      while (curl_header* header = curl_easy_nextheader(easy, CURLH_HEADER, -1, previous)) {
+        fields.emplace_back(header->name, header->value);
+        previous = header;
+      }
+      auto response = std::make_shared<const OrvHTTPURLResponse>(std::move(url), status, std::move(fields));
+      transfer->task->complete(std::move(transfer->body), std::move(response), std::nullopt);
+    }
+  } catch (...) {
+    transfer->task->complete(std::nullopt, nullptr, transportError(CURLE_OUT_OF_MEMORY, {}));
+  }
+  transfers_.erase(identifier);
+}
+
+}  // namespace orv::detail
+
+OrvCurlURLSession::OrvCurlURLSession(OrvCurlURLSessionConfiguration configuration,
+                                     std::shared_ptr<orv::detail::CurlSessionCore> core)
+    : configuration_(std::move(configuration)), core_(std::move(core)) {}
+
+OrvCurlURLSession::~OrvCurlURLSession() { core_->shutdown(); }
+
+std::shared_ptr<OrvCurlURLSession> OrvCurlURLSession::create(OrvCurlURLSessionConfiguration configuration) {
+  try {
+    auto core = std::make_shared<orv::detail::CurlSessionCore>(configuration);
+    if (!core->start()) return nullptr;
+    return std::shared_ptr<OrvCurlURLSession>(new OrvCurlURLSession(std::move(configuration), std::move(core)));
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+std::shared_ptr<OrvURLSessionDataTask> OrvCurlURLSession::dataTaskWithRequest(
+    const OrvURLRequest& request, OrvURLSessionDataTaskCompletionHandler completionHandler) {
+  try {
+    return std::make_shared<orv::detail::CurlDataTask>(core_->nextTaskIdentifier(), request,
+                                                       std::move(completionHandler), core_);
+  } catch (...) {
+    return nullptr;
+  }
+}

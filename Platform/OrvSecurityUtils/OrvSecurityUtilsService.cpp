@@ -1,0 +1,416 @@
+#include "OrvSecurityUtilsService.h"
+
+#include <boost/json.hpp>
+
+#include <algorithm>
+#include <chrono>
+#include <exception>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <sstream>
+#include <variant>
+
+#include "OrvCertificateHandle.h"
+#include "OrvJSONSerialization.h"
+#include "OrvOperationQueue.h"
+#include "OrvSDKStringUtils.h"
+
+namespace orv::detail {
+
+struct SecurityServiceConfiguration {
+  // Kept so that the store's certificates stay the ones the host configured.
+  std::vector<OrvCertificateRef> trustAnchors;
+  // X509_STORE locks internally; verifications share it.
+  X509StorePtr trustStore;
+  bool requiresChain = false;
+  OrvSecurityUtilsService::Clock clock;
+};
+
+}  // namespace orv::detail
+
+namespace {
+
+using namespace orv::detail;
+
+using Verdict = std::pair<std::int64_t, std::optional<OrvError>>;
+
+Verdict reject(OrvSecurityUtilsResult result, std::string reason) {
+  return {result, OrvError(OrvSecurityUtilsErrorDomain, result, {{OrvLocalizedDescriptionKey, std::move(reason)}})};
+}
+
+Verdict accept() { return {OrvSecurityUtilsResultSuccess, std::nullopt}; }
+
+bool equalsIgnoringASCIICase(std::string_view a, std::string_view b) {
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
+    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
+    return lower(x) == lower(y);
+  });
+}
+
+// The header parameters whose meaning this library implements and may therefore be marked critical.
+bool isUnderstoodCriticalParameter(std::string_view name) { return name == "b64"; }
+
+struct ParsedHeader {
+  const JwsAlgorithm* algorithm = nullptr;
+  bool unencodedPayload = false;
+  std::optional<std::string> thumbprint;  // decoded "x5t#S256"
+};
+
+std::variant<ParsedHeader, Verdict> parseHeader(std::string_view headerJson) {
+  std::optional<OrvError> parseError;
+  const auto value = OrvJSONSerialization::JSONObjectWithData(headerJson, OrvJSONReadingOptions::none, &parseError);
+  if (!value) {
+    return reject(OrvSecurityUtilsResultInvalidHeader,
+                  "The JWT header is not valid JSON" +
+                      (parseError ? " (" + parseError->localizedDescription() + ")" : std::string()));
+  }
+  if (!value->is_object()) return reject(OrvSecurityUtilsResultInvalidHeader, "The JWT header is not a JSON object");
+  const boost::json::object& header = value->get_object();
+
+  ParsedHeader parsed;
+  const auto* alg = header.if_contains("alg");
+  if (!alg || !alg->is_string()) {
+    return reject(OrvSecurityUtilsResultInvalidHeader, "The JWT header has no \"alg\" string");
+  }
+  const std::string_view algorithmName = alg->get_string();
+  if (equalsIgnoringASCIICase(algorithmName, "none")) {
+    return reject(OrvSecurityUtilsResultUnsupportedAlgorithm, "The JWT header names no algorithm (\"none\")");
+  }
+  if (algorithmName.size() >= 2 && equalsIgnoringASCIICase(algorithmName.substr(0, 2), "HS")) {
+    return reject(OrvSecurityUtilsResultUnsupportedAlgorithm,
+                  "The JWT header names an HMAC algorithm, which a certificate cannot verify");
+  }
+  parsed.algorithm = findJwsAlgorithm(algorithmName);
+  if (!parsed.algorithm) {
+    return reject(OrvSecurityUtilsResultUnsupportedAlgorithm,
+                  "The JWT header names an unsupported algorithm \"" + std::string(algorithmName) + "\"");
+  }
+
+  bool b64Critical = false;
+  if (const auto* crit = header.if_contains("crit")) {
+    if (!crit->is_array() || crit->get_array().empty()) {
+      return reject(OrvSecurityUtilsResultInvalidHeader, "The JWT header's \"crit\" is not a non-empty array");
+    }
+    std::set<std::string_view> seen;
+    for (const auto& entry : crit->get_array()) {
+      if (!entry.is_string()) {
+        return reject(OrvSecurityUtilsResultInvalidHeader, "The JWT header's \"crit\" holds a value that is not a name");
+      }
+      const std::string_view name = entry.get_string();
+      if (!isUnderstoodCriticalParameter(name)) {
+        return reject(OrvSecurityUtilsResultUnknownCritical,
+                      "The JWT header marks the unsupported parameter \"" + std::string(name) + "\" critical");
+      }
+      if (!seen.insert(name).second) {
+        return reject(OrvSecurityUtilsResultInvalidHeader,
+                      "The JWT header's \"crit\" names \"" + std::string(name) + "\" twice");
+      }
+      if (!header.contains(name)) {
+        return reject(OrvSecurityUtilsResultInvalidHeader,
+                      "The JWT header marks \"" + std::string(name) + "\" critical but does not carry it");
+      }
+    }
+    b64Critical = seen.contains("b64");
+  }
+  if (const auto* b64 = header.if_contains("b64")) {
+    if (!b64->is_bool()) return reject(OrvSecurityUtilsResultInvalidHeader, "The JWT header's \"b64\" is not a boolean");
+    // An unencoded payload changes what was signed; a signer may only ask for it as a critical parameter,
+    // so that a verifier that does not know "b64" refuses instead of checking the wrong input.
+    parsed.unencodedPayload = b64Critical && !b64->get_bool();
+  }
+  if (const auto* x5t = header.if_contains("x5t#S256")) {
+    if (!x5t->is_string()) {
+      return reject(OrvSecurityUtilsResultInvalidHeader, "The JWT header's \"x5t#S256\" is not a string");
+    }
+    parsed.thumbprint = OrvBase64URLDecode(x5t->get_string());
+    if (!parsed.thumbprint) {
+      return reject(OrvSecurityUtilsResultMalformedEncoding,
+                    "The JWT header's \"x5t#S256\" is not canonical unpadded base64url");
+    }
+  }
+  return parsed;
+}
+
+bool carriesName(const std::vector<std::string>& values, const std::string& name) {
+  return std::find(values.begin(), values.end(), name) != values.end();
+}
+
+std::optional<Verdict> checkCertificate(const SecurityServiceConfiguration& configuration,
+                                        const CertificateHandle& certificate, const std::optional<std::string>& issuer,
+                                        OrvDate now) {
+  if (issuer && !carriesName(certificate.issuerOrganizations, *issuer) &&
+      !carriesName(certificate.issuerCommonNames, *issuer)) {
+    return reject(OrvSecurityUtilsResultIssuerMismatch,
+                  "The certificate's issuer is not \"" + *issuer + "\" (neither its organisation nor its common name)");
+  }
+  if (isDateBefore(now, certificate.notBefore)) {
+    return reject(OrvSecurityUtilsResultCertificateNotYetValid, "The certificate is not valid yet");
+  }
+  if (isDateAfter(now, certificate.notAfter)) {
+    return reject(OrvSecurityUtilsResultCertificateExpired, "The certificate has expired");
+  }
+  if (certificate.hasKeyUsage && !(certificate.keyUsage & KU_DIGITAL_SIGNATURE)) {
+    return reject(OrvSecurityUtilsResultKeyUsageForbidsSignature,
+                  "The certificate's key usage does not allow digital signatures");
+  }
+  if (!configuration.requiresChain) return std::nullopt;
+
+  X509StoreCtxPtr context(X509_STORE_CTX_new());
+  if (!context || !configuration.trustStore || X509_STORE_CTX_init(context.get(), configuration.trustStore.get(), certificate.certificate.get(),
+                                      nullptr) != 1) {
+    return reject(OrvSecurityUtilsResultInternalError, "The certificate chain could not be checked");
+  }
+  // Validity is judged below with the service's clock and inclusive ends, the same rule as for the
+  // certificate itself. Anchors need not be self-signed roots.
+  X509_STORE_CTX_set_flags(context.get(), X509_V_FLAG_PARTIAL_CHAIN | X509_V_FLAG_NO_CHECK_TIME);
+  if (X509_verify_cert(context.get()) != 1) {
+    const int error = X509_STORE_CTX_get_error(context.get());
+    return reject(OrvSecurityUtilsResultUntrustedChain,
+                  std::string("The certificate does not chain to a trusted root (") +
+                      X509_verify_cert_error_string(error) + ")");
+  }
+  const STACK_OF(X509)* chain = X509_STORE_CTX_get0_chain(context.get());
+  for (int index = 1; index < sk_X509_num(chain); ++index) {
+    const X509* link = sk_X509_value(chain, index);
+    const auto notBefore = certificateTimeOf(X509_get0_notBefore(link));
+    const auto notAfter = certificateTimeOf(X509_get0_notAfter(link));
+    if (!notBefore || !notAfter || isDateBefore(now, *notBefore) || isDateAfter(now, *notAfter)) {
+      return reject(OrvSecurityUtilsResultUntrustedChain,
+                    "The certificate chains to a trusted certificate that is outside its validity period");
+    }
+  }
+  return std::nullopt;
+}
+
+// ECDSA signatures travel as r||s of fixed width; OpenSSL wants them DER-encoded.
+std::optional<std::string> rawToDerSignature(std::string_view raw, std::size_t coordinateSize) {
+  const auto* bytes = reinterpret_cast<const unsigned char*>(raw.data());
+  BignumPtr r(BN_bin2bn(bytes, static_cast<int>(coordinateSize), nullptr));
+  BignumPtr s(BN_bin2bn(bytes + coordinateSize, static_cast<int>(coordinateSize), nullptr));
+  EcdsaSigPtr signature(ECDSA_SIG_new());
+  if (!r || !s || !signature || ECDSA_SIG_set0(signature.get(), r.get(), s.get()) != 1) return std::nullopt;
+  r.release();  // owned by signature now
+  s.release();
+  unsigned char* der = nullptr;
+  const int length = i2d_ECDSA_SIG(signature.get(), &der);
+  if (length <= 0) return std::nullopt;
+  OpenSSLBytesPtr owner(der);
+  return std::string(reinterpret_cast<const char*>(der), static_cast<std::size_t>(length));
+}
+
+Verdict verifySignature(const JwsAlgorithm& algorithm, EVP_PKEY* key, std::string_view signingInput,
+                        std::string_view signature) {
+  std::string derSignature;
+  if (algorithm.family == JwsKeyFamily::ecdsa) {
+    if (signature.size() != 2 * algorithm.coordinateSize) {
+      return reject(OrvSecurityUtilsResultMalformedSignature,
+                    "The signature is not the " + std::to_string(2 * algorithm.coordinateSize) + "-byte r||s that " +
+                        std::string(algorithm.name) + " requires");
+    }
+    auto converted = rawToDerSignature(signature, algorithm.coordinateSize);
+    if (!converted) return reject(OrvSecurityUtilsResultInternalError, "The signature could not be prepared");
+    derSignature = std::move(*converted);
+    signature = derSignature;
+  } else if (algorithm.family == JwsKeyFamily::eddsa && signature.size() != 64) {
+    return reject(OrvSecurityUtilsResultMalformedSignature, "The signature is not the 64 bytes that EdDSA requires");
+  }
+
+  EvpMdCtxPtr context(EVP_MD_CTX_new());
+  EVP_PKEY_CTX* keyContext = nullptr;  // owned by context
+  if (!context ||
+      EVP_DigestVerifyInit_ex(context.get(), &keyContext, algorithm.digest, nullptr, nullptr, key, nullptr) != 1 ||
+      (algorithm.family == JwsKeyFamily::rsaPss && !configurePss(keyContext, algorithm))) {
+    return reject(OrvSecurityUtilsResultInternalError, "The signature check could not be set up");
+  }
+  const int verified = EVP_DigestVerify(context.get(), reinterpret_cast<const unsigned char*>(signature.data()),
+                                        signature.size(), reinterpret_cast<const unsigned char*>(signingInput.data()),
+                                        signingInput.size());
+  if (verified != 1) {
+    return reject(OrvSecurityUtilsResultSignatureMismatch, "The signature does not match the payload");
+  }
+  return accept();
+}
+
+Verdict verify(const SecurityServiceConfiguration& configuration, std::string_view payload,
+               const std::optional<std::string>& encodedHeader, const std::optional<std::string>& encodedSignature,
+               const OrvCertificateRef& certificateRef, const AdditionalCertificateValidationOptions* options) {
+  if (!encodedHeader) return reject(OrvSecurityUtilsResultMissingInput, "The JWT header is missing");
+  if (!encodedSignature) return reject(OrvSecurityUtilsResultMissingInput, "The JWT signature is missing");
+  if (!certificateRef) return reject(OrvSecurityUtilsResultMissingInput, "The verification certificate is missing");
+  const CertificateHandle& certificate = certificateRef->handle();
+
+  const auto headerJson = OrvBase64URLDecode(*encodedHeader);
+  if (!headerJson) {
+    return reject(OrvSecurityUtilsResultMalformedEncoding, "The JWT header is not canonical unpadded base64url");
+  }
+  const auto signature = OrvBase64URLDecode(*encodedSignature);
+  if (!signature) {
+    return reject(OrvSecurityUtilsResultMalformedEncoding, "The JWT signature is not canonical unpadded base64url");
+  }
+  auto parsedOrVerdict = parseHeader(*headerJson);
+  if (auto* verdict = std::get_if<Verdict>(&parsedOrVerdict)) return std::move(*verdict);
+  const ParsedHeader& header = std::get<ParsedHeader>(parsedOrVerdict);
+
+  if (!keyFitsAlgorithm(certificate.keyTraits, *header.algorithm)) {
+    return reject(OrvSecurityUtilsResultAlgorithmKeyMismatch,
+                  "The algorithm " + std::string(header.algorithm->name) + " does not fit the certificate's key");
+  }
+  if (certificate.keyTraits.type == KeyTraits::Type::rsa && certificate.keyTraits.bits < 2048) {
+    return reject(OrvSecurityUtilsResultKeyTooWeak, "The certificate's RSA key is shorter than 2048 bits");
+  }
+  if (header.thumbprint && *header.thumbprint != certificate.sha256Thumbprint) {
+    return reject(OrvSecurityUtilsResultThumbprintMismatch, "The JWT header's \"x5t#S256\" names another certificate");
+  }
+  const OrvDate now = configuration.clock ? configuration.clock() : std::chrono::system_clock::now();
+  const std::optional<std::string> noIssuer;
+  if (auto verdict = checkCertificate(configuration, certificate, options ? options->requiredIssuerName() : noIssuer,
+                                      now)) {
+    return std::move(*verdict);
+  }
+
+  std::string signingInput;
+  if (header.unencodedPayload) {
+    signingInput.reserve(encodedHeader->size() + 1 + payload.size());
+    signingInput.append(*encodedHeader).append(1, '.').append(payload);
+  } else {
+    const std::string encodedPayload = OrvBase64URLEncodedStringFromString(std::string(payload)).value_or("");
+    signingInput.reserve(encodedHeader->size() + 1 + encodedPayload.size());
+    signingInput.append(*encodedHeader).append(1, '.').append(encodedPayload);
+  }
+  return verifySignature(*header.algorithm, certificate.publicKey.get(), signingInput, *signature);
+}
+
+Verdict verifyCatchingEverything(const SecurityServiceConfiguration& configuration, std::string_view payload,
+                                 const std::optional<std::string>& encodedHeader,
+                                 const std::optional<std::string>& encodedSignature,
+                                 const OrvCertificateRef& certificate, const AdditionalCertificateValidationOptions* options) {
+  Verdict verdict;
+  try {
+    verdict = verify(configuration, payload, encodedHeader, encodedSignature, certificate, options);
+  } catch (const std::exception& exception) {
+    verdict = reject(OrvSecurityUtilsResultInternalError, std::string("The verification failed: ") + exception.what());
+  }
+  drainOpenSSLErrors();
+  return verdict;
+}
+
+}  // namespace
+
+std::string OrvSecurityUtilsResultDescription(std::int64_t result) {
+  switch (result) {
+    case OrvSecurityUtilsResultSuccess: return "OrvSecurityUtilsResultSuccess";
+    case OrvSecurityUtilsResultMissingInput: return "OrvSecurityUtilsResultMissingInput";
+    case OrvSecurityUtilsResultMalformedEncoding: return "OrvSecurityUtilsResultMalformedEncoding";
+    case OrvSecurityUtilsResultInvalidHeader: return "OrvSecurityUtilsResultInvalidHeader";
+    case OrvSecurityUtilsResultUnsupportedAlgorithm: return "OrvSecurityUtilsResultUnsupportedAlgorithm";
+    case OrvSecurityUtilsResultUnknownCritical: return "OrvSecurityUtilsResultUnknownCritical";
+    case OrvSecurityUtilsResultAlgorithmKeyMismatch: return "OrvSecurityUtilsResultAlgorithmKeyMismatch";
+    case OrvSecurityUtilsResultKeyTooWeak: return "OrvSecurityUtilsResultKeyTooWeak";
+    case OrvSecurityUtilsResultThumbprintMismatch: return "OrvSecurityUtilsResultThumbprintMismatch";
+    case OrvSecurityUtilsResultIssuerMismatch: return "OrvSecurityUtilsResultIssuerMismatch";
+    case OrvSecurityUtilsResultCertificateNotYetValid: return "OrvSecurityUtilsResultCertificateNotYetValid";
+    case OrvSecurityUtilsResultCertificateExpired: return "OrvSecurityUtilsResultCertificateExpired";
+    case OrvSecurityUtilsResultKeyUsageForbidsSignature: return "OrvSecurityUtilsResultKeyUsageForbidsSignature";
+    case OrvSecurityUtilsResultUntrustedChain: return "OrvSecurityUtilsResultUntrustedChain";
+    case OrvSecurityUtilsResultMalformedSignature: return "OrvSecurityUtilsResultMalformedSignature";
+    case OrvSecurityUtilsResultSignatureMismatch: return "OrvSecurityUtilsResultSignatureMismatch";
+    case OrvSecurityUtilsResultInternalError: return "OrvSecurityUtilsResultInternalError";
+    default: return "Unknown OrvSecurityUtilsResult of " + std::to_string(result);
+  }
+}
+
+OrvSecurityUtilsService::OrvSecurityUtilsService(std::shared_ptr<const SecurityServiceConfiguration> configuration)
+    : configuration_(std::move(configuration)) {}
+
+OrvSecurityUtilsService::~OrvSecurityUtilsService() = default;
+
+std::shared_ptr<OrvSecurityUtilsService> OrvSecurityUtilsService::create(Configuration configuration) {
+  auto state = std::make_shared<SecurityServiceConfiguration>();
+  state->clock = std::move(configuration.clock);
+  for (auto& anchor : configuration.trustAnchors) {
+    if (anchor) state->trustAnchors.push_back(std::move(anchor));
+  }
+  if (!state->trustAnchors.empty()) {
+    // Decided here, not from the store: a store that could not be made must refuse, not wave through.
+    state->requiresChain = true;
+    state->trustStore.reset(X509_STORE_new());
+    if (state->trustStore) {
+      for (const auto& anchor : state->trustAnchors) {
+        X509_STORE_add_cert(state->trustStore.get(), anchor->handle().certificate.get());
+      }
+    }
+    drainOpenSSLErrors();
+  }
+  return std::shared_ptr<OrvSecurityUtilsService>(new OrvSecurityUtilsService(std::move(state)));
+}
+
+std::optional<std::vector<OrvCertificateRef>> OrvSecurityUtilsService::certificatesFromPEMBundle(std::string_view pem) {
+  constexpr std::string_view begin = "-----BEGIN CERTIFICATE-----";
+  constexpr std::string_view end = "-----END CERTIFICATE-----";
+  std::vector<OrvCertificateRef> certificates;
+  std::size_t position = 0;
+  while ((position = pem.find(begin, position)) != std::string_view::npos) {
+    const std::size_t blockEnd = pem.find(end, position + begin.size());
+    if (blockEnd == std::string_view::npos) return std::nullopt;
+    auto certificate = OrvCertificate::certificateWithContent(pem.substr(position, blockEnd + end.size() - position));
+    if (!certificate) return std::nullopt;
+    certificates.push_back(std::move(certificate));
+    position = blockEnd + end.size();
+  }
+  if (certificates.empty()) return std::nullopt;
+  return certificates;
+}
+
+std::optional<std::vector<OrvCertificateRef>> OrvSecurityUtilsService::loadCertificatesFromPEMFile(const std::string& path) {
+  try {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) return std::nullopt;
+    std::ostringstream contents;
+    contents << file.rdbuf();
+    if (file.bad()) return std::nullopt;
+    return certificatesFromPEMBundle(contents.str());
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
+OrvCertificateRef OrvSecurityUtilsService::createCertificateFromCertificateContent(std::string_view certificateContent) {
+  return OrvCertificate::certificateWithContent(certificateContent);
+}
+
+void OrvSecurityUtilsService::asyncValidateJWTWithJwtPayload(
+    std::string jwtPayload, std::optional<std::string> base64URLEncodedJWTHeader,
+    std::optional<std::string> base64URLEncodedJWTSignature, OrvCertificateRef verificationCertificate,
+    std::shared_ptr<const AdditionalCertificateValidationOptions> additionalValidationOptions,
+    OrvJWTValidationCompletionBlock completionBlock) {
+  if (!completionBlock) return;
+  try {
+    orv::detail::dispatchToWorkerPool([configuration = configuration_, payload = std::move(jwtPayload),
+                                       header = std::move(base64URLEncodedJWTHeader),
+                                       signature = std::move(base64URLEncodedJWTSignature),
+                                       certificate = std::move(verificationCertificate),
+                                       options = std::move(additionalValidationOptions),
+                                       completion = std::move(completionBlock)] {
+      auto [result, error] =
+          verifyCatchingEverything(*configuration, payload, header, signature, certificate, options.get());
+      try {
+        completion(result, std::move(error));
+      } catch (...) {
+        // A host's completion that throws must not take a worker thread down with it.
+      }
+    });
+  } catch (const std::exception&) {
+    // The pool could not take the task (out of memory); nothing can be delivered later either.
+  }
+}
+
+std::pair<std::int64_t, std::optional<OrvError>> OrvSecurityUtilsService::validateJWT(
+    std::string_view jwtPayload, const std::optional<std::string>& base64URLEncodedJWTHeader,
+    const std::optional<std::string>& base64URLEncodedJWTSignature, const OrvCertificateRef& verificationCertificate,
+    const AdditionalCertificateValidationOptions* additionalValidationOptions) const {
+  return verifyCatchingEverything(*configuration_, jwtPayload, base64URLEncodedJWTHeader, base64URLEncodedJWTSignature,
+                                  verificationCertificate, additionalValidationOptions);
+}
+
+std::size_t OrvSecurityUtilsService::trustAnchorCount() const noexcept { return configuration_->trustAnchors.size(); }

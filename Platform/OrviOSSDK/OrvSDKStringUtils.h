@@ -1,0 +1,18 @@
+#pragma once
+// String operations of the SDK.
+#include <optional>
+#include <string>
+#include <string_view>
+
+// base64url (RFC 4648 section 5) of the string's bytes, without "=" padding.
+std::optional<std::string> OrvBase64URLEncodedStringFromString(const std::optional<std::string>& string);
+// Equal under simple Unicode case folding of each code point (towlower in the C.UTF-8 locale);
+// false when either side is missing or is not valid UTF-8 and differs byte-wise.
+bool OrvIsCaseInsensitiveEqualToString(const std::optional<std::string>& receiver,
+                                       const std::optional<std::string>& other);
+
+// Strict base64url decoding: alphabet A-Z a-z 0-9 - _ only, no "=" padding, no white space, and the
+// unused low bits of the last character must be zero (one text per byte string). Nothing otherwise.
+std::optional<std::string> OrvBase64URLDecode(std::string_view text);
+// Standard base64 (RFC 4648 section 4) with padding.
+std::string OrvBase64Encode(std::string_view bytes);

@@ -1,0 +1,40 @@
+#pragma once
+// An asynchronous operation that owns a URL session and one session task. Cancelling a running
+// operation cancels its task.
+#include <memory>
+#include <mutex>
+#include <optional>
+
+#include "OrvError.h"
+#include "OrvOperation.h"
+#include "OrvURLSession.h"
+
+class OrvUrlSessionTaskOperationObjC : public OrvOperation {
+public:
+  explicit OrvUrlSessionTaskOperationObjC(std::shared_ptr<OrvURLSession> urlSession);
+
+  bool isAsynchronous() const override { return true; }
+
+  const std::shared_ptr<OrvURLSession>& urlSession() const noexcept { return urlSession_; }
+
+  void setSessionTaskOperationHandle(std::shared_ptr<OrvURLSessionDataTask> task);
+  std::shared_ptr<OrvURLSessionDataTask> sessionTaskOperationHandle() const;
+
+  void setCompletionError(std::optional<OrvError> error);
+  std::optional<OrvError> completionError() const;
+
+  using OrvOperation::moveToExecutingState;
+
+protected:
+  // Marks the operation finished, which releases it from its queue and runs its completion block.
+  void coreCompleteOperation() { moveToFinishedState(); }
+  void didCancel() override;
+
+private:
+  std::shared_ptr<OrvURLSession> urlSession_;
+  mutable std::mutex mutex_;
+  std::shared_ptr<OrvURLSessionDataTask> task_;
+  std::optional<OrvError> completionError_;
+  // Set by didCancel(), so that a task stored after the cancel is cancelled as it arrives.
+  bool cancelSeen_ = false;
+};

@@ -1,0 +1,307 @@
+// The HTTPS server of the emulator. All of Asio and Beast lives in this one file: they are slow to
+// compile, and nothing outside needs them.
+#include "OrvDiscoveryEmulator.h"
+
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/detached.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/redirect_error.hpp>
+#include <boost/asio/ssl.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+#include <boost/beast/ssl.hpp>
+#include <fmt/format.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "OrvEmulatorResponder.h"
+
+namespace orv::emulator {
+
+namespace detail {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+namespace ssl = asio::ssl;
+using tcp = asio::ip::tcp;
+using TLSStream = beast::ssl_stream<beast::tcp_stream>;
+
+namespace {
+
+constexpr std::size_t kMaxRequestBodyBytes = 64 * 1024;
+constexpr auto kShutdownTimeout = std::chrono::seconds(2);
+// Pause after a failed accept (out of descriptors, say) so the loop does not spin.
+constexpr auto kAcceptRetryDelay = std::chrono::milliseconds(50);
+
+bool isMalformedRequest(const beast::error_code& ec) {
+  if (ec.category() != http::make_error_code(http::error::bad_target).category()) return false;
+  return ec != http::error::end_of_stream && ec != http::error::partial_message && ec != http::error::header_limit &&
+         ec != http::error::body_limit && ec != http::error::buffer_overflow;
+}
+
+}  // namespace
+
+class EmulatorServer {
+public:
+  EmulatorServer(std::unique_ptr<Responder> responder, const EmulatorOptions& options)
+      : responder_(std::move(responder)),
+        idleTimeout_(options.idleTimeout),
+        maxHeaderBytes_(options.maxHeaderBytes),
+        tls_(ssl::context::tls_server) {}
+
+  ~EmulatorServer() { stop(); }
+
+  bool listen(const EmulatorOptions& options, std::string* error) {
+    try {
+      tls_.set_options(ssl::context::default_workarounds | ssl::context::no_sslv2 | ssl::context::no_sslv3 |
+                       ssl::context::no_tlsv1 | ssl::context::no_tlsv1_1 | ssl::context::single_dh_use);
+      const auto& material = responder_->material();
+      tls_.use_certificate_chain(asio::buffer(material.tlsCertificatePEM));
+      tls_.use_private_key(asio::buffer(material.tlsPrivateKeyPEM), ssl::context::pem);
+
+      boost::system::error_code ec;
+      const auto address = asio::ip::make_address(options.listenAddress, ec);
+      if (ec) {
+        if (error) *error = fmt::format("\"{}\" is not an IP address", options.listenAddress);
+        return false;
+      }
+      const tcp::endpoint endpoint(address, options.port);
+      acceptor_.open(endpoint.protocol());
+      acceptor_.set_option(asio::socket_base::reuse_address(true));
+      acceptor_.bind(endpoint);
+      acceptor_.listen(asio::socket_base::max_listen_connections);
+      bound_ = acceptor_.local_endpoint();
+    } catch (const std::exception& e) {
+      if (error) *error = fmt::format("cannot listen on {}:{}: {}", options.listenAddress, options.port, e.what());
+      return false;
+    }
+    asio::co_spawn(io_, acceptLoop(), asio::detached);
+    thread_ = std::thread([this] { io_.run(); });
+    return true;
+  }
+
+  void stop() {
+    if (stopped_.exchange(true)) return;
+    // Connections still open are torn down with the io_context: their coroutines are destroyed
+    // together with their sockets when it goes.
+    asio::post(io_, [this] {
+      boost::system::error_code ignored;
+      acceptor_.close(ignored);
+      io_.stop();
+    });
+    if (thread_.joinable()) thread_.join();
+  }
+
+  const tcp::endpoint& endpoint() const noexcept { return bound_; }
+  Responder& responder() noexcept { return *responder_; }
+
+private:
+  asio::awaitable<void> acceptLoop() {
+    for (;;) {
+      beast::error_code ec;
+      tcp::socket socket = co_await acceptor_.async_accept(asio::redirect_error(asio::use_awaitable, ec));
+      if (ec) {
+        if (!acceptor_.is_open() || ec == asio::error::operation_aborted) co_return;
+        asio::steady_timer pause(io_, kAcceptRetryDelay);
+        co_await pause.async_wait(asio::redirect_error(asio::use_awaitable, ec));
+        continue;
+      }
+      asio::co_spawn(io_, serve(TLSStream(std::move(socket), tls_)), asio::detached);
+    }
+  }
+
+  asio::awaitable<void> writeStatus(TLSStream& stream, http::status status, unsigned version) {
+    http::response<http::string_body> response{status, version};
+    response.set(http::field::content_type, "application/json");
+    response.body() = fmt::format(R"({{"error":"{}"}})", std::string_view(http::obsolete_reason(status)));
+    response.keep_alive(false);
+    response.prepare_payload();
+    beast::error_code ec;
+    stream.next_layer().expires_after(idleTimeout_);
+    co_await http::async_write(stream, response, asio::redirect_error(asio::use_awaitable, ec));
+  }
+
+  asio::awaitable<void> serve(TLSStream stream) {
+    try {
+      co_await serveRequests(stream);
+    } catch (...) {
+      // One broken connection must not take the server down.
+    }
+  }
+
+  asio::awaitable<void> serveRequests(TLSStream& stream) {
+    beast::error_code ec;
+    stream.next_layer().expires_after(idleTimeout_);
+    co_await stream.async_handshake(ssl::stream_base::server, asio::redirect_error(asio::use_awaitable, ec));
+    if (ec) co_return;
+
+    beast::flat_buffer buffer;
+    bool closeCleanly = true;
+    for (;;) {
+      http::request_parser<http::string_body> parser;
+      parser.header_limit(std::uint32_t(std::min<std::size_t>(maxHeaderBytes_, UINT32_MAX)));
+      parser.body_limit(kMaxRequestBodyBytes);
+      stream.next_layer().expires_after(idleTimeout_);
+      co_await http::async_read(stream, buffer, parser, asio::redirect_error(asio::use_awaitable, ec));
+      if (ec == http::error::header_limit) {
+        co_await writeStatus(stream, http::status::request_header_fields_too_large, 11);
+        break;
+      }
+      if (ec == http::error::body_limit) {
+        co_await writeStatus(stream, http::status::payload_too_large, 11);
+        break;
+      }
+      if (isMalformedRequest(ec)) {
+        co_await writeStatus(stream, http::status::bad_request, 11);
+        break;
+      }
+      if (ec) {
+        // The peer went away, timed out or broke TLS: nothing left to say to it.
+        closeCleanly = ec == http::error::end_of_stream;
+        break;
+      }
+
+      const auto& request = parser.get();
+      RecordedRequest recorded;
+      recorded.method = std::string(request.method_string());
+      recorded.target = std::string(request.target());
+      for (const auto& field : request) recorded.headers.emplace_back(field.name_string(), field.value());
+      responder_->record(recorded);
+
+      HttpAnswer answer = responder_->answer(recorded.method, recorded.target, std::chrono::system_clock::now());
+      if (answer.delay.count() > 0) {
+        asio::steady_timer timer(io_, answer.delay);
+        co_await timer.async_wait(asio::redirect_error(asio::use_awaitable, ec));
+      }
+
+      http::response<http::string_body> response;
+      response.version(request.version());
+      response.result(answer.status);
+      for (const auto& [name, value] : answer.headers) response.set(name, value);
+      response.body() = std::move(answer.body);
+      response.keep_alive(request.keep_alive());
+      response.prepare_payload();
+
+      stream.next_layer().expires_after(idleTimeout_);
+      if (answer.dropMidBody) {
+        // Announce the whole body, send the head and half of it, then cut the connection without
+        // a TLS close so that the client sees a truncated answer.
+        std::ostringstream wire;
+        wire << response;
+        const std::string text = wire.str();
+        const std::size_t cut = text.size() - (response.body().size() - response.body().size() / 2);
+        co_await asio::async_write(stream, asio::buffer(text.data(), cut),
+                                   asio::redirect_error(asio::use_awaitable, ec));
+        beast::get_lowest_layer(stream).socket().shutdown(tcp::socket::shutdown_both, ec);
+        beast::get_lowest_layer(stream).close();
+        co_return;
+      }
+      co_await http::async_write(stream, response, asio::redirect_error(asio::use_awaitable, ec));
+      if (ec) {
+        closeCleanly = false;
+        break;
+      }
+      if (!response.keep_alive()) break;
+    }
+
+    if (closeCleanly) {
+      stream.next_layer().expires_after(kShutdownTimeout);
+      co_await stream.async_shutdown(asio::redirect_error(asio::use_awaitable, ec));
+    }
+    beast::get_lowest_layer(stream).close();
+  }
+
+  std::unique_ptr<Responder> responder_;
+  const std::chrono::milliseconds idleTimeout_;
+  const std::size_t maxHeaderBytes_;
+  // Declared before the io_context so that it outlives the streams the io_context destroys.
+  ssl::context tls_;
+  asio::io_context io_{1};
+  tcp::acceptor acceptor_{io_};
+  tcp::endpoint bound_;
+  std::thread thread_;
+  std::atomic<bool> stopped_{false};
+};
+
+}  // namespace detail
+
+std::unique_ptr<DiscoveryEmulator> DiscoveryEmulator::start(const Options& options, std::string* error) {
+  try {
+    auto material = detail::loadMaterial(options.materialDir, options.algorithm, error);
+    if (!material) return nullptr;
+
+    std::string catalog = R"({"domains":{},"stores":{}})";
+    std::optional<std::string> catalogFile = options.catalogFile;
+    if (!catalogFile && !options.catalogJSON) {
+      const auto fallback = std::filesystem::path(options.materialDir) / kCatalogFile;
+      if (std::filesystem::exists(fallback)) catalogFile = fallback.string();
+    }
+    if (options.catalogJSON) {
+      catalog = *options.catalogJSON;
+    } else if (catalogFile) {
+      std::ifstream in(*catalogFile, std::ios::binary);
+      if (!in) {
+        if (error) *error = "cannot read the catalog " + *catalogFile;
+        return nullptr;
+      }
+      std::ostringstream text;
+      text << in.rdbuf();
+      catalog = text.str();
+    }
+
+    auto responder = detail::Responder::create(std::move(*material), catalog, error);
+    if (!responder) return nullptr;
+    auto server = std::make_unique<detail::EmulatorServer>(std::move(responder), options);
+    if (!server->listen(options, error)) return nullptr;
+    return std::unique_ptr<DiscoveryEmulator>(new DiscoveryEmulator(std::move(server)));
+  } catch (const std::exception& e) {
+    if (error) *error = e.what();
+    return nullptr;
+  }
+}
+
+DiscoveryEmulator::DiscoveryEmulator(std::unique_ptr<detail::EmulatorServer> server) : server_(std::move(server)) {}
+
+DiscoveryEmulator::~DiscoveryEmulator() = default;
+
+std::uint16_t DiscoveryEmulator::port() const { return server_->endpoint().port(); }
+
+std::string DiscoveryEmulator::hostAndPort() const {
+  const auto& endpoint = server_->endpoint();
+  const auto address = endpoint.address().to_string();
+  return endpoint.address().is_v6() ? fmt::format("[{}]:{}", address, endpoint.port())
+                                    : fmt::format("{}:{}", address, endpoint.port());
+}
+
+std::string DiscoveryEmulator::baseURL() const { return "https://" + hostAndPort(); }
+
+std::string DiscoveryEmulator::tlsCAFile() const { return server_->responder().material().tlsCAFile; }
+
+std::string DiscoveryEmulator::signingCertificatePEM() const {
+  return server_->responder().material().signingCertificatePEM;
+}
+
+bool DiscoveryEmulator::setFault(const std::string& path, FaultSpec fault) {
+  return server_->responder().setFault(path, std::move(fault));
+}
+
+void DiscoveryEmulator::clearFaults() { server_->responder().clearFaults(); }
+
+bool DiscoveryEmulator::setCatalogJSON(const std::string& text, std::string* error) {
+  return server_->responder().setCatalogJSON(text, error);
+}
+
+std::vector<RecordedRequest> DiscoveryEmulator::requests() const { return server_->responder().requests(); }
+
+void DiscoveryEmulator::clearRequests() { server_->responder().clearRequests(); }
+
+}  // namespace orv::emulator

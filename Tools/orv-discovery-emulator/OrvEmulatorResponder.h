@@ -1,0 +1,73 @@
+#pragma once
+// What the emulator answers, apart from the wire: the catalog, the routes, the signatures and the
+// fault knobs. The HTTPS server asks it for one answer per request.
+#include <chrono>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "OrvDiscoveryEmulator.h"
+#include "OrvEmulatorCrypto.h"
+#include "OrvTypes.h"
+
+namespace orv::emulator::detail {
+
+struct EmulatorMaterial {
+  std::string algorithm;
+  PrivateKey signingKey;
+  std::string signingCertificatePEM;
+  std::string tlsCertificatePEM;
+  std::string tlsPrivateKeyPEM;
+  std::string tlsCAFile;
+};
+
+// The keys and certificates of a material directory for the algorithm ("RS256" or "ES256").
+std::optional<EmulatorMaterial> loadMaterial(const std::string& dir, const std::string& algorithm, std::string* error);
+
+struct HttpAnswer {
+  unsigned status = 200;
+  std::string body;
+  std::vector<std::pair<std::string, std::string>> headers;
+  std::chrono::milliseconds delay{0};
+  bool dropMidBody = false;
+};
+
+struct Catalog;
+
+class Responder {
+public:
+  static std::unique_ptr<Responder> create(EmulatorMaterial material, std::string_view catalogJSON, std::string* error);
+  ~Responder();
+  Responder(const Responder&) = delete;
+  Responder& operator=(const Responder&) = delete;
+
+  HttpAnswer answer(std::string_view method, std::string_view target, OrvDate now) const;
+
+  bool setCatalogJSON(std::string_view text, std::string* error);
+  bool setFault(const std::string& path, FaultSpec fault);
+  void clearFaults();
+
+  void record(RecordedRequest request);
+  std::vector<RecordedRequest> requests() const;
+  void clearRequests();
+
+  const EmulatorMaterial& material() const noexcept { return material_; }
+
+private:
+  Responder(EmulatorMaterial material, std::shared_ptr<const Catalog> catalog);
+  std::string sign(std::string_view body, bool corrupt) const;
+
+  EmulatorMaterial material_;
+  std::string protectedHeader_;
+  mutable std::mutex mutex_;
+  std::shared_ptr<const Catalog> catalog_;
+  std::map<std::string, FaultSpec> faults_;
+  std::vector<RecordedRequest> requests_;
+};
+
+}  // namespace orv::emulator::detail

@@ -1,0 +1,79 @@
+#include <gtest/gtest.h>
+
+#include "OrvAppConfigAutoDiscoverRecord.h"
+#include "OrvAppConfigServiceConstants.h"
+#include "OrvAppConfigService.h"
+
+namespace {
+std::shared_ptr<OrvAppConfigAutoDiscoverRecord> parse(const char* body, std::optional<OrvError>* error = nullptr) {
+  return OrvAppConfigAutoDiscoverRecord::createFromData(OrvData(body), error);
+}
+}  // namespace
+
+TEST(OrvAppConfigAutoDiscoverRecordTest, TopLevelShapes) {
+  std::optional<OrvError> error = OrvError("stale", 1);
+  auto empty = parse("{}", &error);
+  ASSERT_NE(empty, nullptr);
+  EXPECT_EQ(error, std::nullopt) << "success clears the caller's error";
+  EXPECT_EQ(empty->domain(), nullptr);
+  EXPECT_EQ(empty->kaleth(), nullptr);
+  EXPECT_EQ(empty->notValidBefore(), std::nullopt);
+  EXPECT_EQ(empty->notValidAfter(), std::nullopt);
+
+  EXPECT_EQ(parse("[]", &error), nullptr);
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->domain(), OrvAppConfigServiceJSONErrorDomain);
+  EXPECT_EQ(error->code(), 3842);
+  EXPECT_EQ(error->userInfo(), (OrvErrorUserInfo{{"error", "Invalid JSON object - expecting a dictionary"}}));
+
+  for (const char* body : {"\"text\"", "", "5", "true", "{\"a\":1,\"a\":2}"}) {
+    error.reset();
+    EXPECT_EQ(parse(body, &error), nullptr) << body;
+    ASSERT_TRUE(error) << body;
+    EXPECT_NE(error->domain(), OrvAppConfigServiceJSONErrorDomain) << "the parser's own error: " << body;
+  }
+}
+
+TEST(OrvAppConfigAutoDiscoverRecordTest, FieldsAndLists) {
+  auto record = parse(R"({
+    "domain": {"name": "Example.com"},
+    "kaleth": {
+      "serviceUrls": [{"url": 5}, {"url": "https://svc.example.com/a"}, "https://ignored", {"other": 1}],
+      "allowedWebStoreUrls": [{"url": "https://lower-case-key.example.com"}]
+    },
+    "iat": 1700000000, "exp": 1700003600.5})");
+  ASSERT_NE(record, nullptr);
+  EXPECT_EQ(record->domain()->name(), "Example.com");
+  const auto& services = record->kaleth()->serviceUrls();
+  ASSERT_TRUE(services);
+  ASSERT_EQ(services->size(), 3u);
+  EXPECT_EQ((*services)[0]->url(), std::nullopt);
+  EXPECT_EQ((*services)[1]->url()->absoluteString(), "https://svc.example.com/a");
+  EXPECT_EQ((*services)[2]->url(), std::nullopt);
+  EXPECT_EQ(record->kaleth()->allowedWebStoreUrls(), std::nullopt) << "only allowedWebStoreURLs is read";
+  EXPECT_EQ(OrvTimeIntervalSince1970(*record->notValidBefore()), 1700000000.0);
+  EXPECT_EQ(OrvTimeIntervalSince1970(*record->notValidAfter()), 1700003600.5);
+
+  auto shapes = parse(R"({"domain": "example.com", "kaleth": {}, "iat": true, "exp": "1700000000"})");
+  EXPECT_EQ(shapes->domain(), nullptr);
+  ASSERT_NE(shapes->kaleth(), nullptr);
+  EXPECT_EQ(shapes->kaleth()->serviceUrls(), std::nullopt) << "an empty kaleth has nil lists, not empty ones";
+  EXPECT_EQ(shapes->notValidBefore(), std::nullopt) << "a boolean is not a number";
+  EXPECT_EQ(shapes->notValidAfter(), std::nullopt);
+
+  auto lists = parse(R"({"kaleth": {"serviceUrls": [], "allowedWebStoreURLs": ["a", "b"]}})");
+  ASSERT_TRUE(lists->kaleth()->serviceUrls());
+  EXPECT_TRUE(lists->kaleth()->serviceUrls()->empty());
+  ASSERT_TRUE(lists->kaleth()->allowedWebStoreUrls());
+  EXPECT_TRUE(lists->kaleth()->allowedWebStoreUrls()->empty());
+}
+
+TEST(OrvAppConfigAutoDiscoverRecordTest, UsableURLRule) {
+  using S = OrvAppConfigService;
+  EXPECT_FALSE(S::storeListRecordsContainAtLeastOneValidURL(nullptr));
+  EXPECT_FALSE(S::storeListRecordsContainAtLeastOneValidURL(parse("{}")));
+  EXPECT_FALSE(S::storeListRecordsContainAtLeastOneValidURL(parse(R"({"kaleth": {"serviceUrls": [{"url": 1}]}})")));
+  EXPECT_TRUE(S::storeListRecordsContainAtLeastOneValidURL(
+      parse(R"({"kaleth": {"serviceUrls": [{"url": 1}], "allowedWebStoreURLs": [{"url": "https://web.example.com"}]}})")));
+  EXPECT_TRUE(S::storeListRecordsContainAtLeastOneValidURL(parse(R"({"kaleth": {"serviceUrls": [{}, {"url": "x"}]}})")));
+}

@@ -1,0 +1,195 @@
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+
+#include "OrvAppConfigAutoDiscoverOperation.h"
+#include "OrvAppConfigDiscoveryHosts.h"
+#include "OrvAppConfigGetSigningCertificateOperation.h"
+#include "OrvOperationQueue.h"
+#include "TestSupport.h"
+
+using orv::test::FakeResponse;
+using orv::test::FakeURLSession;
+
+namespace {
+
+const char* kRecordBody = R"({"domain":{"name":"example.com"},"kaleth":{"serviceUrls":[{"url":"https://svc.example.com"}]}})";
+
+// Runs an operation on a queue and waits for its completion block.
+void runToCompletion(const std::shared_ptr<OrvOperation>& operation, bool cancelFirst = false) {
+  std::mutex mutex;
+  std::condition_variable finished;
+  bool done = false;
+  operation->setCompletionBlock([&] {
+    std::lock_guard lock(mutex);
+    done = true;
+    finished.notify_all();
+  });
+  if (cancelFirst) operation->cancel();
+  OrvOperationQueue queue("test");
+  queue.addOperation(operation);
+  std::unique_lock lock(mutex);
+  ASSERT_TRUE(finished.wait_for(lock, std::chrono::seconds(20), [&] { return done; }));
+}
+
+std::shared_ptr<OrvAppConfigAutoDiscoverOperation> autoDiscover(std::shared_ptr<FakeURLSession> session,
+                                                                 std::optional<std::string> input = "user@example.com") {
+  auto headers = std::make_shared<orv::test::StaticHeaderProvider>();
+  headers->monitoring = {{"X-Monitor", "m"}, {"X-Shared", "from-monitoring"}};
+  headers->transaction = {{"X-Transaction-Id", "t-1"}, {"X-Shared", "from-transaction"}};
+  return OrvAppConfigAutoDiscoverOperation::initWithUserInput(std::move(input), 0, 0, std::move(session), headers);
+}
+
+struct StatusCase {
+  FakeResponse response;
+  OrvAppConfigQueryOperationCompletionStatus status;
+  bool hasError;
+  const char* logged;
+};
+
+}  // namespace
+
+TEST(OrvAppConfigQueryOperationTest, AnswerTable) {
+  OrvAppConfigDiscoveryHosts::setProductionHost("prod.example.net");
+  auto log = orv::test::LogCollector::install();
+  const OrvError transport(OrvURLErrorDomain, 7, {{OrvLocalizedDescriptionKey, "Couldn't connect to server"}});
+  const std::vector<StatusCase> cases = {
+      {{OrvData(kRecordBody), 200, {{"varnel-signature", "h.s"}}}, 0, false, "Saving Varnel-Signature header and response data for later validation"},
+      {{OrvData(kRecordBody), 204, {}}, 2, false, "URL request for AutoDiscover failed with status code: 204"},
+      {{std::nullopt, 200, {}}, 2, false, "URL request for AutoDiscover failed with status code: 200"},
+      {{OrvData("oops"), 500, {}}, 2, false, "URL request for AutoDiscover failed with status code: 500"},
+      {{std::nullopt, 0, {}, transport}, 2, true, nullptr},
+      {{OrvData("not json"), 200, {}}, 3, true, nullptr},
+      {{OrvData(R"({"kaleth":{"serviceUrls":[]}})"), 200, {}}, 3, false, "Parsing store records failed with error: (null)"},
+      // A 200 with a body is good even when an error comes with it.
+      {{OrvData(kRecordBody), 200, {}, transport}, 0, false, nullptr},
+  };
+  for (const auto& c : cases) {
+    auto session = std::make_shared<FakeURLSession>([&](const OrvURLRequest&) { return c.response; });
+    auto operation = autoDiscover(session);
+    runToCompletion(operation);
+    EXPECT_EQ(operation->completionStatus(), c.status) << c.response.statusCode;
+    EXPECT_EQ(operation->completionError().has_value(), c.hasError) << c.response.statusCode;
+    if (c.logged) {
+      EXPECT_TRUE(log->contains(c.logged)) << c.logged;
+    }
+    if (c.status != 0) {
+      EXPECT_EQ(operation->autoDiscoverRecord(), nullptr);
+      EXPECT_EQ(operation->varnelSignatureHeader(), std::nullopt);
+      EXPECT_EQ(operation->responseData(), std::nullopt);
+    }
+  }
+  EXPECT_TRUE(log->contains("URL request for AutoDiscover failed with error: " + transport.description()));
+  OrvAppConfigDiscoveryHosts::setProductionHost(std::nullopt);
+}
+
+TEST(OrvAppConfigQueryOperationTest, GoodAnswerCapturesSignatureAndSendsProviderHeaders) {
+  OrvAppConfigDiscoveryHosts::setProductionHost("prod.example.net");
+  auto session = std::make_shared<FakeURLSession>([](const OrvURLRequest&) {
+    return FakeResponse{OrvData(kRecordBody), 200, {{"VARNEL-SIGNATURE", "aGVhZA.c2ln"}}};
+  });
+  auto operation = autoDiscover(session);
+  EXPECT_EQ(operation->requestedDomain(), "example.com");
+  runToCompletion(operation);
+  ASSERT_EQ(operation->completionStatus(), 0u);
+  EXPECT_EQ(operation->varnelSignatureHeader(), "aGVhZA.c2ln");
+  EXPECT_EQ(operation->responseData(), OrvData(kRecordBody));
+  ASSERT_NE(operation->autoDiscoverRecord(), nullptr);
+  const auto request = session->requests().at(0);
+  EXPECT_EQ(request.URL().absoluteString(), "https://prod.example.net/ads/root/domain/example.com/");
+  EXPECT_EQ(request.HTTPMethod(), "GET");
+  EXPECT_EQ(request.valueForHTTPHeaderField("x-monitor"), "m");
+  EXPECT_EQ(request.valueForHTTPHeaderField("X-Transaction-Id"), "t-1");
+  // setHeaders replaces a field of the same name and leaves the others: the transaction header,
+  // applied last, wins.
+  EXPECT_EQ(request.valueForHTTPHeaderField("X-Shared"), "from-transaction");
+
+  auto unsigned_ = std::make_shared<FakeURLSession>([](const OrvURLRequest&) { return FakeResponse{OrvData(kRecordBody), 200, {}}; });
+  auto noSignature = autoDiscover(unsigned_);
+  runToCompletion(noSignature);
+  EXPECT_EQ(noSignature->completionStatus(), 0u);
+  EXPECT_EQ(noSignature->varnelSignatureHeader(), std::nullopt);
+  OrvAppConfigDiscoveryHosts::setProductionHost(std::nullopt);
+}
+
+TEST(OrvAppConfigQueryOperationTest, CancelledBeforeStartAndNoURLMakeNoRequest) {
+  auto log = orv::test::LogCollector::install();
+  auto session = std::make_shared<FakeURLSession>([](const OrvURLRequest&) { return FakeResponse{}; });
+  auto cancelled = autoDiscover(session);
+  runToCompletion(cancelled, /*cancelFirst=*/true);
+  EXPECT_EQ(cancelled->completionStatus(), OrvAppConfigQueryOperationCompletionStatusCancelled);
+  EXPECT_EQ(cancelled->completionError(), std::nullopt);
+  EXPECT_TRUE(log->contains("Operation for AutoDiscover was cancelled before start."));
+
+  const auto before = log->count("Unable to build auto discover URL based on user input");
+  auto empty = autoDiscover(session, "");
+  EXPECT_EQ(log->count("Unable to build auto discover URL based on user input"), before + 1);
+  EXPECT_EQ(empty->requestedDomain(), std::nullopt);
+  runToCompletion(empty);
+  EXPECT_EQ(empty->completionStatus(), OrvAppConfigQueryOperationCompletionStatusCouldNotBuildUrl);
+  EXPECT_EQ(empty->completionError(), std::nullopt);
+  EXPECT_TRUE(log->contains("Unable to build URL for AutoDiscover"));
+  EXPECT_EQ(session->requestCount(), 0u);
+  EXPECT_EQ(OrvAppConfigQueryOperation::descriptionForCompletionStatus(9), "Unknown OrvAppConfigQueryOperationCompletionStatus of 9");
+}
+
+namespace {
+
+class CertificateFactory : public OrvSecurityServiceProtocol {
+public:
+  OrvCertificateRef certificate;
+  std::vector<std::string> contents;
+  OrvCertificateRef createCertificateFromCertificateContent(std::string_view content) override {
+    contents.emplace_back(content);
+    return certificate;
+  }
+  void asyncValidateJWTWithJwtPayload(std::string, std::optional<std::string>, std::optional<std::string>, OrvCertificateRef,
+                                      std::shared_ptr<const AdditionalCertificateValidationOptions>,
+                                      OrvJWTValidationCompletionBlock) override {}
+};
+
+}  // namespace
+
+TEST(OrvAppConfigGetSigningCertificateOperationTest, HostTypesAndAnswers) {
+  OrvAppConfigDiscoveryHosts::setProductionHost("prod.example.net");
+  OrvAppConfigDiscoveryHosts::setStagingHost("stage.example.net");
+  auto log = orv::test::LogCollector::install();
+  auto factory = std::make_shared<CertificateFactory>();
+  const auto make = [&](std::uint64_t hostType, const char* body) {
+    auto session = std::make_shared<FakeURLSession>(
+        [body](const OrvURLRequest&) { return FakeResponse{OrvData(body), 200, {{"Varnel-Signature", "a.b"}}}; });
+    return OrvAppConfigGetSigningCertificateOperation::initWithSecurityService(factory, session, hostType, nullptr);
+  };
+  EXPECT_EQ(make(1, "")->appConfigRequestURL()->absoluteString(), "https://stage.example.net/ads/root/publickey");
+  EXPECT_EQ(make(0, "")->appConfigRequestURL()->absoluteString(), "https://prod.example.net/ads/root/publickey");
+  EXPECT_EQ(make(2, "")->appConfigRequestURL()->absoluteString(), "https://prod.example.net/ads/root/publickey");
+
+  // The factory refuses everything: a present certificate member still ends in status 3 with no error.
+  auto refused = make(0, R"({"certificate":"PEM TEXT","other":1})");
+  runToCompletion(refused);
+  EXPECT_EQ(refused->completionStatus(), 3u);
+  EXPECT_EQ(refused->completionError(), std::nullopt);
+  EXPECT_EQ(factory->contents.back(), "PEM TEXT");
+  EXPECT_TRUE(log->contains("Failed to extract the signing certificate from the response content"));
+
+  for (const char* body : {"{}", R"({"certificate":5})", R"({"certificate":null})"}) {
+    auto op = make(0, body);
+    runToCompletion(op);
+    EXPECT_EQ(op->completionStatus(), 3u) << body;
+    EXPECT_EQ(op->completionError(), std::nullopt) << body;
+  }
+  EXPECT_TRUE(log->contains("Unable to extract certificate content from the public key response"));
+  auto array = make(0, "[1]");
+  runToCompletion(array);
+  EXPECT_EQ(array->completionStatus(), 3u);
+  EXPECT_TRUE(log->contains("Response object was not a dictionary - unable to parse certificate from public key response"));
+  auto notJSON = make(0, "certificate");
+  runToCompletion(notJSON);
+  EXPECT_EQ(notJSON->completionStatus(), 3u);
+  EXPECT_TRUE(notJSON->completionError().has_value());
+  // Its own answer is never kept for signature checking.
+  EXPECT_EQ(notJSON->varnelSignatureHeader(), std::nullopt);
+  EXPECT_EQ(notJSON->responseData(), std::nullopt);
+  OrvAppConfigDiscoveryHosts::setProductionHost(std::nullopt);
+  OrvAppConfigDiscoveryHosts::setStagingHost(std::nullopt);
+}

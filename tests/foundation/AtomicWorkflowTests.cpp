@@ -1,0 +1,124 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "FoundationTestHelpers.h"
+#include "OrvAtomicWorkflowService.h"
+
+using orv::test::Signal;
+
+namespace {
+
+class WorkflowRecorder {
+public:
+  std::shared_ptr<OrvOperation> step(int id, std::function<void()> then = {}) {
+    return OrvBlockOperation::blockOperationWithBlock([this, id, then = std::move(then)] {
+      {
+        std::lock_guard lock(mutex_);
+        order_.push_back(id);
+      }
+      if (then) then();
+      ran.notify();
+    });
+  }
+  std::vector<int> order() {
+    std::lock_guard lock(mutex_);
+    return order_;
+  }
+  Signal ran;
+
+private:
+  std::mutex mutex_;
+  std::vector<int> order_;
+};
+
+TEST(OrvAtomicWorkflowServiceTest, OneWorkflowAtATimeInOrder) {
+  OrvAtomicWorkflowService service("test.workflows");
+  EXPECT_EQ(service.operationQueue().name(), "test.workflows");
+  WorkflowRecorder recorder;
+  std::atomic<int> ended{0};
+  std::atomic<bool> overlapped{false};
+  // Each workflow checks on entry that every earlier one has ended.
+  for (int id = 0; id < 5; ++id) {
+    service.startAtomicWorkflowWithOperation(recorder.step(id, [&, id] {
+      if (ended.load() != id) overlapped = true;
+    }));
+  }
+  for (int id = 0; id < 5; ++id) {
+    ASSERT_TRUE(recorder.ran.waitFor(id + 1));
+    EXPECT_EQ(recorder.ran.count(), id + 1);  // the next one is held until this one ends
+    ++ended;
+    service.endAtomicWorkflow();
+  }
+  EXPECT_EQ(recorder.order(), (std::vector<int>{0, 1, 2, 3, 4}));
+  EXPECT_FALSE(overlapped);
+}
+
+TEST(OrvAtomicWorkflowServiceTest, ActiveWorkflowOperationsDoNotWaitForTheNextWorkflow) {
+  OrvAtomicWorkflowService service("test.inner");
+  WorkflowRecorder recorder;
+  Signal innerDone;
+  service.startAtomicWorkflowWithOperation(recorder.step(1, [&] {
+    // The first workflow's query runs while the second workflow is already waiting.
+    service.operationQueue().addOperationWithBlock([&] {
+      service.operationQueue().addOperationWithBlock([&] { innerDone.notify(); });
+      innerDone.notify();
+    });
+  }));
+  service.startAtomicWorkflowWithOperation(recorder.step(2));
+  ASSERT_TRUE(innerDone.waitFor(2));
+  service.operationQueue().waitUntilAllOperationsAreFinished();
+  EXPECT_EQ(recorder.order(), std::vector<int>{1});
+
+  // Ended from a thread that is neither the queue's nor the starter's.
+  std::thread([&] { service.endAtomicWorkflow(); }).join();
+  ASSERT_TRUE(recorder.ran.waitFor(2));
+  EXPECT_EQ(recorder.order(), (std::vector<int>{1, 2}));
+  service.endAtomicWorkflow();
+}
+
+TEST(OrvAtomicWorkflowServiceTest, UnmatchedEndDoesNothing) {
+  OrvAtomicWorkflowService service("test.unmatched");
+  WorkflowRecorder recorder;
+  service.endAtomicWorkflow();  // nothing active
+  service.startAtomicWorkflowWithOperation(recorder.step(1));
+  ASSERT_TRUE(recorder.ran.waitFor(1));
+  service.endAtomicWorkflow();
+  service.endAtomicWorkflow();  // a second end must not let two workflows run together later
+  service.startAtomicWorkflowWithOperation(recorder.step(2));
+  service.startAtomicWorkflowWithOperation(recorder.step(3));
+  ASSERT_TRUE(recorder.ran.waitFor(2));
+  service.operationQueue().waitUntilAllOperationsAreFinished();
+  EXPECT_EQ(recorder.order(), (std::vector<int>{1, 2}));
+  service.endAtomicWorkflow();
+  ASSERT_TRUE(recorder.ran.waitFor(3));
+  service.endAtomicWorkflow();
+  service.startAtomicWorkflowWithOperation(nullptr);  // ignored, activates nothing
+  service.startAtomicWorkflowWithOperation(recorder.step(4));
+  ASSERT_TRUE(recorder.ran.waitFor(4));
+  service.endAtomicWorkflow();
+}
+
+TEST(OrvAtomicWorkflowServiceTest, DestroyedServiceEndsHeldWorkflowsCancelled) {
+  Signal completed;
+  std::atomic<int> mains{0};
+  Signal firstRan;
+  {
+    OrvAtomicWorkflowService service("test.destroy");
+    auto first = OrvBlockOperation::blockOperationWithBlock([&] { firstRan.notify(); });
+    service.startAtomicWorkflowWithOperation(first);
+    ASSERT_TRUE(firstRan.waitFor(1));
+    for (int i = 0; i < 3; ++i) {
+      auto held = OrvBlockOperation::blockOperationWithBlock([&] { ++mains; });
+      held->setCompletionBlock([&] { completed.notify(); });
+      service.startAtomicWorkflowWithOperation(held);
+    }
+  }
+  ASSERT_TRUE(completed.waitFor(3));
+  EXPECT_EQ(mains.load(), 0);
+}
+
+}  // namespace

@@ -1,0 +1,250 @@
+#include <gtest/gtest.h>
+
+#include <curl/curl.h>
+
+#include <vector>
+
+#include "../emulator/EmulatorTestSupport.h"
+#include "OrvCurlURLSession.h"
+
+using namespace orv::test;
+using orv::emulator::DiscoveryEmulator;
+using orv::emulator::FaultSpec;
+
+namespace {
+
+const std::string kDomainPath = "/ads/root/domain/example.com/";
+
+std::shared_ptr<OrvCurlURLSession> sessionFor(const DiscoveryEmulator& emulator,
+                                              OrvCurlURLSessionConfiguration configuration = {}) {
+  configuration.caFile = emulator.tlsCAFile();
+  auto session = OrvCurlURLSession::create(configuration);
+  EXPECT_TRUE(session);
+  return session;
+}
+
+// A request the emulator holds on to, so that it is still in flight when the test acts on it.
+void holdAnswers(DiscoveryEmulator& emulator, const std::string& path) {
+  FaultSpec slow;
+  slow.delay = std::chrono::minutes(5);
+  emulator.setFault(path, slow);
+}
+
+bool requestArrived(const DiscoveryEmulator& emulator, const std::string& target) {
+  return eventually([&] {
+    const auto log = emulator.requests();
+    return std::any_of(log.begin(), log.end(), [&](const auto& r) { return r.target == target; });
+  });
+}
+
+void expectCancelled(TaskOutcome& outcome) {
+  ASSERT_TRUE(outcome.wait());
+  std::lock_guard lock(outcome.mutex);
+  ASSERT_TRUE(outcome.error);
+  EXPECT_EQ(outcome.error->domain(), OrvURLErrorDomain);
+  EXPECT_EQ(outcome.error->code(), OrvURLErrorCancelled);
+  EXPECT_FALSE(outcome.data);
+  EXPECT_FALSE(outcome.response);
+  EXPECT_NE(outcome.thread, std::this_thread::get_id());
+}
+
+std::int64_t errorCode(TaskOutcome& outcome) {
+  std::lock_guard lock(outcome.mutex);
+  return outcome.error ? outcome.error->code() : 0;
+}
+
+}  // namespace
+
+TEST(OrvURLRequestTest, HeaderFieldsAreCaseInsensitiveAndLaterDictionariesWin) {
+  OrvURLRequest request(*OrvURL::URLWithString("https://example.com/"));
+  EXPECT_EQ(request.HTTPMethod(), "GET");
+  request.setValueForHTTPHeaderField("a", "X-One");
+  request.setValueForHTTPHeaderField("b", "x-one");
+  EXPECT_EQ(request.allHTTPHeaderFields().size(), 1u);
+  EXPECT_EQ(request.valueForHTTPHeaderField("X-ONE"), "b");
+  request.setHeaders({{"X-Two", "monitoring"}, {"X-Three", "3"}});
+  request.setHeaders({{"x-two", "transaction"}});
+  EXPECT_EQ(request.valueForHTTPHeaderField("X-Two"), "transaction");
+  EXPECT_EQ(request.valueForHTTPHeaderField("X-One"), "b");
+  request.setValueForHTTPHeaderField(std::nullopt, "X-ONE");
+  EXPECT_FALSE(request.valueForHTTPHeaderField("X-One"));
+  // Empty is a value, not an absence.
+  request.setValueForHTTPHeaderField("", "X-Empty");
+  EXPECT_EQ(request.valueForHTTPHeaderField("x-empty"), "");
+}
+
+TEST(OrvCurlURLSessionTest, DeliversStatusBodyAndHeadersOfRealAnswers) {
+  auto emulator = startEmulator();
+  ASSERT_TRUE(emulator);
+  auto session = sessionFor(*emulator);
+
+  auto request = requestFor(emulator->baseURL() + kDomainPath);
+  request.setValueForHTTPHeaderField("abc", "X-Transaction-Id");
+  request.setValueForHTTPHeaderField("", "X-Empty");
+  auto ok = fetch(*session, request);
+  ASSERT_EQ(ok->status(), 200);
+  EXPECT_FALSE(ok->error);
+  ASSERT_TRUE(ok->data);
+  EXPECT_NE(ok->data->find("\"example.com\""), std::string::npos);
+  EXPECT_EQ(ok->response->URL(), request.URL());
+  const auto signature = ok->response->valueForHTTPHeaderField("varnel-signature");
+  ASSERT_TRUE(signature);
+  EXPECT_EQ(ok->response->valueForHTTPHeaderField("VARNEL-SIGNATURE"), signature);
+  EXPECT_EQ(ok->response->valueForHTTPHeaderField("content-length"), std::to_string(ok->data->size()));
+  EXPECT_NE(ok->thread, std::this_thread::get_id());
+  const auto recorded = emulator->requests().back();
+  EXPECT_EQ(recorded.header("x-transaction-id"), "abc");
+  EXPECT_EQ(recorded.header("x-empty"), "");
+
+  // Non-200 statuses are answers, not transport errors; their bodies come along.
+  auto missing = fetch(*session, emulator->baseURL() + "/nothing/here");
+  EXPECT_EQ(missing->status(), 404);
+  EXPECT_FALSE(missing->error);
+  EXPECT_TRUE(missing->data && !missing->data->empty());
+  FaultSpec broken;
+  broken.status = 500;
+  emulator->setFault(kDomainPath, broken);
+  EXPECT_EQ(fetch(*session, emulator->baseURL() + kDomainPath)->status(), 500);
+}
+
+TEST(OrvCurlURLSessionTest, BoundsTheResponseBody) {
+  auto emulator = startEmulator();
+  ASSERT_TRUE(emulator);
+  OrvCurlURLSessionConfiguration configuration;
+  configuration.maxResponseBytes = 1024;
+  auto session = sessionFor(*emulator, configuration);
+
+  FaultSpec exact;
+  exact.body = std::string(1024, 'x');
+  emulator->setFault("/exact", exact);
+  auto fits = fetch(*session, emulator->baseURL() + "/exact");
+  EXPECT_EQ(fits->status(), 200);
+  EXPECT_EQ(fits->data, exact.body);
+
+  FaultSpec large;
+  large.body = std::string(1025, 'x');
+  emulator->setFault("/large", large);
+  auto tooLarge = fetch(*session, emulator->baseURL() + "/large");
+  EXPECT_EQ(errorCode(*tooLarge), CURLE_FILESIZE_EXCEEDED);
+  EXPECT_FALSE(tooLarge->data);
+  EXPECT_FALSE(tooLarge->response);
+  EXPECT_EQ(tooLarge->error->domain(), OrvURLErrorDomain);
+  EXPECT_FALSE(tooLarge->error->localizedDescription().empty());
+}
+
+TEST(OrvCurlURLSessionTest, CancelCompletesOnceWithTheCancelError) {
+  auto emulator = startEmulator();
+  ASSERT_TRUE(emulator);
+  auto session = sessionFor(*emulator);
+
+  // Before resume: the handler runs on the pool, and a later resume sends nothing.
+  auto early = TaskOutcome::make();
+  auto idle = session->dataTaskWithRequest(requestFor(emulator->baseURL() + "/early"), TaskOutcome::handler(early));
+  idle->cancel();
+  idle->resume();
+  idle->cancel();
+  expectCancelled(*early);
+
+  // During: the request is held by the server when the cancel comes.
+  holdAnswers(*emulator, kDomainPath);
+  auto during = TaskOutcome::make();
+  auto running = session->dataTaskWithRequest(requestFor(emulator->baseURL() + kDomainPath),
+                                              TaskOutcome::handler(during));
+  running->resume();
+  ASSERT_TRUE(requestArrived(*emulator, kDomainPath));
+  running->cancel();
+  running->cancel();
+  expectCancelled(*during);
+  EXPECT_NE(idle->taskIdentifier(), running->taskIdentifier());
+
+  // The session still works afterwards, and nothing was delivered twice.
+  EXPECT_EQ(fetch(*session, emulator->baseURL() + "/ads/root/publickey")->status(), 200);
+  EXPECT_EQ(early->callCount(), 1);
+  EXPECT_EQ(during->callCount(), 1);
+  for (const auto& request : emulator->requests()) EXPECT_NE(request.target, "/early");
+}
+
+TEST(OrvCurlURLSessionTest, DestroyingTheSessionCancelsWhatIsInFlight) {
+  auto emulator = startEmulator();
+  ASSERT_TRUE(emulator);
+  auto session = sessionFor(*emulator);
+  holdAnswers(*emulator, kDomainPath);
+
+  auto inFlight = TaskOutcome::make();
+  auto task = session->dataTaskWithRequest(requestFor(emulator->baseURL() + kDomainPath),
+                                           TaskOutcome::handler(inFlight));
+  task->resume();
+  auto notStarted = TaskOutcome::make();
+  auto later = session->dataTaskWithRequest(requestFor(emulator->baseURL() + kDomainPath),
+                                            TaskOutcome::handler(notStarted));
+  ASSERT_TRUE(requestArrived(*emulator, kDomainPath));
+  session.reset();
+  expectCancelled(*inFlight);
+  // A task that outlives its session can still be resumed and cancelled; it completes once, cancelled.
+  later->resume();
+  expectCancelled(*notStarted);
+  task->cancel();
+  EXPECT_EQ(inFlight->callCount(), 1);
+  EXPECT_EQ(notStarted->callCount(), 1);
+}
+
+TEST(OrvCurlURLSessionTest, TransportFailuresBecomeURLErrors) {
+  auto emulator = startEmulator();
+  ASSERT_TRUE(emulator);
+
+  // Nothing listens on port 1.
+  auto session = sessionFor(*emulator);
+  EXPECT_EQ(errorCode(*fetch(*session, "https://127.0.0.1:1/ads/root/publickey")), CURLE_COULDNT_CONNECT);
+  // Plain http is never spoken.
+  EXPECT_EQ(errorCode(*fetch(*session, "http://127.0.0.1:1/")), CURLE_UNSUPPORTED_PROTOCOL);
+  // A header that would smuggle a second line is refused before anything is sent.
+  auto injected = requestFor(emulator->baseURL() + "/ads/root/publickey");
+  injected.setValueForHTTPHeaderField("x\r\nX-Evil: 1", "X-Note");
+  EXPECT_EQ(errorCode(*fetch(*session, injected)), CURLE_BAD_FUNCTION_ARGUMENT);
+
+  // Without the emulator's CA the peer is not trusted; with it, the name must still match.
+  auto untrusting = OrvCurlURLSession::create();
+  ASSERT_TRUE(untrusting);
+  const auto untrusted = fetch(*untrusting, emulator->baseURL() + "/ads/root/publickey");
+  EXPECT_EQ(errorCode(*untrusted), CURLE_PEER_FAILED_VERIFICATION);
+  EXPECT_NE(untrusted->error->localizedDescription().find("certificate"), std::string::npos)
+      << untrusted->error->localizedDescription();
+  orv::emulator::EmulatorOptions otherAddress;
+  otherAddress.listenAddress = "127.0.0.2";
+  auto misnamed = startEmulator(otherAddress);
+  ASSERT_TRUE(misnamed);
+  EXPECT_EQ(errorCode(*fetch(*session, misnamed->baseURL() + "/ads/root/publickey")), CURLE_PEER_FAILED_VERIFICATION);
+  EXPECT_EQ(fetch(*session, "https://localhost:" + std::to_string(emulator->port()) + "/ads/root/publickey")->status(), 200);
+
+  // A server that stops talking trips the inactivity time-out.
+  OrvCurlURLSessionConfiguration impatient;
+  impatient.inactivityTimeout = std::chrono::seconds(1);
+  auto impatientSession = sessionFor(*emulator, impatient);
+  holdAnswers(*emulator, "/slow");
+  EXPECT_EQ(errorCode(*fetch(*impatientSession, emulator->baseURL() + "/slow")), CURLE_OPERATION_TIMEDOUT);
+}
+
+TEST(OrvCurlURLSessionTest, RunsManyRequestsAtOnce) {
+  auto emulator = startEmulator();
+  ASSERT_TRUE(emulator);
+  for (const auto version : {OrvCurlHTTPVersion::automatic, OrvCurlHTTPVersion::http1_1}) {
+    OrvCurlURLSessionConfiguration configuration;
+    configuration.httpVersion = version;
+    auto session = sessionFor(*emulator, configuration);
+    std::vector<std::shared_ptr<TaskOutcome>> outcomes;
+    std::vector<std::shared_ptr<OrvURLSessionDataTask>> tasks;
+    for (int i = 0; i < 40; ++i) {
+      auto outcome = TaskOutcome::make();
+      const std::string path = i % 2 ? kDomainPath : "/ads/root/domain/example.net/";
+      tasks.push_back(session->dataTaskWithRequest(requestFor(emulator->baseURL() + path), TaskOutcome::handler(outcome)));
+      outcomes.push_back(outcome);
+    }
+    for (auto& task : tasks) task->resume();
+    for (std::size_t i = 0; i < outcomes.size(); ++i) {
+      ASSERT_TRUE(outcomes[i]->wait());
+      EXPECT_EQ(outcomes[i]->status(), 200);
+      EXPECT_NE(outcomes[i]->data->find(i % 2 ? "example.com" : "example.net"), std::string::npos);
+      EXPECT_EQ(outcomes[i]->callCount(), 1);
+    }
+  }
+}

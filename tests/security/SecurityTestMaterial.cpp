@@ -1,0 +1,125 @@
+#include "SecurityTestMaterial.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+namespace orv::test {
+
+using namespace std::chrono_literals;
+using emulator::CertificateProfile;
+using emulator::KeyKind;
+using emulator::PrivateKey;
+
+namespace {
+
+PrivateKey key(KeyKind kind) {
+  auto generated = PrivateKey::generate(kind);
+  if (!generated) throw std::runtime_error("key generation failed");
+  return std::move(*generated);
+}
+
+OrvCertificateRef issue(const CertificateProfile& profile, const PrivateKey& subjectKey, const OrvCertificateRef& issuer,
+                        const PrivateKey& issuerKey) {
+  const auto pem = emulator::issueCertificate(profile, subjectKey, issuer.get(), issuerKey);
+  auto certificate = pem ? OrvCertificate::certificateWithContent(*pem) : nullptr;
+  if (!certificate) throw std::runtime_error("certificate issuing failed");
+  return certificate;
+}
+
+CertificateProfile profileOf(std::optional<std::string> organization, std::optional<std::string> commonName,
+                             OrvDate notBefore, OrvDate notAfter, bool isCA = false) {
+  CertificateProfile profile;
+  profile.organization = std::move(organization);
+  profile.commonName = std::move(commonName);
+  profile.notBefore = notBefore;
+  profile.notAfter = notAfter;
+  profile.isCA = isCA;
+  return profile;
+}
+
+OrvDate wholeSecondsNow() { return std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now()); }
+
+}  // namespace
+
+SecurityMaterial::SecurityMaterial()
+    : now(wholeSecondsNow()),
+      leafNotBefore(now - 1h),
+      leafNotAfter(now + 1h),
+      rootKey(key(KeyKind::ecP256)),
+      otherRootKey(key(KeyKind::ecP256)),
+      rsaKey(key(KeyKind::rsa2048)),
+      rsaOtherKey(key(KeyKind::rsa2048)),
+      p256Key(key(KeyKind::ecP256)),
+      p384Key(key(KeyKind::ecP384)),
+      p521Key(key(KeyKind::ecP521)),
+      ed25519Key(key(KeyKind::ed25519)) {
+  const auto ca = [&](OrvDate from, OrvDate to) { return profileOf(kRequiredIssuer, "Varnel Root", from, to, true); };
+  const auto leaf = [&](std::optional<std::string> organization = "Varnel Signing") {
+    return profileOf(std::move(organization), "discovery signing", leafNotBefore, leafNotAfter);
+  };
+  root = issue(ca(now - 240h, now + 240h), rootKey, nullptr, rootKey);
+  otherRoot = issue(ca(now - 240h, now + 240h), otherRootKey, nullptr, otherRootKey);
+  expiredRoot = issue(ca(now - 240h, now - 2h), otherRootKey, nullptr, otherRootKey);
+  rsaLeaf = issue(leaf(), rsaKey, root, rootKey);
+  p256Leaf = issue(leaf(), p256Key, root, rootKey);
+  p384Leaf = issue(leaf(), p384Key, root, rootKey);
+  p521Leaf = issue(leaf(), p521Key, root, rootKey);
+  ed25519Leaf = issue(leaf(), ed25519Key, root, rootKey);
+  leafOfOtherRoot = issue(leaf(), rsaKey, otherRoot, otherRootKey);
+  leafOfExpiredRoot = issue(leaf(), rsaKey, expiredRoot, otherRootKey);
+  selfSigned = issue(leaf(kRequiredIssuer), rsaKey, nullptr, rsaKey);
+  auto profile = leaf();
+  profile.digitalSignature = false;
+  noDigitalSignature = issue(profile, rsaKey, root, rootKey);
+  profile.addKeyUsage = false;
+  noKeyUsage = issue(profile, rsaKey, root, rootKey);
+  profile = profileOf(std::nullopt, kRequiredIssuer, leafNotBefore, leafNotAfter);
+  issuerByCommonName = issue(profile, rsaKey, nullptr, rsaKey);
+  issuerPrefix = issue(leaf("Varnel Systems"), rsaKey, nullptr, rsaKey);
+  issuerOtherCase = issue(leaf("varnel systems, inc."), rsaKey, nullptr, rsaKey);
+}
+
+const SecurityMaterial& securityMaterial() {
+  static const SecurityMaterial material;
+  return material;
+}
+
+DetachedJws signJws(const emulator::PrivateKey& key, std::string_view algorithm, std::string_view headerJson,
+                    std::string_view payload, bool unencodedPayload) {
+  const auto jws = emulator::signDetachedJws(key, algorithm, headerJson, payload, unencodedPayload);
+  if (!jws) return {};
+  const auto dot = jws->find('.');
+  return {jws->substr(0, dot), jws->substr(dot + 1)};
+}
+
+DetachedJws forgedJws(std::string_view headerJson, std::string_view signature) {
+  return {emulator::base64UrlEncode(headerJson), emulator::base64UrlEncode(signature)};
+}
+
+std::shared_ptr<OrvSecurityUtilsService> serviceAt(OrvDate now, bool withAnchors) {
+  OrvSecurityUtilsService::Configuration configuration;
+  configuration.clock = [now] { return now; };
+  if (withAnchors) configuration.trustAnchors = {securityMaterial().root};
+  return OrvSecurityUtilsService::create(std::move(configuration));
+}
+
+std::int64_t verifyResult(const OrvSecurityUtilsService& service, const DetachedJws& jws,
+                          const OrvCertificateRef& certificate, std::string_view payload,
+                          std::optional<std::string> requiredIssuer) {
+  AdditionalCertificateValidationOptions options;
+  options.setRequiredIssuerName(std::move(requiredIssuer));
+  const auto [result, error] = service.validateJWT(payload, jws.header, jws.signature, certificate, &options);
+  if (result == 0) {
+    EXPECT_FALSE(error.has_value());
+  } else {
+    EXPECT_TRUE(error.has_value());
+    if (!error) return result;
+    EXPECT_EQ(error->domain(), OrvSecurityUtilsErrorDomain);
+    EXPECT_EQ(error->code(), result);
+    EXPECT_FALSE(error->localizedDescription().empty());
+  }
+  return result;
+}
+
+}  // namespace orv::test

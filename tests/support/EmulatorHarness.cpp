@@ -1,0 +1,85 @@
+#include "EmulatorHarness.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <random>
+#include <sstream>
+
+#include "OrvAppConfigDiscoveryHosts.h"
+
+namespace orv::test {
+
+TemporaryDirectory::TemporaryDirectory() {
+  std::random_device random;
+  path_ = std::filesystem::temp_directory_path() / ("orv-test-" + std::to_string(random()) + std::to_string(random()));
+  std::filesystem::create_directories(path_);
+}
+
+TemporaryDirectory::~TemporaryDirectory() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+void writeFile(const std::string& path, const std::string& text) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << text;
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+EmulatorHarness::EmulatorHarness(HarnessOptions options) {
+  std::string error;
+  if (!orv::emulator::generateMaterial(material_.path().string(), &error)) ADD_FAILURE() << error;
+  if (options.prepareMaterial) options.prepareMaterial(material_);
+  orv::emulator::EmulatorOptions emulatorOptions;
+  emulatorOptions.materialDir = material_.path().string();
+  emulatorOptions.catalogJSON = options.catalogJSON;
+  emulatorOptions.algorithm = options.algorithm;
+  emulator_ = orv::emulator::DiscoveryEmulator::start(emulatorOptions, &error);
+  if (!emulator_) {
+    ADD_FAILURE() << "emulator: " << error;
+    return;
+  }
+  OrvAppConfigDiscoveryHosts::setProductionHost(emulator_->hostAndPort());
+  OrvAppConfigDiscoveryHosts::setStagingHost(emulator_->hostAndPort());
+  OrvCurlURLSessionConfiguration configuration;
+  configuration.caFile = emulator_->tlsCAFile();
+  session = OrvCurlURLSession::create(configuration);
+  OrvSecurityUtilsService::Configuration securityConfiguration;
+  if (options.useTrustAnchors) {
+    securityConfiguration.trustAnchors =
+        OrvSecurityUtilsService::loadCertificatesFromPEMFile(material_.file(orv::emulator::kSigningCAFile)).value_or(
+            std::vector<OrvCertificateRef>{});
+  }
+  security = OrvSecurityUtilsService::create(securityConfiguration);
+  rebuildService(session, security, options.featureFlags);
+}
+
+EmulatorHarness::~EmulatorHarness() {
+  service.reset();
+  session.reset();
+  emulator_.reset();
+  OrvAppConfigDiscoveryHosts::setProductionHost(std::nullopt);
+  OrvAppConfigDiscoveryHosts::setStagingHost(std::nullopt);
+}
+
+void EmulatorHarness::rebuildService(std::shared_ptr<OrvURLSession> urlSession,
+                                     std::shared_ptr<OrvSecurityServiceProtocol> securityService,
+                                     std::shared_ptr<OrvFeatureFlagProviderProtocol> featureFlags) {
+  service = OrvAppConfigService::initWithURLSession(std::move(urlSession), std::make_shared<OrvHttpHeaderProviderService>(),
+                                                    std::move(securityService), std::move(featureFlags));
+}
+
+std::vector<std::string> EmulatorHarness::requestPaths() const {
+  std::vector<std::string> paths;
+  for (const auto& request : emulator_->requests()) paths.push_back(request.target);
+  return paths;
+}
+
+}  // namespace orv::test

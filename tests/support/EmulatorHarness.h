@@ -1,0 +1,61 @@
+#pragma once
+// A discovery emulator on loopback with fresh material, and a service wired to it over real TLS.
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "OrvAppConfigService.h"
+#include "OrvCurlURLSession.h"
+#include "OrvDiscoveryEmulator.h"
+#include "OrvSecurityUtilsService.h"
+
+namespace orv::test {
+
+// A directory removed with its contents when the object goes.
+class TemporaryDirectory {
+public:
+  TemporaryDirectory();
+  ~TemporaryDirectory();
+  const std::filesystem::path& path() const noexcept { return path_; }
+  std::string file(const char* name) const { return (path_ / name).string(); }
+
+private:
+  std::filesystem::path path_;
+};
+
+std::string readFile(const std::string& path);
+void writeFile(const std::string& path, const std::string& text);
+
+struct HarnessOptions {
+  std::optional<std::string> catalogJSON;
+  std::string algorithm = "RS256";
+  bool useTrustAnchors = false;
+  std::shared_ptr<OrvFeatureFlagProviderProtocol> featureFlags;
+  // Runs on the freshly generated material before the emulator reads it.
+  std::function<void(const class TemporaryDirectory&)> prepareMaterial;
+};
+
+class EmulatorHarness {
+public:
+  explicit EmulatorHarness(HarnessOptions options = {});
+  ~EmulatorHarness();
+
+  orv::emulator::DiscoveryEmulator& emulator() { return *emulator_; }
+  const TemporaryDirectory& material() const { return material_; }
+  std::shared_ptr<OrvCurlURLSession> session;
+  std::shared_ptr<OrvSecurityUtilsService> security;
+  std::shared_ptr<OrvAppConfigService> service;
+
+  // Rebuilds the service with another session or security service (e.g. a wrapping one).
+  void rebuildService(std::shared_ptr<OrvURLSession> urlSession, std::shared_ptr<OrvSecurityServiceProtocol> securityService,
+                      std::shared_ptr<OrvFeatureFlagProviderProtocol> featureFlags = nullptr);
+  // Request paths the emulator saw, in order.
+  std::vector<std::string> requestPaths() const;
+
+private:
+  TemporaryDirectory material_;
+  std::unique_ptr<orv::emulator::DiscoveryEmulator> emulator_;
+};
+
+}  // namespace orv::test

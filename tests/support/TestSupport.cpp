@@ -1,0 +1,110 @@
+#include "TestSupport.h"
+
+#include <algorithm>
+#include <thread>
+
+#include "OrvAppConfigService.h"
+#include "OrvOperationQueue.h"
+
+namespace orv::test {
+
+namespace {
+
+class FakeDataTask : public OrvURLSessionDataTask {
+public:
+  FakeDataTask(std::shared_ptr<FakeURLSession::Shared> shared, OrvURLRequest request, OrvURLSessionDataTaskCompletionHandler handler)
+      : shared_(std::move(shared)), request_(std::move(request)), handler_(std::move(handler)) {}
+
+  void resume() override {
+    if (started_.exchange(true)) return;
+    {
+      std::lock_guard lock(shared_->mutex);
+      shared_->requests.push_back(request_);
+    }
+    FakeResponse response = shared_->responder(request_);
+    auto http = response.statusCode == 0
+                    ? nullptr
+                    : std::make_shared<const OrvHTTPURLResponse>(request_.URL(), response.statusCode, std::move(response.headers));
+    finish(std::move(response.body), std::move(http), std::move(response.error));
+  }
+  void cancel() override { finish(std::nullopt, nullptr, OrvError(OrvURLErrorDomain, OrvURLErrorCancelled)); }
+  std::uint64_t taskIdentifier() const override { return 1; }
+
+private:
+  void finish(std::optional<OrvData> body, std::shared_ptr<const OrvHTTPURLResponse> response, std::optional<OrvError> error) {
+    if (done_.exchange(true)) return;
+    orv::detail::dispatchToWorkerPool([handler = std::move(handler_), body = std::move(body), response = std::move(response),
+                                       error = std::move(error)]() mutable { handler(std::move(body), std::move(response), std::move(error)); });
+  }
+  std::shared_ptr<FakeURLSession::Shared> shared_;
+  OrvURLRequest request_;
+  OrvURLSessionDataTaskCompletionHandler handler_;
+  std::atomic<bool> started_{false};
+  std::atomic<bool> done_{false};
+};
+
+}  // namespace
+
+FakeURLSession::FakeURLSession(Responder responder) : shared_(std::make_shared<Shared>()) {
+  shared_->responder = std::move(responder);
+}
+
+std::shared_ptr<OrvURLSessionDataTask> FakeURLSession::dataTaskWithRequest(const OrvURLRequest& request,
+                                                                           OrvURLSessionDataTaskCompletionHandler completionHandler) {
+  return std::make_shared<FakeDataTask>(shared_, request, std::move(completionHandler));
+}
+
+std::vector<OrvURLRequest> FakeURLSession::requests() const {
+  std::lock_guard lock(shared_->mutex);
+  return shared_->requests;
+}
+
+std::size_t FakeURLSession::requestCount() const {
+  std::lock_guard lock(shared_->mutex);
+  return shared_->requests.size();
+}
+
+bool FixedFeatureFlags::valueForFeatureFlagWithServiceName(std::string_view serviceName, std::string_view featureFlagName) {
+  questions.emplace_back(serviceName, featureFlagName);
+  return featureFlagName.ends_with("UseEntireDomainForURLDiscovery") ? entireDomain_ : channels_;
+}
+
+std::shared_ptr<LogCollector> LogCollector::install() {
+  auto collector = std::make_shared<LogCollector>();
+  OrvAppConfigService::setLoggerDelegate(collector);
+  return collector;
+}
+
+void LogCollector::logWithModule(std::string_view module, std::int64_t logLevel, std::string_view fileName,
+                                 std::string_view functionName, std::int64_t lineNumber, std::string_view message) {
+  std::lock_guard lock(mutex_);
+  lines_.push_back({std::string(module), logLevel, std::string(fileName), std::string(functionName), lineNumber, std::string(message)});
+}
+
+std::vector<LogLine> LogCollector::lines() const {
+  std::lock_guard lock(mutex_);
+  return lines_;
+}
+
+bool LogCollector::contains(std::string_view message) const { return count(message) > 0; }
+
+std::size_t LogCollector::count(std::string_view message) const {
+  std::lock_guard lock(mutex_);
+  return static_cast<std::size_t>(
+      std::count_if(lines_.begin(), lines_.end(), [&](const LogLine& line) { return line.message == message; }));
+}
+
+bool runMainQueueUntil(const std::function<bool()>& predicate, std::chrono::milliseconds timeout) {
+  return OrvMainQueue::runUntil(predicate, timeout);
+}
+
+bool pollUntil(const std::function<bool()>& predicate, std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!predicate()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
+}
+
+}  // namespace orv::test

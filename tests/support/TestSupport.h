@@ -1,0 +1,119 @@
+#pragma once
+// Fakes and helpers shared by the test folders.
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "OrvFeatureFlagProviderProtocol.h"
+#include "OrvHttpHeaderProviderServiceProtocol.h"
+#include "OrvMainQueue.h"
+#include "OrvSdkLogger.h"
+#include "OrvSecurityServiceProtocol.h"
+#include "OrvURLSession.h"
+
+namespace orv::test {
+
+// What a fake server answers: body, status (0 = no response at all), header fields, transport error.
+struct FakeResponse {
+  std::optional<OrvData> body;
+  std::int64_t statusCode = 200;
+  std::vector<std::pair<std::string, std::string>> headers;
+  std::optional<OrvError> error;
+};
+
+// A session whose answers come from a function; completions run on the worker pool, like a real one.
+class FakeURLSession : public OrvURLSession {
+public:
+  using Responder = std::function<FakeResponse(const OrvURLRequest&)>;
+  explicit FakeURLSession(Responder responder);
+
+  std::shared_ptr<OrvURLSessionDataTask> dataTaskWithRequest(const OrvURLRequest& request,
+                                                             OrvURLSessionDataTaskCompletionHandler completionHandler) override;
+  std::vector<OrvURLRequest> requests() const;
+  std::size_t requestCount() const;
+
+  struct Shared {
+    Responder responder;
+    std::mutex mutex;
+    std::vector<OrvURLRequest> requests;
+  };
+
+private:
+  std::shared_ptr<Shared> shared_;
+};
+
+class StaticHeaderProvider : public OrvHttpHeaderProviderServiceProtocol {
+public:
+  OrvHTTPHeaderDictionary monitoring;
+  OrvHTTPHeaderDictionary transaction;
+  OrvHTTPHeaderDictionary httpMonitoringHeaders() override { return monitoring; }
+  OrvHTTPHeaderDictionary uniqueTransactionIdHeader() override { return transaction; }
+};
+
+class FixedFeatureFlags : public OrvFeatureFlagProviderProtocol {
+public:
+  FixedFeatureFlags(bool entireDomain, bool channels) : entireDomain_(entireDomain), channels_(channels) {}
+  bool valueForFeatureFlagWithServiceName(std::string_view serviceName, std::string_view featureFlagName) override;
+  std::vector<std::pair<std::string, std::string>> questions;
+
+private:
+  bool entireDomain_;
+  bool channels_;
+};
+
+struct LogLine {
+  std::string module;
+  std::int64_t level;
+  std::string file;
+  std::string function;
+  std::int64_t line;
+  std::string message;
+};
+
+// Collects log lines; install() makes it the library's delegate for the life of the object.
+class LogCollector : public OrvSdkLoggerDelegate, public std::enable_shared_from_this<LogCollector> {
+public:
+  static std::shared_ptr<LogCollector> install();
+  ~LogCollector() override = default;
+  void logWithModule(std::string_view module, std::int64_t logLevel, std::string_view fileName, std::string_view functionName,
+                     std::int64_t lineNumber, std::string_view message) override;
+  std::vector<LogLine> lines() const;
+  bool contains(std::string_view message) const;
+  std::size_t count(std::string_view message) const;
+
+private:
+  mutable std::mutex mutex_;
+  std::vector<LogLine> lines_;
+};
+
+// Runs the main queue on this thread until the predicate holds; false after the timeout.
+bool runMainQueueUntil(const std::function<bool()>& predicate, std::chrono::milliseconds timeout = std::chrono::seconds(20));
+
+// Polls a condition that no main-queue task signals (a server's request log, say).
+bool pollUntil(const std::function<bool()>& predicate, std::chrono::milliseconds timeout = std::chrono::seconds(20));
+
+// Captures what a completion block received, and on which queue.
+template <typename... Args>
+struct Capture {
+  std::atomic<int> calls{0};
+  std::atomic<bool> onMainQueue{false};
+  std::tuple<Args...> values;
+  auto block() {
+    return [this](Args... args) {
+      values = std::tuple<Args...>(std::move(args)...);
+      onMainQueue = OrvMainQueue::isCurrent();
+      ++calls;
+    };
+  }
+  bool wait(std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+    return runMainQueueUntil([this] { return calls.load() > 0; }, timeout);
+  }
+};
+
+}  // namespace orv::test
