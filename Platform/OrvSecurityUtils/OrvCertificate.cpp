@@ -21,13 +21,9 @@ std::optional<CertificateTime> certificateTimeOf(const ASN1_TIME* time) {
   return sys_days{day} + hours{parts.tm_hour} + minutes{parts.tm_min} + seconds{parts.tm_sec};
 }
 
-bool isDateBefore(OrvDate date, CertificateTime time) {
-  return std::chrono::floor<std::chrono::seconds>(date) < time;
-}
+bool isDateBefore(OrvDate date, CertificateTime time) { return std::chrono::floor<std::chrono::seconds>(date) < time; }
 
-bool isDateAfter(OrvDate date, CertificateTime time) {
-  return std::chrono::ceil<std::chrono::seconds>(date) > time;
-}
+bool isDateAfter(OrvDate date, CertificateTime time) { return std::chrono::ceil<std::chrono::seconds>(date) > time; }
 
 OrvDate dateOf(CertificateTime time) {
   using namespace std::chrono;
@@ -80,8 +76,7 @@ std::optional<std::string> decodeBase64AllowingWhiteSpace(std::string_view text)
 
 std::vector<std::string> nameEntries(const X509_NAME* name, int nid) {
   std::vector<std::string> values;
-  for (int index = X509_NAME_get_index_by_NID(name, nid, -1); index >= 0;
-       index = X509_NAME_get_index_by_NID(name, nid, index)) {
+  for (int index = X509_NAME_get_index_by_NID(name, nid, -1); index >= 0; index = X509_NAME_get_index_by_NID(name, nid, index)) {
     const ASN1_STRING* data = X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, index));
     unsigned char* utf8 = nullptr;
     const int length = ASN1_STRING_to_UTF8(&utf8, data);

@@ -70,22 +70,17 @@ enum class JwsKeyFamily { rsaPkcs1, rsaPss, ecdsa, eddsa };
 struct JwsAlgorithm {
   std::string_view name;
   JwsKeyFamily family;
-  const char* digest;        // nullptr for EdDSA, which hashes internally
-  const char* curve;         // OpenSSL group name for ECDSA, nullptr otherwise
+  const char* digest;          // nullptr for EdDSA, which hashes internally
+  const char* curve;           // OpenSSL group name for ECDSA, nullptr otherwise
   std::size_t coordinateSize;  // bytes of r and of s for ECDSA; the signature is r||s
 };
 
 inline constexpr JwsAlgorithm kJwsAlgorithms[] = {
-    {"RS256", JwsKeyFamily::rsaPkcs1, "SHA256", nullptr, 0},
-    {"RS384", JwsKeyFamily::rsaPkcs1, "SHA384", nullptr, 0},
-    {"RS512", JwsKeyFamily::rsaPkcs1, "SHA512", nullptr, 0},
-    {"PS256", JwsKeyFamily::rsaPss, "SHA256", nullptr, 0},
-    {"PS384", JwsKeyFamily::rsaPss, "SHA384", nullptr, 0},
-    {"PS512", JwsKeyFamily::rsaPss, "SHA512", nullptr, 0},
-    {"ES256", JwsKeyFamily::ecdsa, "SHA256", "prime256v1", 32},
-    {"ES384", JwsKeyFamily::ecdsa, "SHA384", "secp384r1", 48},
-    {"ES512", JwsKeyFamily::ecdsa, "SHA512", "secp521r1", 66},
-    {"EdDSA", JwsKeyFamily::eddsa, nullptr, nullptr, 0},
+    {"RS256", JwsKeyFamily::rsaPkcs1, "SHA256", nullptr, 0},    {"RS384", JwsKeyFamily::rsaPkcs1, "SHA384", nullptr, 0},
+    {"RS512", JwsKeyFamily::rsaPkcs1, "SHA512", nullptr, 0},    {"PS256", JwsKeyFamily::rsaPss, "SHA256", nullptr, 0},
+    {"PS384", JwsKeyFamily::rsaPss, "SHA384", nullptr, 0},      {"PS512", JwsKeyFamily::rsaPss, "SHA512", nullptr, 0},
+    {"ES256", JwsKeyFamily::ecdsa, "SHA256", "prime256v1", 32}, {"ES384", JwsKeyFamily::ecdsa, "SHA384", "secp384r1", 48},
+    {"ES512", JwsKeyFamily::ecdsa, "SHA512", "secp521r1", 66},  {"EdDSA", JwsKeyFamily::eddsa, nullptr, nullptr, 0},
 };
 
 // Algorithm names are case-sensitive ("rs256" is unknown).

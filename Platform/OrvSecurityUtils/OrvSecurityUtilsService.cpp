@@ -61,9 +61,9 @@ std::variant<ParsedHeader, Verdict> parseHeader(std::string_view headerJson) {
   std::optional<OrvError> parseError;
   const auto value = OrvJSONSerialization::JSONObjectWithData(headerJson, OrvJSONReadingOptions::none, &parseError);
   if (!value) {
-    return reject(OrvSecurityUtilsResultInvalidHeader,
-                  "The JWT header is not valid JSON" +
-                      (parseError ? " (" + parseError->localizedDescription() + ")" : std::string()));
+    return reject(
+        OrvSecurityUtilsResultInvalidHeader,
+        "The JWT header is not valid JSON" + (parseError ? " (" + parseError->localizedDescription() + ")" : std::string()));
   }
   if (!value->is_object()) return reject(OrvSecurityUtilsResultInvalidHeader, "The JWT header is not a JSON object");
   const boost::json::object& header = value->get_object();
@@ -103,8 +103,7 @@ std::variant<ParsedHeader, Verdict> parseHeader(std::string_view headerJson) {
                       "The JWT header marks the unsupported parameter \"" + std::string(name) + "\" critical");
       }
       if (!seen.insert(name).second) {
-        return reject(OrvSecurityUtilsResultInvalidHeader,
-                      "The JWT header's \"crit\" names \"" + std::string(name) + "\" twice");
+        return reject(OrvSecurityUtilsResultInvalidHeader, "The JWT header's \"crit\" names \"" + std::string(name) + "\" twice");
       }
       if (!header.contains(name)) {
         return reject(OrvSecurityUtilsResultInvalidHeader,
@@ -125,8 +124,7 @@ std::variant<ParsedHeader, Verdict> parseHeader(std::string_view headerJson) {
     }
     parsed.thumbprint = OrvBase64URLDecode(x5t->get_string());
     if (!parsed.thumbprint) {
-      return reject(OrvSecurityUtilsResultMalformedEncoding,
-                    "The JWT header's \"x5t#S256\" is not canonical unpadded base64url");
+      return reject(OrvSecurityUtilsResultMalformedEncoding, "The JWT header's \"x5t#S256\" is not canonical unpadded base64url");
     }
   }
   return parsed;
@@ -136,11 +134,9 @@ bool carriesName(const std::vector<std::string>& values, const std::string& name
   return std::find(values.begin(), values.end(), name) != values.end();
 }
 
-std::optional<Verdict> checkCertificate(const SecurityServiceConfiguration& configuration,
-                                        const CertificateHandle& certificate, const std::optional<std::string>& issuer,
-                                        OrvDate now) {
-  if (issuer && !carriesName(certificate.issuerOrganizations, *issuer) &&
-      !carriesName(certificate.issuerCommonNames, *issuer)) {
+std::optional<Verdict> checkCertificate(const SecurityServiceConfiguration& configuration, const CertificateHandle& certificate,
+                                        const std::optional<std::string>& issuer, OrvDate now) {
+  if (issuer && !carriesName(certificate.issuerOrganizations, *issuer) && !carriesName(certificate.issuerCommonNames, *issuer)) {
     return reject(OrvSecurityUtilsResultIssuerMismatch,
                   "The certificate's issuer is not \"" + *issuer + "\" (neither its organisation nor its common name)");
   }
@@ -157,8 +153,8 @@ std::optional<Verdict> checkCertificate(const SecurityServiceConfiguration& conf
   if (!configuration.requiresChain) return std::nullopt;
 
   X509StoreCtxPtr context(X509_STORE_CTX_new());
-  if (!context || !configuration.trustStore || X509_STORE_CTX_init(context.get(), configuration.trustStore.get(), certificate.certificate.get(),
-                                      nullptr) != 1) {
+  if (!context || !configuration.trustStore ||
+      X509_STORE_CTX_init(context.get(), configuration.trustStore.get(), certificate.certificate.get(), nullptr) != 1) {
     return reject(OrvSecurityUtilsResultInternalError, "The certificate chain could not be checked");
   }
   // Validity is judged below with the service's clock and inclusive ends, the same rule as for the
@@ -167,8 +163,7 @@ std::optional<Verdict> checkCertificate(const SecurityServiceConfiguration& conf
   if (X509_verify_cert(context.get()) != 1) {
     const int error = X509_STORE_CTX_get_error(context.get());
     return reject(OrvSecurityUtilsResultUntrustedChain,
-                  std::string("The certificate does not chain to a trusted root (") +
-                      X509_verify_cert_error_string(error) + ")");
+                  std::string("The certificate does not chain to a trusted root (") + X509_verify_cert_error_string(error) + ")");
   }
   const STACK_OF(X509)* chain = X509_STORE_CTX_get0_chain(context.get());
   for (int index = 1; index < sk_X509_num(chain); ++index) {
@@ -199,14 +194,13 @@ std::optional<std::string> rawToDerSignature(std::string_view raw, std::size_t c
   return std::string(reinterpret_cast<const char*>(der), static_cast<std::size_t>(length));
 }
 
-Verdict verifySignature(const JwsAlgorithm& algorithm, EVP_PKEY* key, std::string_view signingInput,
-                        std::string_view signature) {
+Verdict verifySignature(const JwsAlgorithm& algorithm, EVP_PKEY* key, std::string_view signingInput, std::string_view signature) {
   std::string derSignature;
   if (algorithm.family == JwsKeyFamily::ecdsa) {
     if (signature.size() != 2 * algorithm.coordinateSize) {
-      return reject(OrvSecurityUtilsResultMalformedSignature,
-                    "The signature is not the " + std::to_string(2 * algorithm.coordinateSize) + "-byte r||s that " +
-                        std::string(algorithm.name) + " requires");
+      return reject(OrvSecurityUtilsResultMalformedSignature, "The signature is not the " +
+                                                                  std::to_string(2 * algorithm.coordinateSize) +
+                                                                  "-byte r||s that " + std::string(algorithm.name) + " requires");
     }
     auto converted = rawToDerSignature(signature, algorithm.coordinateSize);
     if (!converted) return reject(OrvSecurityUtilsResultInternalError, "The signature could not be prepared");
@@ -218,14 +212,12 @@ Verdict verifySignature(const JwsAlgorithm& algorithm, EVP_PKEY* key, std::strin
 
   EvpMdCtxPtr context(EVP_MD_CTX_new());
   EVP_PKEY_CTX* keyContext = nullptr;  // owned by context
-  if (!context ||
-      EVP_DigestVerifyInit_ex(context.get(), &keyContext, algorithm.digest, nullptr, nullptr, key, nullptr) != 1 ||
+  if (!context || EVP_DigestVerifyInit_ex(context.get(), &keyContext, algorithm.digest, nullptr, nullptr, key, nullptr) != 1 ||
       (algorithm.family == JwsKeyFamily::rsaPss && !configurePss(keyContext, algorithm))) {
     return reject(OrvSecurityUtilsResultInternalError, "The signature check could not be set up");
   }
-  const int verified = EVP_DigestVerify(context.get(), reinterpret_cast<const unsigned char*>(signature.data()),
-                                        signature.size(), reinterpret_cast<const unsigned char*>(signingInput.data()),
-                                        signingInput.size());
+  const int verified = EVP_DigestVerify(context.get(), reinterpret_cast<const unsigned char*>(signature.data()), signature.size(),
+                                        reinterpret_cast<const unsigned char*>(signingInput.data()), signingInput.size());
   if (verified != 1) {
     return reject(OrvSecurityUtilsResultSignatureMismatch, "The signature does not match the payload");
   }
@@ -264,8 +256,7 @@ Verdict verify(const SecurityServiceConfiguration& configuration, std::string_vi
   }
   const OrvDate now = configuration.clock ? configuration.clock() : std::chrono::system_clock::now();
   const std::optional<std::string> noIssuer;
-  if (auto verdict = checkCertificate(configuration, certificate, options ? options->requiredIssuerName() : noIssuer,
-                                      now)) {
+  if (auto verdict = checkCertificate(configuration, certificate, options ? options->requiredIssuerName() : noIssuer, now)) {
     return std::move(*verdict);
   }
 
@@ -283,8 +274,8 @@ Verdict verify(const SecurityServiceConfiguration& configuration, std::string_vi
 
 Verdict verifyCatchingEverything(const SecurityServiceConfiguration& configuration, std::string_view payload,
                                  const std::optional<std::string>& encodedHeader,
-                                 const std::optional<std::string>& encodedSignature,
-                                 const OrvCertificateRef& certificate, const AdditionalCertificateValidationOptions* options) {
+                                 const std::optional<std::string>& encodedSignature, const OrvCertificateRef& certificate,
+                                 const AdditionalCertificateValidationOptions* options) {
   Verdict verdict;
   try {
     verdict = verify(configuration, payload, encodedHeader, encodedSignature, certificate, options);
@@ -299,24 +290,42 @@ Verdict verifyCatchingEverything(const SecurityServiceConfiguration& configurati
 
 std::string OrvSecurityUtilsResultDescription(std::int64_t result) {
   switch (result) {
-    case OrvSecurityUtilsResultSuccess: return "OrvSecurityUtilsResultSuccess";
-    case OrvSecurityUtilsResultMissingInput: return "OrvSecurityUtilsResultMissingInput";
-    case OrvSecurityUtilsResultMalformedEncoding: return "OrvSecurityUtilsResultMalformedEncoding";
-    case OrvSecurityUtilsResultInvalidHeader: return "OrvSecurityUtilsResultInvalidHeader";
-    case OrvSecurityUtilsResultUnsupportedAlgorithm: return "OrvSecurityUtilsResultUnsupportedAlgorithm";
-    case OrvSecurityUtilsResultUnknownCritical: return "OrvSecurityUtilsResultUnknownCritical";
-    case OrvSecurityUtilsResultAlgorithmKeyMismatch: return "OrvSecurityUtilsResultAlgorithmKeyMismatch";
-    case OrvSecurityUtilsResultKeyTooWeak: return "OrvSecurityUtilsResultKeyTooWeak";
-    case OrvSecurityUtilsResultThumbprintMismatch: return "OrvSecurityUtilsResultThumbprintMismatch";
-    case OrvSecurityUtilsResultIssuerMismatch: return "OrvSecurityUtilsResultIssuerMismatch";
-    case OrvSecurityUtilsResultCertificateNotYetValid: return "OrvSecurityUtilsResultCertificateNotYetValid";
-    case OrvSecurityUtilsResultCertificateExpired: return "OrvSecurityUtilsResultCertificateExpired";
-    case OrvSecurityUtilsResultKeyUsageForbidsSignature: return "OrvSecurityUtilsResultKeyUsageForbidsSignature";
-    case OrvSecurityUtilsResultUntrustedChain: return "OrvSecurityUtilsResultUntrustedChain";
-    case OrvSecurityUtilsResultMalformedSignature: return "OrvSecurityUtilsResultMalformedSignature";
-    case OrvSecurityUtilsResultSignatureMismatch: return "OrvSecurityUtilsResultSignatureMismatch";
-    case OrvSecurityUtilsResultInternalError: return "OrvSecurityUtilsResultInternalError";
-    default: return "Unknown OrvSecurityUtilsResult of " + std::to_string(result);
+    case OrvSecurityUtilsResultSuccess:
+      return "OrvSecurityUtilsResultSuccess";
+    case OrvSecurityUtilsResultMissingInput:
+      return "OrvSecurityUtilsResultMissingInput";
+    case OrvSecurityUtilsResultMalformedEncoding:
+      return "OrvSecurityUtilsResultMalformedEncoding";
+    case OrvSecurityUtilsResultInvalidHeader:
+      return "OrvSecurityUtilsResultInvalidHeader";
+    case OrvSecurityUtilsResultUnsupportedAlgorithm:
+      return "OrvSecurityUtilsResultUnsupportedAlgorithm";
+    case OrvSecurityUtilsResultUnknownCritical:
+      return "OrvSecurityUtilsResultUnknownCritical";
+    case OrvSecurityUtilsResultAlgorithmKeyMismatch:
+      return "OrvSecurityUtilsResultAlgorithmKeyMismatch";
+    case OrvSecurityUtilsResultKeyTooWeak:
+      return "OrvSecurityUtilsResultKeyTooWeak";
+    case OrvSecurityUtilsResultThumbprintMismatch:
+      return "OrvSecurityUtilsResultThumbprintMismatch";
+    case OrvSecurityUtilsResultIssuerMismatch:
+      return "OrvSecurityUtilsResultIssuerMismatch";
+    case OrvSecurityUtilsResultCertificateNotYetValid:
+      return "OrvSecurityUtilsResultCertificateNotYetValid";
+    case OrvSecurityUtilsResultCertificateExpired:
+      return "OrvSecurityUtilsResultCertificateExpired";
+    case OrvSecurityUtilsResultKeyUsageForbidsSignature:
+      return "OrvSecurityUtilsResultKeyUsageForbidsSignature";
+    case OrvSecurityUtilsResultUntrustedChain:
+      return "OrvSecurityUtilsResultUntrustedChain";
+    case OrvSecurityUtilsResultMalformedSignature:
+      return "OrvSecurityUtilsResultMalformedSignature";
+    case OrvSecurityUtilsResultSignatureMismatch:
+      return "OrvSecurityUtilsResultSignatureMismatch";
+    case OrvSecurityUtilsResultInternalError:
+      return "OrvSecurityUtilsResultInternalError";
+    default:
+      return "Unknown OrvSecurityUtilsResult of " + std::to_string(result);
   }
 }
 
@@ -386,20 +395,23 @@ void OrvSecurityUtilsService::asyncValidateJWTWithJwtPayload(
     OrvJWTValidationCompletionBlock completionBlock) {
   if (!completionBlock) return;
   try {
-    orv::detail::dispatchToWorkerPool([configuration = configuration_, payload = std::move(jwtPayload),
-                                       header = std::move(base64URLEncodedJWTHeader),
-                                       signature = std::move(base64URLEncodedJWTSignature),
-                                       certificate = std::move(verificationCertificate),
-                                       options = std::move(additionalValidationOptions),
-                                       completion = std::move(completionBlock)] {
-      auto [result, error] =
-          verifyCatchingEverything(*configuration, payload, header, signature, certificate, options.get());
-      try {
-        completion(result, std::move(error));
-      } catch (...) {
-        // A host's completion that throws must not take a worker thread down with it.
-      }
-    });
+    orv::detail::dispatchToWorkerPool(
+        [configuration = configuration_, payload = std::move(jwtPayload), header = std::move(base64URLEncodedJWTHeader),
+         signature = std::move(base64URLEncodedJWTSignature), certificate = std::move(verificationCertificate),
+         options = std::move(additionalValidationOptions), completion = std::move(completionBlock)]() mutable {
+          auto [result, error] = verifyCatchingEverything(*configuration, payload, header, signature, certificate, options.get());
+          // Whatever OpenSSL state this task held the last reference to is freed before the completion
+          // runs, not after: a host that waits for the completion and then shuts OpenSSL down (at process
+          // exit, say) must not race with this thread freeing certificates.
+          certificate.reset();
+          configuration.reset();
+          options.reset();
+          try {
+            completion(result, std::move(error));
+          } catch (...) {
+            // A host's completion that throws must not take a worker thread down with it.
+          }
+        });
   } catch (const std::exception&) {
     // The pool could not take the task (out of memory); nothing can be delivered later either.
   }

@@ -56,10 +56,12 @@ enum OrvSecurityUtilsResult : std::int64_t {
 // The enumerator's name, or "Unknown OrvSecurityUtilsResult of <value>".
 std::string OrvSecurityUtilsResultDescription(std::int64_t result);
 
-namespace orv::detail { struct SecurityServiceConfiguration; }
+namespace orv::detail {
+struct SecurityServiceConfiguration;
+}
 
 class OrvSecurityUtilsService : public OrvSecurityServiceProtocol {
-public:
+ public:
   using AdditionalCertificateValidationOptions = ::AdditionalCertificateValidationOptions;
   using Clock = std::function<OrvDate()>;
 
@@ -99,7 +101,7 @@ public:
 
   std::size_t trustAnchorCount() const noexcept;
 
-private:
+ private:
   explicit OrvSecurityUtilsService(std::shared_ptr<const orv::detail::SecurityServiceConfiguration> configuration);
   std::shared_ptr<const orv::detail::SecurityServiceConfiguration> configuration_;
 };

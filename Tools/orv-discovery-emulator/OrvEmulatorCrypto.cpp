@@ -94,8 +94,7 @@ std::optional<std::string> signWith(EVP_PKEY* key, const JwsAlgorithm& algorithm
   std::size_t length = 0;
   if (EVP_DigestSign(context.get(), nullptr, &length, data, input.size()) != 1) return std::nullopt;
   std::string signature(length, '\0');
-  if (EVP_DigestSign(context.get(), reinterpret_cast<unsigned char*>(signature.data()), &length, data, input.size()) !=
-      1) {
+  if (EVP_DigestSign(context.get(), reinterpret_cast<unsigned char*>(signature.data()), &length, data, input.size()) != 1) {
     return std::nullopt;
   }
   signature.resize(length);
@@ -176,15 +175,14 @@ std::optional<std::string> issueCertificate(const CertificateProfile& profile, c
 
     X509V3_CTX context;
     X509V3_set_ctx_nodb(&context);
-    X509V3_set_ctx(&context, issuerCertificate ? issuerCertificate.get() : certificate.get(), certificate.get(),
-                   nullptr, nullptr, 0);
+    X509V3_set_ctx(&context, issuerCertificate ? issuerCertificate.get() : certificate.get(), certificate.get(), nullptr, nullptr,
+                   0);
     if (!addExtension(certificate.get(), &context, NID_basic_constraints,
                       profile.isCA ? "critical,CA:TRUE" : "critical,CA:FALSE") ||
         !addExtension(certificate.get(), &context, NID_subject_key_identifier, "hash")) {
       return std::nullopt;
     }
-    if (issuerCertificate &&
-        !addExtension(certificate.get(), &context, NID_authority_key_identifier, "keyid:always")) {
+    if (issuerCertificate && !addExtension(certificate.get(), &context, NID_authority_key_identifier, "keyid:always")) {
       return std::nullopt;
     }
     if (profile.addKeyUsage) {
@@ -199,8 +197,7 @@ std::optional<std::string> issueCertificate(const CertificateProfile& profile, c
     std::string alternativeNames;
     for (const auto& name : profile.dnsNames) alternativeNames += (alternativeNames.empty() ? "DNS:" : ",DNS:") + name;
     for (const auto& ip : profile.ipAddresses) alternativeNames += (alternativeNames.empty() ? "IP:" : ",IP:") + ip;
-    if (!alternativeNames.empty() &&
-        !addExtension(certificate.get(), &context, NID_subject_alt_name, alternativeNames)) {
+    if (!alternativeNames.empty() && !addExtension(certificate.get(), &context, NID_subject_alt_name, alternativeNames)) {
       return std::nullopt;
     }
 
@@ -234,8 +231,7 @@ std::optional<std::string> signDetachedJws(const PrivateKey& key, std::string_vi
                                            std::string_view protectedHeaderJson, std::string_view payload,
                                            bool unencodedPayload) {
   const std::string encodedHeader = base64UrlEncode(protectedHeaderJson);
-  const std::string signingInput =
-      encodedHeader + "." + (unencodedPayload ? std::string(payload) : base64UrlEncode(payload));
+  const std::string signingInput = encodedHeader + "." + (unencodedPayload ? std::string(payload) : base64UrlEncode(payload));
   const auto signature = signRaw(key, algorithm, signingInput);
   if (!signature) return std::nullopt;
   return encodedHeader + "." + base64UrlEncode(*signature);

@@ -217,10 +217,13 @@ std::optional<EmulatorMaterial> loadMaterial(const std::string& dir, const std::
     return std::nullopt;
   }
   auto signingPEM = read(ec ? kSigningECFile : kSigningRSAFile);
+  if (!signingPEM) return std::nullopt;
   auto signingKeyPEM = read(ec ? kSigningECKeyFile : kSigningRSAKeyFile);
+  if (!signingKeyPEM) return std::nullopt;
   auto tlsPEM = read(kTLSServerFile);
+  if (!tlsPEM) return std::nullopt;
   auto tlsKeyPEM = read(kTLSServerKeyFile);
-  if (!signingPEM || !signingKeyPEM || !tlsPEM || !tlsKeyPEM) return std::nullopt;
+  if (!tlsKeyPEM) return std::nullopt;
 
   auto key = PrivateKey::fromPEM(*signingKeyPEM);
   if (!key) {

@@ -42,16 +42,22 @@ int main(int argc, char** argv) {
   std::string algorithm = "RS256";
   std::vector<std::string> faultArguments;
 
-  auto* generate = app.add_option("--generate", generateDir, "Write fresh keys, certificates and a demo catalog to DIR");
-  auto* material = app.add_option("--material", materialDir, "Serve with the material in DIR");
+  auto* generate = app.add_option("--generate", generateDir, "Write fresh keys, certificates and a demo catalog to DIR")
+                       ->type_name("DIR");
+  auto* material = app.add_option("--material", materialDir, "Serve with the material in DIR")->type_name("DIR");
   generate->excludes(material);
-  app.add_option("--catalog", catalogFile, "Catalog JSON file (default: DIR/catalog.json)")->needs(material);
-  app.add_option("--listen", listen, "ADDR:PORT to listen on; port 0 picks a free one")->needs(material);
+  app.add_option("--catalog", catalogFile, "Catalog JSON file (default: DIR/catalog.json)")
+      ->type_name("FILE")
+      ->needs(material);
+  app.add_option("--listen", listen, "ADDR:PORT to listen on; port 0 picks a free one")
+      ->type_name("ADDR:PORT")
+      ->needs(material);
   app.add_option("--algorithm", algorithm, "Signature algorithm")
       ->check(CLI::IsMember({"RS256", "ES256"}))
       ->needs(material);
   app.add_option("--fault", faultArguments,
                  "PATH:KNOB, repeatable; knobs: status=CODE, delay=MS, drop, nosig, badsig, body=TEXT, body=@FILE")
+      ->type_name("PATH:KNOB")
       ->needs(material);
   CLI11_PARSE(app, argc, argv);
 

@@ -39,7 +39,7 @@ std::string derFromRaw(std::string_view raw) {
 
 // Completions recorded from whichever threads deliver them; owned jointly by the test and the blocks.
 class CompletionLog : public std::enable_shared_from_this<CompletionLog> {
-public:
+ public:
   struct Completion {
     std::int64_t result;
     std::optional<OrvError> error;
@@ -63,7 +63,7 @@ public:
     return completions_;
   }
 
-private:
+ private:
   std::mutex mutex_;
   std::condition_variable changed_;
   std::map<int, Completion> completions_;
@@ -77,25 +77,34 @@ std::shared_ptr<const AdditionalCertificateValidationOptions> issuerOptions() {
 }
 
 class SecurityUtilsServiceTest : public ::testing::Test {
-protected:
+ protected:
   const SecurityMaterial& m = securityMaterial();
   std::shared_ptr<OrvSecurityUtilsService> service = serviceAt(m.now);
   std::shared_ptr<OrvSecurityUtilsService> anchored = serviceAt(m.now, true);
+
+  std::int64_t check(const DetachedJws& jws, const OrvCertificateRef& certificate, std::string_view payload = kPayload,
+                     std::optional<std::string> issuer = kRequiredIssuer) {
+    return verifyResult(*service, jws, certificate, payload, std::move(issuer));
+  }
 };
 
 TEST_F(SecurityUtilsServiceTest, AcceptsEveryAlgorithmWithAndWithoutTrustAnchors) {
-  struct Case { const char* algorithm; const emulator::PrivateKey& key; OrvCertificateRef certificate; };
+  struct Case {
+    const char* algorithm;
+    const emulator::PrivateKey& key;
+    OrvCertificateRef certificate;
+  };
   const Case cases[] = {
-      {"RS256", m.rsaKey, m.rsaLeaf},     {"RS384", m.rsaKey, m.rsaLeaf},     {"RS512", m.rsaKey, m.rsaLeaf},
-      {"PS256", m.rsaKey, m.rsaLeaf},     {"PS384", m.rsaKey, m.rsaLeaf},     {"PS512", m.rsaKey, m.rsaLeaf},
-      {"ES256", m.p256Key, m.p256Leaf},   {"ES384", m.p384Key, m.p384Leaf},   {"ES512", m.p521Key, m.p521Leaf},
+      {"RS256", m.rsaKey, m.rsaLeaf},         {"RS384", m.rsaKey, m.rsaLeaf},   {"RS512", m.rsaKey, m.rsaLeaf},
+      {"PS256", m.rsaKey, m.rsaLeaf},         {"PS384", m.rsaKey, m.rsaLeaf},   {"PS512", m.rsaKey, m.rsaLeaf},
+      {"ES256", m.p256Key, m.p256Leaf},       {"ES384", m.p384Key, m.p384Leaf}, {"ES512", m.p521Key, m.p521Leaf},
       {"EdDSA", m.ed25519Key, m.ed25519Leaf},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.algorithm);
     const auto jws = signJws(c.key, c.algorithm, header(c.algorithm));
     ASSERT_TRUE(jws.header && jws.signature);
-    EXPECT_EQ(verifyResult(*service, jws, c.certificate), OrvSecurityUtilsResultSuccess);
+    EXPECT_EQ(check(jws, c.certificate), OrvSecurityUtilsResultSuccess);
     EXPECT_EQ(verifyResult(*anchored, jws, c.certificate), OrvSecurityUtilsResultSuccess);
   }
   // An anchor may sign as it stands, and an empty payload is still a payload.
@@ -104,27 +113,21 @@ TEST_F(SecurityUtilsServiceTest, AcceptsEveryAlgorithmWithAndWithoutTrustAnchors
 }
 
 TEST_F(SecurityUtilsServiceTest, RefusesAlgorithmsThatAreNotAsymmetricSignatures) {
-  for (const char* algorithm : {"none", "None", "NONE", "nOnE", "HS256", "HS384", "HS512", "hs256", "RS1", "rs256",
-                                "ES256K", "Ed25519", ""}) {
+  for (const char* algorithm :
+       {"none", "None", "NONE", "nOnE", "HS256", "HS384", "HS512", "hs256", "RS1", "rs256", "ES256K", "Ed25519", ""}) {
     SCOPED_TRACE(algorithm);
-    EXPECT_EQ(verifyResult(*service, forgedJws(header(algorithm), ""), m.rsaLeaf),
-              OrvSecurityUtilsResultUnsupportedAlgorithm);
+    EXPECT_EQ(check(forgedJws(header(algorithm), ""), m.rsaLeaf), OrvSecurityUtilsResultUnsupportedAlgorithm);
   }
 }
 
 TEST_F(SecurityUtilsServiceTest, RefusesAnAlgorithmThatDoesNotFitTheKey) {
   const auto rsaSignature = *emulator::signRaw(m.rsaKey, "RS256", "x");
-  EXPECT_EQ(verifyResult(*service, forgedJws(header("RS256"), rsaSignature), m.p256Leaf),
-            OrvSecurityUtilsResultAlgorithmKeyMismatch);
-  EXPECT_EQ(verifyResult(*service, forgedJws(header("PS256"), rsaSignature), m.ed25519Leaf),
-            OrvSecurityUtilsResultAlgorithmKeyMismatch);
-  EXPECT_EQ(verifyResult(*service, forgedJws(header("EdDSA"), std::string(64, 'x')), m.rsaLeaf),
-            OrvSecurityUtilsResultAlgorithmKeyMismatch);
+  EXPECT_EQ(check(forgedJws(header("RS256"), rsaSignature), m.p256Leaf), OrvSecurityUtilsResultAlgorithmKeyMismatch);
+  EXPECT_EQ(check(forgedJws(header("PS256"), rsaSignature), m.ed25519Leaf), OrvSecurityUtilsResultAlgorithmKeyMismatch);
+  EXPECT_EQ(check(forgedJws(header("EdDSA"), std::string(64, 'x')), m.rsaLeaf), OrvSecurityUtilsResultAlgorithmKeyMismatch);
   // The curve counts, not only the key type.
-  EXPECT_EQ(verifyResult(*service, signJws(m.p384Key, "ES384", header("ES256")), m.p384Leaf),
-            OrvSecurityUtilsResultAlgorithmKeyMismatch);
-  EXPECT_EQ(verifyResult(*service, signJws(m.p256Key, "ES256", header("ES256")), m.p384Leaf),
-            OrvSecurityUtilsResultAlgorithmKeyMismatch);
+  EXPECT_EQ(check(signJws(m.p384Key, "ES384", header("ES256")), m.p384Leaf), OrvSecurityUtilsResultAlgorithmKeyMismatch);
+  EXPECT_EQ(check(signJws(m.p256Key, "ES256", header("ES256")), m.p384Leaf), OrvSecurityUtilsResultAlgorithmKeyMismatch);
   EXPECT_FALSE(emulator::signRaw(m.p256Key, "RS256", "x").has_value());
 }
 
@@ -140,23 +143,21 @@ TEST_F(SecurityUtilsServiceTest, RefusesRSAKeysShorterThan2048Bits) {
   profile.notBefore = m.leafNotBefore;
   profile.notAfter = m.leafNotAfter;
   const auto certificate = OrvCertificate::certificateWithContent(*emulator::issueCertificate(profile, *key, nullptr, *key));
-  EXPECT_EQ(verifyResult(*service, signJws(*key, "RS256", header("RS256")), certificate), OrvSecurityUtilsResultKeyTooWeak);
+  EXPECT_EQ(check(signJws(*key, "RS256", header("RS256")), certificate), OrvSecurityUtilsResultKeyTooWeak);
 }
 
 TEST_F(SecurityUtilsServiceTest, ECDSAAndEdDSASignaturesMustHaveTheExactLength) {
   const auto jws = signJws(m.p256Key, "ES256", header("ES256"));
   const auto raw = *OrvBase64URLDecode(*jws.signature);
   ASSERT_EQ(raw.size(), 64u);
-  const auto withSignature = [&](std::string signature) {
-    return DetachedJws{jws.header, emulator::base64UrlEncode(signature)};
-  };
-  EXPECT_EQ(verifyResult(*service, withSignature(derFromRaw(raw)), m.p256Leaf), OrvSecurityUtilsResultMalformedSignature);
-  EXPECT_EQ(verifyResult(*service, withSignature(raw + '\0'), m.p256Leaf), OrvSecurityUtilsResultMalformedSignature);
-  EXPECT_EQ(verifyResult(*service, withSignature(raw.substr(1)), m.p256Leaf), OrvSecurityUtilsResultMalformedSignature);
-  EXPECT_EQ(verifyResult(*service, withSignature(""), m.p256Leaf), OrvSecurityUtilsResultMalformedSignature);
+  const auto withSignature = [&](std::string signature) { return DetachedJws{jws.header, emulator::base64UrlEncode(signature)}; };
+  EXPECT_EQ(check(withSignature(derFromRaw(raw)), m.p256Leaf), OrvSecurityUtilsResultMalformedSignature);
+  EXPECT_EQ(check(withSignature(raw + '\0'), m.p256Leaf), OrvSecurityUtilsResultMalformedSignature);
+  EXPECT_EQ(check(withSignature(raw.substr(1)), m.p256Leaf), OrvSecurityUtilsResultMalformedSignature);
+  EXPECT_EQ(check(withSignature(""), m.p256Leaf), OrvSecurityUtilsResultMalformedSignature);
   const auto ed = signJws(m.ed25519Key, "EdDSA", header("EdDSA"));
   const auto edRaw = *OrvBase64URLDecode(*ed.signature);
-  EXPECT_EQ(verifyResult(*service, {ed.header, emulator::base64UrlEncode(edRaw.substr(1))}, m.ed25519Leaf),
+  EXPECT_EQ(check({ed.header, emulator::base64UrlEncode(edRaw.substr(1))}, m.ed25519Leaf),
             OrvSecurityUtilsResultMalformedSignature);
 }
 
@@ -164,7 +165,7 @@ TEST_F(SecurityUtilsServiceTest, RefusesPaddedOrNonCanonicalBase64URL) {
   const auto jws = signJws(m.rsaKey, "RS256", kRS256Header);
   ASSERT_NE(jws.header->size() % 4, 0u);
   ASSERT_NE(jws.signature->size() % 4, 0u);
-  ASSERT_EQ(verifyResult(*service, jws, m.rsaLeaf), OrvSecurityUtilsResultSuccess);
+  ASSERT_EQ(check(jws, m.rsaLeaf), OrvSecurityUtilsResultSuccess);
   const std::string padding(4 - jws.header->size() % 4, '=');
   const std::string signaturePadding(4 - jws.signature->size() % 4, '=');
   for (const DetachedJws& bad : {
@@ -175,48 +176,40 @@ TEST_F(SecurityUtilsServiceTest, RefusesPaddedOrNonCanonicalBase64URL) {
            DetachedJws{" " + *jws.header, jws.signature},
            DetachedJws{jws.header, "+/" + *jws.signature},
        }) {
-    EXPECT_EQ(verifyResult(*service, bad, m.rsaLeaf), OrvSecurityUtilsResultMalformedEncoding);
+    EXPECT_EQ(check(bad, m.rsaLeaf), OrvSecurityUtilsResultMalformedEncoding);
   }
 }
 
 TEST_F(SecurityUtilsServiceTest, RefusesHeadersThatAreNotAProperJSONObject) {
-  for (const char* json : {"[]", R"(["alg","RS256"])", R"("RS256")", "1", "null", R"({"alg":)", "", "{}",
-                           R"({"alg":256})", R"({"alg":"RS256","alg":"RS256"})",
-                           R"({"alg":"RS256","crit":[]})", R"({"alg":"RS256","crit":"b64","b64":false})",
-                           R"({"alg":"RS256","crit":["b64",1],"b64":false})", R"({"alg":"RS256","crit":["b64"]})",
-                           R"({"alg":"RS256","crit":["b64","b64"],"b64":false})", R"({"alg":"RS256","b64":"false"})",
-                           R"({"alg":"RS256","x5t#S256":1})"}) {
+  for (const char* json : {"[]", R"(["alg","RS256"])", R"("RS256")", "1", "null", R"({"alg":)", "", "{}", R"({"alg":256})",
+                           R"({"alg":"RS256","alg":"RS256"})", R"({"alg":"RS256","crit":[]})",
+                           R"({"alg":"RS256","crit":"b64","b64":false})", R"({"alg":"RS256","crit":["b64",1],"b64":false})",
+                           R"({"alg":"RS256","crit":["b64"]})", R"({"alg":"RS256","crit":["b64","b64"],"b64":false})",
+                           R"({"alg":"RS256","b64":"false"})", R"({"alg":"RS256","x5t#S256":1})"}) {
     SCOPED_TRACE(json);
-    EXPECT_EQ(verifyResult(*service, forgedJws(json, "sig"), m.rsaLeaf), OrvSecurityUtilsResultInvalidHeader);
+    EXPECT_EQ(check(forgedJws(json, "sig"), m.rsaLeaf), OrvSecurityUtilsResultInvalidHeader);
   }
   // The duplicate must not let a later member override an earlier one.
-  EXPECT_EQ(verifyResult(*service, signJws(m.rsaKey, "RS256", R"({"alg":"none","alg":"RS256"})"), m.rsaLeaf),
-            OrvSecurityUtilsResultInvalidHeader);
+  EXPECT_EQ(check(signJws(m.rsaKey, "RS256", R"({"alg":"none","alg":"RS256"})"), m.rsaLeaf), OrvSecurityUtilsResultInvalidHeader);
 }
 
 TEST_F(SecurityUtilsServiceTest, RefusesCriticalParametersItDoesNotUnderstand) {
   for (const char* json : {R"({"alg":"RS256","crit":["exp"],"exp":1})", R"({"alg":"RS256","crit":["alg"]})",
                            R"({"alg":"RS256","crit":["b64","kid"],"b64":true,"kid":"k"})"}) {
     SCOPED_TRACE(json);
-    EXPECT_EQ(verifyResult(*service, signJws(m.rsaKey, "RS256", json), m.rsaLeaf),
-              OrvSecurityUtilsResultUnknownCritical);
+    EXPECT_EQ(check(signJws(m.rsaKey, "RS256", json), m.rsaLeaf), OrvSecurityUtilsResultUnknownCritical);
   }
 }
 
 TEST_F(SecurityUtilsServiceTest, UnencodedPayloadOnlyWhenB64IsCritical) {
   constexpr const char* critical = R"({"alg":"ES256","b64":false,"crit":["b64"]})";
   constexpr const char* notCritical = R"({"alg":"ES256","b64":false})";
-  EXPECT_EQ(verifyResult(*service, signJws(m.p256Key, "ES256", critical, kPayload, true), m.p256Leaf),
-            OrvSecurityUtilsResultSuccess);
-  EXPECT_EQ(verifyResult(*service, signJws(m.p256Key, "ES256", critical, kPayload, false), m.p256Leaf),
-            OrvSecurityUtilsResultSignatureMismatch);
-  EXPECT_EQ(verifyResult(*service, signJws(m.p256Key, "ES256", notCritical, kPayload, true), m.p256Leaf),
-            OrvSecurityUtilsResultSignatureMismatch);
-  EXPECT_EQ(verifyResult(*service, signJws(m.p256Key, "ES256", notCritical, kPayload, false), m.p256Leaf),
-            OrvSecurityUtilsResultSuccess);
+  EXPECT_EQ(check(signJws(m.p256Key, "ES256", critical, kPayload, true), m.p256Leaf), OrvSecurityUtilsResultSuccess);
+  EXPECT_EQ(check(signJws(m.p256Key, "ES256", critical, kPayload, false), m.p256Leaf), OrvSecurityUtilsResultSignatureMismatch);
+  EXPECT_EQ(check(signJws(m.p256Key, "ES256", notCritical, kPayload, true), m.p256Leaf), OrvSecurityUtilsResultSignatureMismatch);
+  EXPECT_EQ(check(signJws(m.p256Key, "ES256", notCritical, kPayload, false), m.p256Leaf), OrvSecurityUtilsResultSuccess);
   // "b64": true in "crit" keeps the ordinary form.
-  EXPECT_EQ(verifyResult(*service,
-                         signJws(m.p256Key, "ES256", R"({"alg":"ES256","b64":true,"crit":["b64"]})", kPayload, false),
+  EXPECT_EQ(verifyResult(*service, signJws(m.p256Key, "ES256", R"({"alg":"ES256","b64":true,"crit":["b64"]})", kPayload, false),
                          m.p256Leaf),
             OrvSecurityUtilsResultSuccess);
 }
@@ -225,14 +218,11 @@ TEST_F(SecurityUtilsServiceTest, ThumbprintMustNameTheCertificate) {
   const auto withThumbprint = [&](const std::string& thumbprint) {
     return signJws(m.rsaKey, "RS256", R"({"alg":"RS256","x5t#S256":")" + thumbprint + R"("})");
   };
-  EXPECT_EQ(verifyResult(*service, withThumbprint(emulator::base64UrlEncode(m.rsaLeaf->sha256Thumbprint())), m.rsaLeaf),
+  EXPECT_EQ(check(withThumbprint(emulator::base64UrlEncode(m.rsaLeaf->sha256Thumbprint())), m.rsaLeaf),
             OrvSecurityUtilsResultSuccess);
-  EXPECT_EQ(verifyResult(*service, withThumbprint(emulator::base64UrlEncode(m.noKeyUsage->sha256Thumbprint())),
-                         m.rsaLeaf),
+  EXPECT_EQ(check(withThumbprint(emulator::base64UrlEncode(m.noKeyUsage->sha256Thumbprint())), m.rsaLeaf),
             OrvSecurityUtilsResultThumbprintMismatch);
-  EXPECT_EQ(verifyResult(*service, withThumbprint(""), m.rsaLeaf), OrvSecurityUtilsResultThumbprintMismatch);
-  EXPECT_EQ(verifyResult(*service, withThumbprint(emulator::base64UrlEncode(m.rsaLeaf->sha256Thumbprint()) + "="),
-                         m.rsaLeaf),
+  EXPECT_EQ(check(withThumbprint(emulator::base64UrlEncode(m.rsaLeaf->sha256Thumbprint()) + "="), m.rsaLeaf),
             OrvSecurityUtilsResultMalformedEncoding);
 }
 
@@ -240,34 +230,31 @@ TEST_F(SecurityUtilsServiceTest, RefusesSignaturesThatDoNotMatch) {
   const auto jws = signJws(m.rsaKey, "PS256", header("PS256"));
   std::string tampered(kPayload);
   tampered[10] ^= 1;
-  EXPECT_EQ(verifyResult(*service, jws, m.rsaLeaf, tampered), OrvSecurityUtilsResultSignatureMismatch);
-  EXPECT_EQ(verifyResult(*service, jws, m.rsaLeaf, std::string(kPayload) + " "), OrvSecurityUtilsResultSignatureMismatch);
+  EXPECT_EQ(check(jws, m.rsaLeaf, tampered), OrvSecurityUtilsResultSignatureMismatch);
+  EXPECT_EQ(check(jws, m.rsaLeaf, std::string(kPayload) + " "), OrvSecurityUtilsResultSignatureMismatch);
   auto signature = *OrvBase64URLDecode(*jws.signature);
   signature[0] ^= 0x80;
-  EXPECT_EQ(verifyResult(*service, {jws.header, emulator::base64UrlEncode(signature)}, m.rsaLeaf),
-            OrvSecurityUtilsResultSignatureMismatch);
-  EXPECT_EQ(verifyResult(*service, signJws(m.rsaOtherKey, "PS256", header("PS256")), m.rsaLeaf),
-            OrvSecurityUtilsResultSignatureMismatch);
+  EXPECT_EQ(check({jws.header, emulator::base64UrlEncode(signature)}, m.rsaLeaf), OrvSecurityUtilsResultSignatureMismatch);
+  EXPECT_EQ(check(signJws(m.rsaOtherKey, "PS256", header("PS256")), m.rsaLeaf), OrvSecurityUtilsResultSignatureMismatch);
   // A PKCS#1 v1.5 signature presented as PSS, and the header changed after signing.
-  EXPECT_EQ(verifyResult(*service, {emulator::base64UrlEncode(header("PS256")), signJws(m.rsaKey, "RS256", header("PS256")).signature}, m.rsaLeaf),
+  EXPECT_EQ(check({emulator::base64UrlEncode(header("PS256")), signJws(m.rsaKey, "RS256", header("PS256")).signature}, m.rsaLeaf),
             OrvSecurityUtilsResultSignatureMismatch);
-  EXPECT_EQ(verifyResult(*service, {emulator::base64UrlEncode(R"({"alg":"PS256","kid":"x"})"), jws.signature}, m.rsaLeaf),
+  EXPECT_EQ(check({emulator::base64UrlEncode(R"({"alg":"PS256","kid":"x"})"), jws.signature}, m.rsaLeaf),
             OrvSecurityUtilsResultSignatureMismatch);
 }
 
 TEST_F(SecurityUtilsServiceTest, IssuerMustCarryTheRequiredNameExactly) {
   const auto jws = signJws(m.rsaKey, "RS256", header("RS256"));
-  EXPECT_EQ(verifyResult(*service, jws, m.selfSigned), OrvSecurityUtilsResultSuccess);
-  EXPECT_EQ(verifyResult(*service, jws, m.issuerByCommonName), OrvSecurityUtilsResultSuccess);
-  EXPECT_EQ(verifyResult(*service, jws, m.issuerPrefix), OrvSecurityUtilsResultIssuerMismatch);
-  EXPECT_EQ(verifyResult(*service, jws, m.issuerOtherCase), OrvSecurityUtilsResultIssuerMismatch);
-  EXPECT_EQ(verifyResult(*service, jws, m.selfSigned, kPayload, "Varnel Systems, Inc. "),
-            OrvSecurityUtilsResultIssuerMismatch);
-  EXPECT_EQ(verifyResult(*service, jws, m.selfSigned, kPayload, "Varnel Systems"), OrvSecurityUtilsResultIssuerMismatch);
+  EXPECT_EQ(check(jws, m.selfSigned), OrvSecurityUtilsResultSuccess);
+  EXPECT_EQ(check(jws, m.issuerByCommonName), OrvSecurityUtilsResultSuccess);
+  EXPECT_EQ(check(jws, m.issuerPrefix), OrvSecurityUtilsResultIssuerMismatch);
+  EXPECT_EQ(check(jws, m.issuerOtherCase), OrvSecurityUtilsResultIssuerMismatch);
+  EXPECT_EQ(check(jws, m.selfSigned, kPayload, "Varnel Systems, Inc. "), OrvSecurityUtilsResultIssuerMismatch);
+  EXPECT_EQ(check(jws, m.selfSigned, kPayload, "Varnel Systems"), OrvSecurityUtilsResultIssuerMismatch);
   // The leaf's own organisation is not its issuer's.
-  EXPECT_EQ(verifyResult(*service, jws, m.rsaLeaf, kPayload, "Varnel Signing"), OrvSecurityUtilsResultIssuerMismatch);
+  EXPECT_EQ(check(jws, m.rsaLeaf, kPayload, "Varnel Signing"), OrvSecurityUtilsResultIssuerMismatch);
   // No required name: the issuer is not looked at.
-  EXPECT_EQ(verifyResult(*service, jws, m.issuerPrefix, kPayload, std::nullopt), OrvSecurityUtilsResultSuccess);
+  EXPECT_EQ(check(jws, m.issuerPrefix, kPayload, std::nullopt), OrvSecurityUtilsResultSuccess);
   EXPECT_EQ(service->validateJWT(kPayload, jws.header, jws.signature, m.issuerPrefix, nullptr).first,
             OrvSecurityUtilsResultSuccess);
 }
@@ -286,8 +273,8 @@ TEST_F(SecurityUtilsServiceTest, ValidityPeriodIncludesBothEnds) {
 
 TEST_F(SecurityUtilsServiceTest, KeyUsageMustAllowDigitalSignature) {
   const auto jws = signJws(m.rsaKey, "RS256", header("RS256"));
-  EXPECT_EQ(verifyResult(*service, jws, m.noDigitalSignature), OrvSecurityUtilsResultKeyUsageForbidsSignature);
-  EXPECT_EQ(verifyResult(*service, jws, m.noKeyUsage), OrvSecurityUtilsResultSuccess);
+  EXPECT_EQ(check(jws, m.noDigitalSignature), OrvSecurityUtilsResultKeyUsageForbidsSignature);
+  EXPECT_EQ(check(jws, m.noKeyUsage), OrvSecurityUtilsResultSuccess);
 }
 
 TEST_F(SecurityUtilsServiceTest, TrustAnchorsRefuseCertificatesThatOnlyCarryTheRightName) {
@@ -296,8 +283,8 @@ TEST_F(SecurityUtilsServiceTest, TrustAnchorsRefuseCertificatesThatOnlyCarryTheR
   EXPECT_EQ(verifyResult(*anchored, jws, m.selfSigned), OrvSecurityUtilsResultUntrustedChain);
   EXPECT_EQ(verifyResult(*anchored, jws, m.leafOfOtherRoot), OrvSecurityUtilsResultUntrustedChain);
   // Without anchors the same certificates are judged on their own.
-  EXPECT_EQ(verifyResult(*service, jws, m.selfSigned), OrvSecurityUtilsResultSuccess);
-  EXPECT_EQ(verifyResult(*service, jws, m.leafOfOtherRoot), OrvSecurityUtilsResultSuccess);
+  EXPECT_EQ(check(jws, m.selfSigned), OrvSecurityUtilsResultSuccess);
+  EXPECT_EQ(check(jws, m.leafOfOtherRoot), OrvSecurityUtilsResultSuccess);
 
   OrvSecurityUtilsService::Configuration configuration;
   configuration.clock = [now = m.now] { return now; };
@@ -309,9 +296,9 @@ TEST_F(SecurityUtilsServiceTest, TrustAnchorsRefuseCertificatesThatOnlyCarryTheR
 
 TEST_F(SecurityUtilsServiceTest, MissingInputAndResultNames) {
   const auto jws = signJws(m.rsaKey, "RS256", header("RS256"));
-  EXPECT_EQ(verifyResult(*service, {std::nullopt, jws.signature}, m.rsaLeaf), OrvSecurityUtilsResultMissingInput);
-  EXPECT_EQ(verifyResult(*service, {jws.header, std::nullopt}, m.rsaLeaf), OrvSecurityUtilsResultMissingInput);
-  EXPECT_EQ(verifyResult(*service, jws, nullptr), OrvSecurityUtilsResultMissingInput);
+  EXPECT_EQ(check({std::nullopt, jws.signature}, m.rsaLeaf), OrvSecurityUtilsResultMissingInput);
+  EXPECT_EQ(check({jws.header, std::nullopt}, m.rsaLeaf), OrvSecurityUtilsResultMissingInput);
+  EXPECT_EQ(check(jws, nullptr), OrvSecurityUtilsResultMissingInput);
   EXPECT_EQ(OrvSecurityUtilsResultDescription(OrvSecurityUtilsResultUntrustedChain), "OrvSecurityUtilsResultUntrustedChain");
   EXPECT_EQ(OrvSecurityUtilsResultDescription(-1), "Unknown OrvSecurityUtilsResult of -1");
 }
@@ -320,12 +307,10 @@ TEST_F(SecurityUtilsServiceTest, CompletesOnAWorkerThreadEvenAfterTheServiceIsGo
   const auto jws = signJws(m.rsaKey, "RS256", header("RS256"));
   auto log = std::make_shared<CompletionLog>();
   auto transient = serviceAt(m.now);
-  transient->asyncValidateJWTWithJwtPayload(std::string(kPayload), jws.header, jws.signature, m.rsaLeaf,
-                                            issuerOptions(), log->recorder(0));
-  transient->asyncValidateJWTWithJwtPayload("other", jws.header, jws.signature, m.rsaLeaf, issuerOptions(),
-                                            log->recorder(1));
-  transient->asyncValidateJWTWithJwtPayload(std::string(kPayload), jws.header, jws.signature, m.rsaLeaf,
-                                            issuerOptions(), {});
+  transient->asyncValidateJWTWithJwtPayload(std::string(kPayload), jws.header, jws.signature, m.rsaLeaf, issuerOptions(),
+                                            log->recorder(0));
+  transient->asyncValidateJWTWithJwtPayload("other", jws.header, jws.signature, m.rsaLeaf, issuerOptions(), log->recorder(1));
+  transient->asyncValidateJWTWithJwtPayload(std::string(kPayload), jws.header, jws.signature, m.rsaLeaf, issuerOptions(), {});
   transient.reset();
   ASSERT_TRUE(log->waitForCount(2));
   const auto completions = log->completions();
@@ -337,8 +322,7 @@ TEST_F(SecurityUtilsServiceTest, CompletesOnAWorkerThreadEvenAfterTheServiceIsGo
 }
 
 TEST_F(SecurityUtilsServiceTest, ManyVerificationsInParallelShareOneCertificate) {
-  const DetachedJws signatures[] = {signJws(m.rsaKey, "PS256", header("PS256")),
-                                    signJws(m.p256Key, "ES256", header("ES256")),
+  const DetachedJws signatures[] = {signJws(m.rsaKey, "PS256", header("PS256")), signJws(m.p256Key, "ES256", header("ES256")),
                                     signJws(m.ed25519Key, "EdDSA", header("EdDSA"))};
   const OrvCertificateRef certificates[] = {m.rsaLeaf, m.p256Leaf, m.ed25519Leaf};
   constexpr int kCallers = 4;
@@ -359,8 +343,8 @@ TEST_F(SecurityUtilsServiceTest, ManyVerificationsInParallelShareOneCertificate)
   for (auto& thread : callers) thread.join();
   ASSERT_TRUE(log->waitForCount(kCallers * kPerCaller));
   for (const auto& [tag, completion] : log->completions()) {
-    EXPECT_EQ(completion.result, tag % kPerCaller % 4 == 0 ? OrvSecurityUtilsResultSignatureMismatch
-                                                           : OrvSecurityUtilsResultSuccess)
+    EXPECT_EQ(completion.result,
+              tag % kPerCaller % 4 == 0 ? OrvSecurityUtilsResultSignatureMismatch : OrvSecurityUtilsResultSuccess)
         << tag;
   }
 }

@@ -27,8 +27,8 @@ OrvCertificateRef issue(const CertificateProfile& profile, const PrivateKey& sub
   return certificate;
 }
 
-CertificateProfile profileOf(std::optional<std::string> organization, std::optional<std::string> commonName,
-                             OrvDate notBefore, OrvDate notAfter, bool isCA = false) {
+CertificateProfile profileOf(std::optional<std::string> organization, std::optional<std::string> commonName, OrvDate notBefore,
+                             OrvDate notAfter, bool isCA = false) {
   CertificateProfile profile;
   profile.organization = std::move(organization);
   profile.commonName = std::move(commonName);
@@ -104,9 +104,8 @@ std::shared_ptr<OrvSecurityUtilsService> serviceAt(OrvDate now, bool withAnchors
   return OrvSecurityUtilsService::create(std::move(configuration));
 }
 
-std::int64_t verifyResult(const OrvSecurityUtilsService& service, const DetachedJws& jws,
-                          const OrvCertificateRef& certificate, std::string_view payload,
-                          std::optional<std::string> requiredIssuer) {
+std::int64_t verifyResult(const OrvSecurityUtilsService& service, const DetachedJws& jws, const OrvCertificateRef& certificate,
+                          std::string_view payload, std::optional<std::string> requiredIssuer) {
   AdditionalCertificateValidationOptions options;
   options.setRequiredIssuerName(std::move(requiredIssuer));
   const auto [result, error] = service.validateJWT(payload, jws.header, jws.signature, certificate, &options);

@@ -23,14 +23,14 @@ struct SecurityMaterial {
   OrvDate leafNotAfter;
 
   emulator::PrivateKey rootKey, otherRootKey, rsaKey, rsaOtherKey, p256Key, p384Key, p521Key, ed25519Key;
-  OrvCertificateRef root;           // CA named kRequiredIssuer
-  OrvCertificateRef otherRoot;      // another CA with the same name, not configured as anchor
-  OrvCertificateRef expiredRoot;    // CA named kRequiredIssuer whose period ended before now
+  OrvCertificateRef root;         // CA named kRequiredIssuer
+  OrvCertificateRef otherRoot;    // another CA with the same name, not configured as anchor
+  OrvCertificateRef expiredRoot;  // CA named kRequiredIssuer whose period ended before now
   OrvCertificateRef rsaLeaf, p256Leaf, p384Leaf, p521Leaf, ed25519Leaf;  // issued by root
   OrvCertificateRef leafOfOtherRoot, leafOfExpiredRoot;                  // rsaKey, right issuer name
-  OrvCertificateRef selfSigned;     // rsaKey, subject (and so issuer) kRequiredIssuer
-  OrvCertificateRef noDigitalSignature, noKeyUsage;  // rsaKey, issued by root
-  OrvCertificateRef issuerByCommonName, issuerPrefix, issuerOtherCase;  // self-signed, rsaKey
+  OrvCertificateRef selfSigned;                                          // rsaKey, subject (and so issuer) kRequiredIssuer
+  OrvCertificateRef noDigitalSignature, noKeyUsage;                      // rsaKey, issued by root
+  OrvCertificateRef issuerByCommonName, issuerPrefix, issuerOtherCase;   // self-signed, rsaKey
 };
 
 const SecurityMaterial& securityMaterial();
@@ -49,8 +49,7 @@ DetachedJws forgedJws(std::string_view headerJson, std::string_view signature);
 std::shared_ptr<OrvSecurityUtilsService> serviceAt(OrvDate now, bool withAnchors = false);
 
 // The verification result; for a rejection also checks that the error carries the result and a text.
-std::int64_t verifyResult(const OrvSecurityUtilsService& service, const DetachedJws& jws,
-                          const OrvCertificateRef& certificate, std::string_view payload = kPayload,
-                          std::optional<std::string> requiredIssuer = kRequiredIssuer);
+std::int64_t verifyResult(const OrvSecurityUtilsService& service, const DetachedJws& jws, const OrvCertificateRef& certificate,
+                          std::string_view payload = kPayload, std::optional<std::string> requiredIssuer = kRequiredIssuer);
 
 }  // namespace orv::test
