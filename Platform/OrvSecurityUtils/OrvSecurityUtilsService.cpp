@@ -337,12 +337,13 @@ OrvSecurityUtilsService::~OrvSecurityUtilsService() = default;
 std::shared_ptr<OrvSecurityUtilsService> OrvSecurityUtilsService::create(Configuration configuration) {
   auto state = std::make_shared<SecurityServiceConfiguration>();
   state->clock = std::move(configuration.clock);
+  // Decided from what the host asked for, not from what could be used: a list of only null entries, or
+  // a store that could not be made, must refuse every certificate rather than wave them all through.
+  state->requiresChain = !configuration.trustAnchors.empty();
   for (auto& anchor : configuration.trustAnchors) {
     if (anchor) state->trustAnchors.push_back(std::move(anchor));
   }
-  if (!state->trustAnchors.empty()) {
-    // Decided here, not from the store: a store that could not be made must refuse, not wave through.
-    state->requiresChain = true;
+  if (state->requiresChain) {
     state->trustStore.reset(X509_STORE_new());
     if (state->trustStore) {
       for (const auto& anchor : state->trustAnchors) {

@@ -73,7 +73,8 @@ class OrvSecurityUtilsService : public OrvSecurityServiceProtocol {
     Clock clock;
   };
 
-  // Never nullptr. A null entry among the trust anchors is ignored.
+  // Never nullptr. Null entries among the trust anchors are skipped; a list of only null entries
+  // trusts nothing.
   static std::shared_ptr<OrvSecurityUtilsService> create(Configuration configuration = {});
 
   // All certificates of a PEM bundle (CERTIFICATE blocks, text between blocks ignored); nothing when

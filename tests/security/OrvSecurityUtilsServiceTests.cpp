@@ -292,6 +292,8 @@ TEST_F(SecurityUtilsServiceTest, TrustAnchorsRefuseCertificatesThatOnlyCarryTheR
   const auto expiredAnchor = OrvSecurityUtilsService::create(configuration);
   EXPECT_EQ(expiredAnchor->trustAnchorCount(), 1u);
   EXPECT_EQ(verifyResult(*expiredAnchor, jws, m.leafOfExpiredRoot), OrvSecurityUtilsResultUntrustedChain);
+  configuration.trustAnchors = {nullptr};
+  EXPECT_EQ(verifyResult(*OrvSecurityUtilsService::create(configuration), jws, m.rsaLeaf), OrvSecurityUtilsResultUntrustedChain);
 }
 
 TEST_F(SecurityUtilsServiceTest, MissingInputAndResultNames) {
