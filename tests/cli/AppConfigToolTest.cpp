@@ -61,7 +61,8 @@ protected:
 TEST_F(AppConfigToolTest, DiscoverPrintsTheRecordAndExitsWithTheStatus) {
   const auto good = run("discover user@example.com --json");
   ASSERT_EQ(good.exitCode, 0) << good.err;
-  const auto json = good.json().as_object();
+  const auto parsed = good.json();
+  const auto& json = parsed.as_object();
   EXPECT_EQ(json.at("status"), 0);
   EXPECT_EQ(json.at("statusName"), "OrvAppConfigServiceCompletionStatusSuccess");
   const auto& record = json.at("record").as_object();
@@ -104,7 +105,8 @@ TEST_F(AppConfigToolTest, SettingsArchiveReadsBackAndRefusesHandEditing) {
   const std::string archive = scratch.file("settings.archive");
   const auto settings = run("settings https://store.example.com/Store --platform ios --json --archive " + archive);
   ASSERT_EQ(settings.exitCode, 0) << settings.err;
-  const auto& delivered = settings.json().at("settings").as_object();
+  const auto parsed = settings.json();
+  const auto& delivered = parsed.at("settings").as_object();
   ASSERT_TRUE(delivered.contains("https://store.example.com/Store")) << "keyed by the URL as given";
   EXPECT_EQ(delivered.at("https://store.example.com/Store").at("settingsChannel").at("channelName"), "default");
 
