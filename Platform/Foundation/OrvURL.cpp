@@ -123,7 +123,8 @@ std::optional<OrvURL> OrvURL::URLByAppendingPathComponent(std::string_view compo
     std::string path(u.encoded_path());
     std::string segment = urls::encode(component, kPathChars);
     if (path.empty()) {
-      if (u.has_authority() && (segment.empty() || segment.front() != '/')) path = "/";
+      // push_back rather than assigning a literal: g++ 12 at -O2 misreads the assignment (-Wrestrict).
+      if (u.has_authority() && (segment.empty() || segment.front() != '/')) path.push_back('/');
     } else if (path.back() != '/') {
       path += '/';
     }
