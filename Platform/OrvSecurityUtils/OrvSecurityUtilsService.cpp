@@ -386,7 +386,21 @@ std::optional<std::vector<OrvCertificateRef>> OrvSecurityUtilsService::loadCerti
 }
 
 OrvCertificateRef OrvSecurityUtilsService::createCertificateFromCertificateContent(std::string_view certificateContent) {
-  return OrvCertificate::certificateWithContent(certificateContent);
+  constexpr std::size_t kKeptCertificates = 4;
+  {
+    std::lock_guard lock(parsedCertificatesMutex_);
+    for (const auto& [content, certificate] : parsedCertificates_) {
+      if (content == certificateContent) return certificate;
+    }
+  }
+  // Certificates are immutable, and validity is judged at each verification, so a kept parse is as
+  // good as a fresh one. Refused content is not kept.
+  auto certificate = OrvCertificate::certificateWithContent(certificateContent);
+  if (!certificate) return nullptr;
+  std::lock_guard lock(parsedCertificatesMutex_);
+  parsedCertificates_.emplace_front(std::string(certificateContent), certificate);
+  if (parsedCertificates_.size() > kKeptCertificates) parsedCertificates_.pop_back();
+  return certificate;
 }
 
 void OrvSecurityUtilsService::asyncValidateJWTWithJwtPayload(

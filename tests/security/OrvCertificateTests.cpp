@@ -30,6 +30,9 @@ TEST(OrvCertificateTest, AcceptsOnePEMBlockOrBase64DER) {
     ASSERT_TRUE(certificate) << content;
     EXPECT_EQ(certificate->derData(), der);
   }
+  // The same text again is the same parse; other text is parsed on its own.
+  EXPECT_EQ(service->createCertificateFromCertificateContent(pem), service->createCertificateFromCertificateContent(pem));
+  EXPECT_NE(service->createCertificateFromCertificateContent(m.p256Leaf->pemString())->derData(), der);
   const auto certificate = OrvCertificate::certificateWithDER(der);
   ASSERT_TRUE(certificate);
   EXPECT_EQ(certificate->issuerOrganization(), kRequiredIssuer);
