@@ -1,0 +1,184 @@
+// A detached JWS as the network delivers it: the Varnel-Signature pieces and the body. The first byte
+// picks how the rest is used, so that the fuzzer reaches the checks behind a valid signature too:
+//   bits 0-1: 0 header and signature taken as they stand (base64url text)
+//             1 header given as JSON text and encoded here, signature as it stands
+//             2 header given as JSON text, signed here over the encoded body
+//             3 header given as JSON text, signed here over the raw body (unencoded payload)
+//   bit 2:    the RSA certificate instead of the P-256 one
+//   bit 3:    a service with trust anchors instead of one judging the certificate alone
+//   bit 4:    require the issuer name (every ASCII digit has this bit set)
+// After the mode byte (and one optional newline): header line, signature line, then the body.
+// The whole input is also read as certificate text, which is what the public-key endpoint serves.
+#include <boost/json/parse.hpp>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "FuzzSupport.h"
+#include "OrvCertificate.h"
+#include "OrvEmulatorCrypto.h"
+#include "OrvSecurityUtilsService.h"
+
+namespace {
+
+using orv::detail::fuzzInvariantBroken;
+using orv::detail::fuzzRequire;
+using orv::emulator::KeyKind;
+using orv::emulator::PrivateKey;
+
+constexpr const char* kIssuerName = "Varnel Systems, Inc.";
+constexpr std::string_view kProbePayload = R"({"iat":0,"exp":0})";
+
+struct SigningIdentity {
+  PrivateKey key;
+  OrvCertificateRef certificate;
+  const char* defaultAlgorithm;
+};
+
+SigningIdentity makeIdentity(KeyKind kind, const char* defaultAlgorithm, OrvDate now) {
+  auto key = PrivateKey::generate(kind);
+  if (!key) fuzzInvariantBroken("cannot generate the harness key");
+  orv::emulator::CertificateProfile profile;
+  profile.organization = kIssuerName;
+  profile.commonName = kIssuerName;
+  profile.notBefore = now - std::chrono::hours(1);
+  profile.notAfter = now + std::chrono::hours(24 * 365);
+  const auto pem = orv::emulator::issueCertificate(profile, *key, nullptr, *key);
+  auto certificate = pem ? OrvCertificate::certificateWithContent(*pem) : nullptr;
+  if (!certificate) fuzzInvariantBroken("cannot issue the harness certificate");
+  return {std::move(*key), std::move(certificate), defaultAlgorithm};
+}
+
+// Made once per process: key generation is far slower than one verification.
+struct Material {
+  OrvDate now = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
+  SigningIdentity ec = makeIdentity(KeyKind::ecP256, "ES256", now);
+  SigningIdentity rsa = makeIdentity(KeyKind::rsa2048, "RS256", now);
+  std::shared_ptr<OrvSecurityUtilsService> alone = service(false);
+  std::shared_ptr<OrvSecurityUtilsService> anchored = service(true);
+  std::string probeHeader;
+  std::string probeSignature;
+
+  Material() {
+    const auto jws = orv::emulator::signDetachedJws(ec.key, "ES256", R"({"alg":"ES256"})", kProbePayload);
+    if (!jws || jws->find('.') == std::string::npos) fuzzInvariantBroken("cannot sign the probe payload");
+    probeHeader = jws->substr(0, jws->find('.'));
+    probeSignature = jws->substr(jws->find('.') + 1);
+  }
+
+  std::shared_ptr<OrvSecurityUtilsService> service(bool withAnchors) const {
+    OrvSecurityUtilsService::Configuration configuration;
+    // A fixed clock keeps a long run from drifting out of the certificates' periods.
+    configuration.clock = [now = now] { return now; };
+    if (withAnchors) configuration.trustAnchors = {ec.certificate, rsa.certificate};
+    return OrvSecurityUtilsService::create(std::move(configuration));
+  }
+};
+
+const Material& material() {
+  static const Material instance;
+  return instance;
+}
+
+void requireVerdictShape(const std::pair<std::int64_t, std::optional<OrvError>>& verdict) {
+  const auto& [result, error] = verdict;
+  fuzzRequire((result == OrvSecurityUtilsResultSuccess) == !error, "only a rejection carries an error");
+  if (error) {
+    fuzzRequire(error->domain() == OrvSecurityUtilsErrorDomain && error->code() == result,
+                "a rejection's error names the result");
+  }
+  fuzzRequire(!OrvSecurityUtilsResultDescription(result).empty(), "every result has a name");
+}
+
+std::optional<std::string> headerAlgorithm(std::string_view headerJson) {
+  boost::system::error_code code;
+  const auto header = boost::json::parse(headerJson, code);
+  const auto* object = code ? nullptr : header.if_object();
+  const auto* alg = object ? object->if_contains("alg") : nullptr;
+  if (!alg || !alg->is_string()) return std::nullopt;
+  return std::string(alg->get_string());
+}
+
+// The header's own algorithm when the key can make it, so that RS/PS variants get valid signatures too.
+std::optional<std::string> signHere(const SigningIdentity& identity, std::string_view headerJson, std::string_view payload,
+                                    bool unencoded) {
+  std::optional<std::string> jws;
+  if (const auto alg = headerAlgorithm(headerJson)) {
+    jws = orv::emulator::signDetachedJws(identity.key, *alg, headerJson, payload, unencoded);
+  }
+  if (!jws) jws = orv::emulator::signDetachedJws(identity.key, identity.defaultAlgorithm, headerJson, payload, unencoded);
+  return jws;
+}
+
+void verifySignature(std::uint8_t mode, std::string_view rest) {
+  const Material& m = material();
+  if (!rest.empty() && rest.front() == '\n') rest.remove_prefix(1);
+  const auto pieces = orv::detail::fuzzSplitLines(rest, 2);
+  std::optional<std::string> header = std::string(pieces[0]);
+  std::optional<std::string> signature;
+  if (pieces.size() > 1) signature = std::string(pieces[1]);
+  const std::string payload = pieces.size() > 2 ? std::string(pieces[2]) : std::string();
+
+  const SigningIdentity& identity = (mode & 4) ? m.rsa : m.ec;
+  switch (mode & 3) {
+    case 1:
+      header = orv::emulator::base64UrlEncode(*header);
+      break;
+    case 2:
+    case 3: {
+      const auto jws = signHere(identity, *header, payload, (mode & 3) == 3);
+      if (!jws) return;  // refused to sign (the key or algorithm did not fit): nothing to verify
+      const auto dot = jws->find('.');
+      header = jws->substr(0, dot);
+      signature = jws->substr(dot + 1);
+      break;
+    }
+    default:
+      break;
+  }
+  AdditionalCertificateValidationOptions options;
+  options.setRequiredIssuerName(kIssuerName);
+  const auto& service = (mode & 8) ? m.anchored : m.alone;
+  requireVerdictShape(service->validateJWT(payload, header, signature, identity.certificate, (mode & 16) ? &options : nullptr));
+}
+
+void useCertificate(const OrvCertificateRef& certificate) {
+  if (!certificate) return;
+  const Material& m = material();
+  certificate->subjectOrganization();
+  certificate->subjectCommonName();
+  certificate->issuerOrganization();
+  certificate->issuerCommonName();
+  certificate->notValidBefore();
+  certificate->notValidAfter();
+  fuzzRequire(certificate->sha256Thumbprint().size() == 32, "a thumbprint is one SHA-256 digest");
+  const auto reread = OrvCertificate::certificateWithDER(certificate->derData());
+  fuzzRequire(reread && reread->derData() == certificate->derData(), "a certificate reads back from its DER");
+  fuzzRequire(OrvCertificate::certificateWithContent(certificate->pemString()) != nullptr,
+              "a certificate reads back from its PEM");
+  // A foreign certificate must be judged (issuer, dates, key usage, key kind), not trusted.
+  AdditionalCertificateValidationOptions options;
+  options.setRequiredIssuerName(kIssuerName);
+  requireVerdictShape(m.alone->validateJWT(kProbePayload, m.probeHeader, m.probeSignature, certificate, &options));
+  requireVerdictShape(m.anchored->validateJWT(kProbePayload, m.probeHeader, m.probeSignature, certificate, nullptr));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  orv::detail::installFuzzLogger();
+  material();
+  const std::string bytes = orv::detail::fuzzBytes(data, size);
+  if (!bytes.empty()) verifySignature(static_cast<std::uint8_t>(bytes.front()), std::string_view(bytes).substr(1));
+
+  useCertificate(OrvCertificate::certificateWithContent(bytes));
+  if (const auto bundle = OrvSecurityUtilsService::certificatesFromPEMBundle(bytes)) {
+    fuzzRequire(!bundle->empty(), "a bundle that reads holds a certificate");
+    for (const auto& certificate : *bundle) fuzzRequire(certificate != nullptr, "a bundle holds no null certificate");
+  }
+  return 0;
+}
