@@ -24,16 +24,16 @@ inline double measureFloor(const std::function<void()>& call, int rounds = 15, i
 
 // Times the benchmark loop itself and reports seconds per iteration divided by the floor.
 class FloorRatio {
-public:
+ public:
   FloorRatio(benchmark::State& state, double floorSeconds) : state_(state), floor_(floorSeconds) {}
   ~FloorRatio() {
-    const double perIteration =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count() / std::max<double>(1, state_.iterations());
+    const double perIteration = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count() /
+                                std::max<double>(1, state_.iterations());
     state_.counters["floor_us"] = floor_ * 1e6;
     state_.counters["x_floor"] = perIteration / floor_;
   }
 
-private:
+ private:
   benchmark::State& state_;
   double floor_;
   std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();

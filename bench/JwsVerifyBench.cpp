@@ -60,9 +60,9 @@ double rsaVerifyFloor() {
   return orv::bench::measureFloor([&] {
     std::unique_ptr<EVP_MD_CTX, MdCtxDeleter> context(EVP_MD_CTX_new());
     EVP_DigestVerifyInit_ex(context.get(), nullptr, "SHA256", nullptr, nullptr, key.get(), nullptr);
-    const int ok = EVP_DigestVerify(context.get(), reinterpret_cast<const unsigned char*>(m.rawSignature.data()),
-                                    m.rawSignature.size(), reinterpret_cast<const unsigned char*>(m.signingInput.data()),
-                                    m.signingInput.size());
+    const int ok =
+        EVP_DigestVerify(context.get(), reinterpret_cast<const unsigned char*>(m.rawSignature.data()), m.rawSignature.size(),
+                         reinterpret_cast<const unsigned char*>(m.signingInput.data()), m.signingInput.size());
     benchmark::DoNotOptimize(ok);
   });
 }

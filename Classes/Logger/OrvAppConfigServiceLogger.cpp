@@ -9,14 +9,13 @@ const std::shared_ptr<OrvSdkLogger>& OrvAppConfigServiceLogger::sharedInstance()
 
 namespace orv::detail {
 
-void appConfigCoreLog(std::string_view module, std::int64_t level, std::string_view fileName,
-                      std::string_view functionName, std::int64_t lineNumber, std::string_view format,
-                      std::span<const std::string> arguments) {
+void appConfigCoreLog(std::string_view module, std::int64_t level, std::string_view fileName, std::string_view functionName,
+                      std::int64_t lineNumber, std::string_view format, std::span<const std::string> arguments) {
   const std::string message = formatPlatformString(format, arguments);
   const std::string file(fileName);
   const std::string function(functionName);
-  OrvAppConfigServiceLogger::sharedInstance()->logWithModule(module, level, file.c_str(), function.c_str(), lineNumber,
-                                                             "%@", {message});
+  OrvAppConfigServiceLogger::sharedInstance()->logWithModule(module, level, file.c_str(), function.c_str(), lineNumber, "%@",
+                                                             {message});
 }
 
 }  // namespace orv::detail

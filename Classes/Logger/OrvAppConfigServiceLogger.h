@@ -13,7 +13,7 @@
 #include "OrvSdkLogger.h"
 
 class OrvAppConfigServiceLogger {
-public:
+ public:
   OrvAppConfigServiceLogger() = delete;
   // Created on first use, without a delegate, once for the life of the process.
   static const std::shared_ptr<OrvSdkLogger>& sharedInstance();
@@ -23,17 +23,15 @@ public:
 inline constexpr const char* OrvAppConfigServiceLogModule = "OrvAppConfigService";
 
 namespace orv::detail {
-void appConfigCoreLog(std::string_view module, std::int64_t level, std::string_view fileName,
-                      std::string_view functionName, std::int64_t lineNumber, std::string_view format,
-                      std::span<const std::string> arguments);
+void appConfigCoreLog(std::string_view module, std::int64_t level, std::string_view fileName, std::string_view functionName,
+                      std::int64_t lineNumber, std::string_view format, std::span<const std::string> arguments);
 }  // namespace orv::detail
 
 // format is in the platform's string-format syntax ("%@", "%lu", "%ld"); each argument is shown by
 // its OrvDescription.
 template <typename... Args>
-void ORVAPPCONFIGCORELOG(std::string_view module, std::int64_t level, std::string_view fileName,
-                         std::string_view functionName, std::int64_t lineNumber, std::string_view format,
-                         const Args&... args) {
+void ORVAPPCONFIGCORELOG(std::string_view module, std::int64_t level, std::string_view fileName, std::string_view functionName,
+                         std::int64_t lineNumber, std::string_view format, const Args&... args) {
   const std::array<std::string, sizeof...(Args)> described{OrvDescription(args)...};
   orv::detail::appConfigCoreLog(module, level, fileName, functionName, lineNumber, format, described);
 }

@@ -9,11 +9,12 @@
 #include "OrvAppConfigServiceProtocol.h"
 
 class MockOrvAppConfigService : public OrvAppConfigServiceProtocol {
-public:
+ public:
   using AutodiscoveryBlock = std::function<void(std::optional<std::string> userInput, std::uint64_t hostType,
                                                 OrvAppConfigAutoDiscoveryCompletionBlock completionBlock)>;
-  using SettingsRetrievalBlock = std::function<void(OrvAppConfigStoreURLSet storeUrls, std::uint64_t hostType, std::uint64_t platform,
-                                                    OrvAppConfigSettingsRetrievalCompletionBlock completionBlock)>;
+  using SettingsRetrievalBlock =
+      std::function<void(OrvAppConfigStoreURLSet storeUrls, std::uint64_t hostType, std::uint64_t platform,
+                         OrvAppConfigSettingsRetrievalCompletionBlock completionBlock)>;
   using SettingsRetrievalWithChannelNameBlock =
       std::function<void(OrvAppConfigStoreURLSet storeUrls, std::uint64_t hostType, std::uint64_t platform,
                          std::optional<std::string> channelName, OrvAppConfigSettingsRetrievalCompletionBlock completionBlock)>;

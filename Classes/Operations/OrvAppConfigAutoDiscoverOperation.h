@@ -5,14 +5,15 @@
 #include "OrvAppConfigQueryOperation.h"
 
 class OrvAppConfigAutoDiscoverOperation : public OrvAppConfigQueryOperation {
-public:
+ public:
   OrvAppConfigAutoDiscoverOperation(std::optional<std::string> userInput, std::uint64_t hostType,
                                     OrvAppConfigAutoDiscoverURLGeneratorMode urlGeneratorMode,
                                     std::shared_ptr<OrvURLSession> urlSession,
                                     std::shared_ptr<OrvHttpHeaderProviderServiceProtocol> httpHeaderProviderService);
   static std::shared_ptr<OrvAppConfigAutoDiscoverOperation> initWithUserInput(
       std::optional<std::string> userInput, std::uint64_t hostType, OrvAppConfigAutoDiscoverURLGeneratorMode urlGeneratorMode,
-      std::shared_ptr<OrvURLSession> urlSession, std::shared_ptr<OrvHttpHeaderProviderServiceProtocol> httpHeaderProviderService) {
+      std::shared_ptr<OrvURLSession> urlSession,
+      std::shared_ptr<OrvHttpHeaderProviderServiceProtocol> httpHeaderProviderService) {
     return std::make_shared<OrvAppConfigAutoDiscoverOperation>(std::move(userInput), hostType, urlGeneratorMode,
                                                                std::move(urlSession), std::move(httpHeaderProviderService));
   }
@@ -28,7 +29,7 @@ public:
   std::string appConfigQueryOperationFriendlyName() const override { return "AutoDiscover"; }
   bool parseHttp200ResponseData(const OrvData& responseData, std::optional<OrvError>* error) override;
 
-private:
+ private:
   std::optional<std::string> userInput_;
   std::optional<std::string> requestedDomain_;
   std::optional<OrvURL> autoDiscoverURL_;

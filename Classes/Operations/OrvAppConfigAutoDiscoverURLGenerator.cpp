@@ -6,7 +6,8 @@
 #include "OrvString.h"
 
 std::optional<OrvURL> OrvAppConfigAutoDiscoverURLGenerator::generateAutoDiscoverURLForUserInput(
-    const std::optional<std::string>& userInput, std::uint64_t hostType, OrvAppConfigAutoDiscoverURLGeneratorMode urlGeneratorMode) {
+    const std::optional<std::string>& userInput, std::uint64_t hostType,
+    OrvAppConfigAutoDiscoverURLGeneratorMode urlGeneratorMode) {
   // The e-mail reading always wins: input that passes the e-mail test is never read as a URL.
   auto domain = corporateDomainFromPossibleEmailAddressUserInput(userInput);
   if (!domain) domain = corporateDomainFromPossibleURLStringUserInput(userInput, urlGeneratorMode);
@@ -16,7 +17,8 @@ std::optional<OrvURL> OrvAppConfigAutoDiscoverURLGenerator::generateAutoDiscover
   return base->URLByAppendingPathComponent(*domain + "/");
 }
 
-std::string OrvAppConfigAutoDiscoverURLGenerator::descriptionForAutoDiscoverURLGeneratorMode(OrvAppConfigAutoDiscoverURLGeneratorMode mode) {
+std::string OrvAppConfigAutoDiscoverURLGenerator::descriptionForAutoDiscoverURLGeneratorMode(
+    OrvAppConfigAutoDiscoverURLGeneratorMode mode) {
   switch (mode) {
     case OrvAppConfigAutoDiscoverURLGeneratorModeTwoDomainElements:
       return "Two domain elements for URL input only";

@@ -13,12 +13,12 @@ inline constexpr OrvAppConfigAutoDiscoverURLGeneratorMode OrvAppConfigAutoDiscov
 inline constexpr OrvAppConfigAutoDiscoverURLGeneratorMode OrvAppConfigAutoDiscoverURLGeneratorModeEntireDomain = 1;
 
 class OrvAppConfigAutoDiscoverURLGenerator {
-public:
+ public:
   OrvAppConfigAutoDiscoverURLGenerator() = delete;
 
   static std::optional<OrvURL> generateAutoDiscoverURLForUserInput(const std::optional<std::string>& userInput,
-                                                                    std::uint64_t hostType,
-                                                                    OrvAppConfigAutoDiscoverURLGeneratorMode urlGeneratorMode);
+                                                                   std::uint64_t hostType,
+                                                                   OrvAppConfigAutoDiscoverURLGeneratorMode urlGeneratorMode);
   static std::string descriptionForAutoDiscoverURLGeneratorMode(OrvAppConfigAutoDiscoverURLGeneratorMode mode);
   static std::optional<std::string> corporateDomainFromPossibleEmailAddressUserInput(const std::optional<std::string>& userInput);
   static std::optional<std::string> corporateDomainFromPossibleURLStringUserInput(

@@ -7,7 +7,7 @@
 #include <string>
 
 class OrvAppConfigDiscoveryHosts {
-public:
+ public:
   OrvAppConfigDiscoveryHosts() = delete;
 
   static std::string productionHost();

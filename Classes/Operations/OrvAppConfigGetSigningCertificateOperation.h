@@ -5,7 +5,7 @@
 #include "OrvSecurityServiceProtocol.h"
 
 class OrvAppConfigGetSigningCertificateOperation : public OrvAppConfigQueryOperation {
-public:
+ public:
   OrvAppConfigGetSigningCertificateOperation(std::shared_ptr<OrvSecurityServiceProtocol> securityService,
                                              std::shared_ptr<OrvURLSession> urlSession, std::uint64_t hostType,
                                              std::shared_ptr<OrvHttpHeaderProviderServiceProtocol> httpHeaderProviderService);
@@ -27,9 +27,9 @@ public:
   bool parseHttp200ResponseData(const OrvData& responseData, std::optional<OrvError>* error) override;
 
   std::optional<std::string> extractCertificateContentFromResponseData(const OrvData& responseData,
-                                                                        std::optional<OrvError>* error);
+                                                                       std::optional<OrvError>* error);
 
-private:
+ private:
   std::shared_ptr<OrvSecurityServiceProtocol> securityService_;
   OrvCertificateRef signingCertificate_;
 };

@@ -2,8 +2,9 @@
 
 #include "OrvAppConfigServiceLogger.h"
 
-OrvAppConfigQueryOperation::OrvAppConfigQueryOperation(std::shared_ptr<OrvURLSession> urlSession, std::uint64_t hostType,
-                                                       std::shared_ptr<OrvHttpHeaderProviderServiceProtocol> httpHeaderProviderService)
+OrvAppConfigQueryOperation::OrvAppConfigQueryOperation(
+    std::shared_ptr<OrvURLSession> urlSession, std::uint64_t hostType,
+    std::shared_ptr<OrvHttpHeaderProviderServiceProtocol> httpHeaderProviderService)
     : OrvUrlSessionTaskOperationObjC(std::move(urlSession)),
       httpHeaderProviderService_(std::move(httpHeaderProviderService)),
       hostType_(hostType) {}
@@ -28,9 +29,7 @@ std::string OrvAppConfigQueryOperation::descriptionForCompletionStatus(OrvAppCon
 
 std::optional<OrvURL> OrvAppConfigQueryOperation::appConfigRequestURL() { return std::nullopt; }
 
-std::string OrvAppConfigQueryOperation::appConfigQueryOperationFriendlyName() const {
-  return "VarnelAppConfigQueryOperation";
-}
+std::string OrvAppConfigQueryOperation::appConfigQueryOperationFriendlyName() const { return "VarnelAppConfigQueryOperation"; }
 
 bool OrvAppConfigQueryOperation::parseHttp200ResponseData(const OrvData&, std::optional<OrvError>*) { return false; }
 
@@ -58,11 +57,10 @@ void OrvAppConfigQueryOperation::coreStart() {
     request.setHeaders(httpHeaderProviderService_->uniqueTransactionIdHeader());
   }
   // The handler holds the operation weakly: a pending request must not keep it alive.
-  std::weak_ptr<OrvAppConfigQueryOperation> weakSelf =
-      std::static_pointer_cast<OrvAppConfigQueryOperation>(shared_from_this());
+  std::weak_ptr<OrvAppConfigQueryOperation> weakSelf = std::static_pointer_cast<OrvAppConfigQueryOperation>(shared_from_this());
   auto task = urlSession()->dataTaskWithRequest(
-      request, [weakSelf](std::optional<OrvData> data, std::shared_ptr<const OrvHTTPURLResponse> response,
-                          std::optional<OrvError> error) {
+      request,
+      [weakSelf](std::optional<OrvData> data, std::shared_ptr<const OrvHTTPURLResponse> response, std::optional<OrvError> error) {
         if (auto self = weakSelf.lock()) self->didCompleteUrlTaskWithData(std::move(data), std::move(response), std::move(error));
       });
   setSessionTaskOperationHandle(task);

@@ -23,7 +23,7 @@ inline constexpr OrvAppConfigQueryOperationCompletionStatus OrvAppConfigQueryOpe
 inline constexpr const char* OrvAppConfigVarnelSignatureHeaderName = "Varnel-Signature";
 
 class OrvAppConfigQueryOperation : public OrvUrlSessionTaskOperationObjC {
-public:
+ public:
   OrvAppConfigQueryOperation(std::shared_ptr<OrvURLSession> urlSession, std::uint64_t hostType,
                              std::shared_ptr<OrvHttpHeaderProviderServiceProtocol> httpHeaderProviderService);
 
@@ -55,7 +55,7 @@ public:
   // The single exit: every path ends here exactly once.
   void completeOperationWithStatus(OrvAppConfigQueryOperationCompletionStatus status, std::optional<OrvError> error);
 
-private:
+ private:
   std::optional<std::string> varnelSignatureHeader_;
   std::optional<OrvData> responseData_;
   std::shared_ptr<OrvHttpHeaderProviderServiceProtocol> httpHeaderProviderService_;

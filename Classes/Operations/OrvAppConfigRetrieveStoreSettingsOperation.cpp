@@ -12,7 +12,8 @@ OrvAppConfigRetrieveStoreSettingsOperation::OrvAppConfigRetrieveStoreSettingsOpe
       storeURL_(std::move(storeURL)) {}
 
 std::optional<OrvURL> OrvAppConfigRetrieveStoreSettingsOperation::appConfigRequestURL() {
-  return OrvAppConfigSettingsQueryURLGenerator::generateSettingsQueryURLForStoreURL(storeURL_, hostType(), platform_, channelName_);
+  return OrvAppConfigSettingsQueryURLGenerator::generateSettingsQueryURLForStoreURL(storeURL_, hostType(), platform_,
+                                                                                    channelName_);
 }
 
 bool OrvAppConfigRetrieveStoreSettingsOperation::parseHttp200ResponseData(const OrvData& responseData,

@@ -4,13 +4,14 @@
 #include "OrvAppConfigSettingsRecord.h"
 
 class OrvAppConfigRetrieveStoreSettingsOperation : public OrvAppConfigQueryOperation {
-public:
+ public:
   OrvAppConfigRetrieveStoreSettingsOperation(std::optional<OrvURL> storeURL, std::uint64_t hostType, std::uint64_t platform,
                                              std::optional<std::string> channelName, std::shared_ptr<OrvURLSession> urlSession,
                                              std::shared_ptr<OrvHttpHeaderProviderServiceProtocol> httpHeaderProviderService);
   static std::shared_ptr<OrvAppConfigRetrieveStoreSettingsOperation> initWithStoreURL(
       std::optional<OrvURL> storeURL, std::uint64_t hostType, std::uint64_t platform, std::optional<std::string> channelName,
-      std::shared_ptr<OrvURLSession> urlSession, std::shared_ptr<OrvHttpHeaderProviderServiceProtocol> httpHeaderProviderService) {
+      std::shared_ptr<OrvURLSession> urlSession,
+      std::shared_ptr<OrvHttpHeaderProviderServiceProtocol> httpHeaderProviderService) {
     return std::make_shared<OrvAppConfigRetrieveStoreSettingsOperation>(std::move(storeURL), hostType, platform,
                                                                         std::move(channelName), std::move(urlSession),
                                                                         std::move(httpHeaderProviderService));
@@ -26,7 +27,7 @@ public:
   std::string appConfigQueryOperationFriendlyName() const override { return "SettingsQuery"; }
   bool parseHttp200ResponseData(const OrvData& responseData, std::optional<OrvError>* error) override;
 
-private:
+ private:
   std::uint64_t platform_;
   std::optional<std::string> channelName_;
   std::optional<OrvURL> storeURL_;

@@ -31,7 +31,8 @@ std::optional<OrvURL> OrvAppConfigSettingsQueryURLGenerator::settingsQueryURLWit
     const std::optional<std::string>& channelName) {
   const char* os = platform == 0 ? "ios" : platform == 1 ? "macos" : nullptr;
   if (!os) return std::nullopt;
-  std::string text = "https://" + OrvAppConfigDiscoveryHosts::hostForHostType(hostType) + "/ads/root/url/{url}/product/kaleth/os/" + os;
+  std::string text =
+      "https://" + OrvAppConfigDiscoveryHosts::hostForHostType(hostType) + "/ads/root/url/{url}/product/kaleth/os/" + os;
   if (channelName) text += "/channel/{channel-name}";
   // An empty channel name keeps its placeholder, and the braces then make the URL invalid: the
   // request is refused rather than sent to the default channel.

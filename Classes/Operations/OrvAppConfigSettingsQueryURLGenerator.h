@@ -8,7 +8,7 @@
 #include "OrvURL.h"
 
 class OrvAppConfigSettingsQueryURLGenerator {
-public:
+ public:
   OrvAppConfigSettingsQueryURLGenerator() = delete;
 
   static std::optional<OrvURL> generateSettingsQueryURLForStoreURL(const std::optional<OrvURL>& storeURL, std::uint64_t hostType,

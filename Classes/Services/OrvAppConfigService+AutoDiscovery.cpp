@@ -10,8 +10,8 @@
 void OrvAppConfigService::asyncStartAutodiscoveryForContext(std::shared_ptr<OrvAppConfigServiceAutoDiscoveryContext> context) {
   if (!context->userInput() || context->userInput()->empty() || !context->completionBlock()) {
     ORV_LOG_ERROR("nil email address or completion block was provided - failing request");
-    invokeCompletionBlockOnMainThreadForAutoDiscoveryContext(std::move(context), OrvAppConfigServiceCompletionStatusInvalidParameters,
-                                                             std::nullopt);
+    invokeCompletionBlockOnMainThreadForAutoDiscoveryContext(std::move(context),
+                                                             OrvAppConfigServiceCompletionStatusInvalidParameters, std::nullopt);
     return;
   }
   std::weak_ptr<OrvAppConfigService> weakSelf = weak_from_this();
@@ -22,10 +22,12 @@ void OrvAppConfigService::asyncStartAutodiscoveryForContext(std::shared_ptr<OrvA
 }
 
 void OrvAppConfigService::startAutoDiscoverOperationForContext(std::shared_ptr<OrvAppConfigServiceAutoDiscoveryContext> context) {
-  ORV_LOG_INFO("Scheduling AutoDiscover operation using URL generator mode  %@",
-               OrvAppConfigAutoDiscoverURLGenerator::descriptionForAutoDiscoverURLGeneratorMode(context->autoDiscoverURLGeneratorMode()));
-  auto operation = OrvAppConfigAutoDiscoverOperation::initWithUserInput(
-      context->userInput(), context->hostType(), context->autoDiscoverURLGeneratorMode(), urlSession(), httpHeaderProviderService());
+  ORV_LOG_INFO(
+      "Scheduling AutoDiscover operation using URL generator mode  %@",
+      OrvAppConfigAutoDiscoverURLGenerator::descriptionForAutoDiscoverURLGeneratorMode(context->autoDiscoverURLGeneratorMode()));
+  auto operation = OrvAppConfigAutoDiscoverOperation::initWithUserInput(context->userInput(), context->hostType(),
+                                                                        context->autoDiscoverURLGeneratorMode(), urlSession(),
+                                                                        httpHeaderProviderService());
   // Overwritten at each query, so after a fallback it names the second query's domain.
   context->setRequestedDomain(operation->requestedDomain());
   std::weak_ptr<OrvAppConfigService> weakSelf = weak_from_this();
@@ -39,13 +41,15 @@ void OrvAppConfigService::startAutoDiscoverOperationForContext(std::shared_ptr<O
   operationQueue().addOperation(std::move(operation));
 }
 
-void OrvAppConfigService::didCompleteAppConfigAutoDiscoverOperation(const std::shared_ptr<OrvAppConfigAutoDiscoverOperation>& operation,
-                                                                    std::shared_ptr<OrvAppConfigServiceAutoDiscoveryContext> context) {
+void OrvAppConfigService::didCompleteAppConfigAutoDiscoverOperation(
+    const std::shared_ptr<OrvAppConfigAutoDiscoverOperation>& operation,
+    std::shared_ptr<OrvAppConfigServiceAutoDiscoveryContext> context) {
   if (operation->completionStatus() != OrvAppConfigQueryOperationCompletionStatusSuccess) {
     const auto statusDescription = OrvAppConfigQueryOperation::descriptionForCompletionStatus(operation->completionStatus());
     if (shouldMoveToFullDomainProbeForContext(*context)) {
       ORV_LOG_INFO(
-          "Failed to obtain the records for the provided email address with status %@ - attempting probe of full domain for URL input",
+          "Failed to obtain the records for the provided email address with status %@ - attempting probe of full domain for URL "
+          "input",
           statusDescription);
       context->setAutoDiscoverURLGeneratorMode(OrvAppConfigAutoDiscoverURLGeneratorModeEntireDomain);
       startAutoDiscoverOperationForContext(std::move(context));
@@ -53,8 +57,8 @@ void OrvAppConfigService::didCompleteAppConfigAutoDiscoverOperation(const std::s
     }
     ORV_LOG_ERROR("Failed to obtain the records for the provided email address with status %@ - failing permanently",
                   statusDescription);
-    invokeCompletionBlockOnMainThreadForAutoDiscoveryContext(std::move(context), OrvAppConfigServiceCompletionStatusAutodiscoveryFailed,
-                                                             operation->completionError());
+    invokeCompletionBlockOnMainThreadForAutoDiscoveryContext(
+        std::move(context), OrvAppConfigServiceCompletionStatusAutodiscoveryFailed, operation->completionError());
     return;
   }
   ORV_LOG_INFO("Successfully obtained the records for the provided email address - validating returned objects");
@@ -62,8 +66,8 @@ void OrvAppConfigService::didCompleteAppConfigAutoDiscoverOperation(const std::s
   // The URL check comes first: an answer without a usable URL costs no certificate fetch.
   if (!storeListRecordsContainAtLeastOneValidURL(record)) {
     ORV_LOG_ERROR("No valid store URLs were returned");
-    invokeCompletionBlockOnMainThreadForAutoDiscoveryContext(std::move(context), OrvAppConfigServiceCompletionStatusAutodiscoveryFailed,
-                                                             std::nullopt);
+    invokeCompletionBlockOnMainThreadForAutoDiscoveryContext(
+        std::move(context), OrvAppConfigServiceCompletionStatusAutodiscoveryFailed, std::nullopt);
     return;
   }
   ORV_LOG_INFO("At least one valid store or webstore URL was returned");
@@ -88,13 +92,14 @@ bool OrvAppConfigService::shouldMoveToFullDomainProbeForContext(const OrvAppConf
   return host && orv::detail::componentsSeparatedByString(*host, ".").size() > 2;
 }
 
-void OrvAppConfigService::didValidateAutoDiscoverPayloadsForContext(std::shared_ptr<OrvAppConfigServiceAutoDiscoveryContext> context,
-                                                                    OrvPayloadValidationStatus status, std::optional<OrvError> error) {
+void OrvAppConfigService::didValidateAutoDiscoverPayloadsForContext(
+    std::shared_ptr<OrvAppConfigServiceAutoDiscoveryContext> context, OrvPayloadValidationStatus status,
+    std::optional<OrvError> error) {
   if (status != OrvPayloadValidationStatusSuccess) {
     ORV_LOG_INFO("Failed to validate the app config payload with status %@ - invoking completion block",
                  descriptionForPayloadValidationStatus(status));
-    invokeCompletionBlockOnMainThreadForAutoDiscoveryContext(std::move(context), OrvAppConfigServiceCompletionStatusAutodiscoveryFailed,
-                                                             std::move(error));
+    invokeCompletionBlockOnMainThreadForAutoDiscoveryContext(
+        std::move(context), OrvAppConfigServiceCompletionStatusAutodiscoveryFailed, std::move(error));
     return;
   }
   const auto& record = context->autoDiscoverRecord();
@@ -108,11 +113,12 @@ void OrvAppConfigService::didValidateAutoDiscoverPayloadsForContext(std::shared_
     return;
   }
   ORV_LOG_INFO("Failed to validate the domain in the response payload");
-  invokeCompletionBlockOnMainThreadForAutoDiscoveryContext(std::move(context), OrvAppConfigServiceCompletionStatusAutodiscoveryFailed,
-                                                           std::nullopt);
+  invokeCompletionBlockOnMainThreadForAutoDiscoveryContext(std::move(context),
+                                                           OrvAppConfigServiceCompletionStatusAutodiscoveryFailed, std::nullopt);
 }
 
-bool OrvAppConfigService::storeListRecordsContainAtLeastOneValidURL(const std::shared_ptr<OrvAppConfigAutoDiscoverRecord>& record) {
+bool OrvAppConfigService::storeListRecordsContainAtLeastOneValidURL(
+    const std::shared_ptr<OrvAppConfigAutoDiscoverRecord>& record) {
   if (!record || !record->kaleth()) return false;
   const auto hasURL = [](const std::optional<OrvAppConfigURLList>& list) {
     if (!list) return false;

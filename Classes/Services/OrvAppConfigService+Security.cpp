@@ -14,21 +14,20 @@ constexpr const char* kRequiredIssuerName = "Varnel Systems, Inc.";
 void OrvAppConfigService::asyncValidatePayloadsForContext(std::shared_ptr<OrvAppConfigServiceContext> context,
                                                           PayloadValidationCompletionBlock completionBlock) {
   std::weak_ptr<OrvAppConfigService> weakSelf = weak_from_this();
-  asyncValidatePayloadSignaturesForContext(
-      context, [weakSelf, context, completionBlock = std::move(completionBlock)](OrvPayloadValidationStatus status,
-                                                                                 std::optional<OrvError> error) {
-        if (status != OrvPayloadValidationStatusSuccess) {
-          completionBlock(status, std::move(error));
-          return;
-        }
-        // Dates only after every signature held. A service released meanwhile cannot vouch for them.
-        auto self = weakSelf.lock();
-        if (self && self->validateNotValidBeforeAndAfterDatesForContext(*context)) {
-          completionBlock(OrvPayloadValidationStatusSuccess, std::nullopt);
-        } else {
-          completionBlock(OrvPayloadValidationStatusDateValidationFailed, std::nullopt);
-        }
-      });
+  asyncValidatePayloadSignaturesForContext(context, [weakSelf, context, completionBlock = std::move(completionBlock)](
+                                                        OrvPayloadValidationStatus status, std::optional<OrvError> error) {
+    if (status != OrvPayloadValidationStatusSuccess) {
+      completionBlock(status, std::move(error));
+      return;
+    }
+    // Dates only after every signature held. A service released meanwhile cannot vouch for them.
+    auto self = weakSelf.lock();
+    if (self && self->validateNotValidBeforeAndAfterDatesForContext(*context)) {
+      completionBlock(OrvPayloadValidationStatusSuccess, std::nullopt);
+    } else {
+      completionBlock(OrvPayloadValidationStatusDateValidationFailed, std::nullopt);
+    }
+  });
 }
 
 void OrvAppConfigService::asyncValidatePayloadSignaturesForContext(std::shared_ptr<OrvAppConfigServiceContext> context,
@@ -59,7 +58,8 @@ void OrvAppConfigService::asyncGetSigningCertificateForContext(std::shared_ptr<O
     auto self = weakSelf.lock();
     auto finished = weakOperation.lock();
     if (!self || !finished) return;
-    self->didGetSigningCertificateForContext(context, finished->signingCertificate(), finished->completionError(), completionBlock);
+    self->didGetSigningCertificateForContext(context, finished->signingCertificate(), finished->completionError(),
+                                             completionBlock);
   });
   operationQueue().addOperation(std::move(operation));
 }
@@ -80,21 +80,21 @@ void OrvAppConfigService::didGetSigningCertificateForContext(std::shared_ptr<Orv
   auto completed = std::make_shared<std::atomic<std::size_t>>(0);
   std::weak_ptr<OrvAppConfigService> weakSelf = weak_from_this();
   for (const auto& payload : payloads) {
-    asyncValidateAppConfigPayloadForContext(
-        payload, signingCertificate,
-        [weakSelf, context, payload, completed, count, completionBlock](OrvPayloadValidationStatus status,
-                                                                         std::optional<OrvError> validationError) {
-          payload->setValidationStatus(status);
-          payload->setValidationError(std::move(validationError));
-          if (completed->fetch_add(1, std::memory_order_acq_rel) + 1 != count) return;
-          if (auto self = weakSelf.lock()) self->didCompletePayloadValidationForContext(context, completionBlock);
-        });
+    asyncValidateAppConfigPayloadForContext(payload, signingCertificate,
+                                            [weakSelf, context, payload, completed, count, completionBlock](
+                                                OrvPayloadValidationStatus status, std::optional<OrvError> validationError) {
+                                              payload->setValidationStatus(status);
+                                              payload->setValidationError(std::move(validationError));
+                                              if (completed->fetch_add(1, std::memory_order_acq_rel) + 1 != count) return;
+                                              if (auto self = weakSelf.lock())
+                                                self->didCompletePayloadValidationForContext(context, completionBlock);
+                                            });
   }
 }
 
-void OrvAppConfigService::asyncValidateAppConfigPayloadForContext(std::shared_ptr<OrvAppConfigServicePayloadValidationContext> payloadContext,
-                                                                  OrvCertificateRef signingCertificate,
-                                                                  PayloadValidationCompletionBlock completionBlock) {
+void OrvAppConfigService::asyncValidateAppConfigPayloadForContext(
+    std::shared_ptr<OrvAppConfigServicePayloadValidationContext> payloadContext, OrvCertificateRef signingCertificate,
+    PayloadValidationCompletionBlock completionBlock) {
   const auto& body = payloadContext->responseData();
   if (!body || !orv::detail::isValidUTF8(*body)) {
     ORV_LOG_ERROR("Payload validation failed as the response data could not be converted to a UTF-8 string");
@@ -144,8 +144,9 @@ bool OrvAppConfigService::validateNotValidBeforeAndAfterDatesForContext(const Or
     if (!notValidBefore || !notValidAfter) continue;
     // Both ends belong to the period.
     if (now < *notValidBefore || now > *notValidAfter) {
-      ORV_LOG_ERROR("Failing payload date validity check as NotValidBefore of %@ is after now or NotValidAfter of %@ is before now",
-                    *notValidBefore, *notValidAfter);
+      ORV_LOG_ERROR(
+          "Failing payload date validity check as NotValidBefore of %@ is after now or NotValidAfter of %@ is before now",
+          *notValidBefore, *notValidAfter);
       return false;
     }
   }

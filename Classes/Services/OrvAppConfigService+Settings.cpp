@@ -10,12 +10,13 @@
 #include "OrvMainQueue.h"
 #include "OrvString.h"
 
-void OrvAppConfigService::asyncStartSettingsRetrievalForContext(std::shared_ptr<OrvAppConfigServiceSettingsRetrievalContext> context) {
+void OrvAppConfigService::asyncStartSettingsRetrievalForContext(
+    std::shared_ptr<OrvAppConfigServiceSettingsRetrievalContext> context) {
   if (context->storeUrls().empty() || !context->completionBlock() || !isValidFeatureChannelNameForContext(*context)) {
     ORV_LOG_ERROR("Store URL count = %lu (expected non-zero) or invalid channel name %@ or nil completionBlock provided",
                   context->storeUrls().size(), context->channelName());
-    invokeCompletionBlockOnMainThreadForSettingsRetrievalContext(std::move(context), OrvAppConfigServiceCompletionStatusInvalidParameters,
-                                                                 std::nullopt);
+    invokeCompletionBlockOnMainThreadForSettingsRetrievalContext(
+        std::move(context), OrvAppConfigServiceCompletionStatusInvalidParameters, std::nullopt);
     return;
   }
   coreStartSettingsRetrievalForContext(std::move(context));
@@ -26,7 +27,8 @@ bool OrvAppConfigService::isValidFeatureChannelNameForContext(const OrvAppConfig
   return !channelName || orv::detail::containsOnlyURLPathAllowedCharacters(*channelName);
 }
 
-void OrvAppConfigService::coreStartSettingsRetrievalForContext(std::shared_ptr<OrvAppConfigServiceSettingsRetrievalContext> context) {
+void OrvAppConfigService::coreStartSettingsRetrievalForContext(
+    std::shared_ptr<OrvAppConfigServiceSettingsRetrievalContext> context) {
   const std::size_t count = context->storeUrls().size();
   // Finished-callbacks run on the queue's threads and may overlap: the last one, and only that one,
   // moves the workflow on.
@@ -101,7 +103,8 @@ void OrvAppConfigService::didValidateSettingsRetrievalPayloadsForContext(
                                                                std::nullopt);
 }
 
-bool OrvAppConfigService::doRequestedStoreURLsMapToResponseStoreURLsForContext(const OrvAppConfigServiceSettingsRetrievalContext& context) {
+bool OrvAppConfigService::doRequestedStoreURLsMapToResponseStoreURLsForContext(
+    const OrvAppConfigServiceSettingsRetrievalContext& context) {
   const auto& settings = context.storeSettings();
   if (!settings || settings->empty()) return false;
   for (const auto& [requestedURL, record] : *settings) {

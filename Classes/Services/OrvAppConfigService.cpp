@@ -51,8 +51,8 @@ std::string OrvAppConfigService::descriptionForCompletionStatus(OrvAppConfigServ
 
 void OrvAppConfigService::asyncStartAutodiscoveryForUserInput(std::optional<std::string> userInput, std::uint64_t hostType,
                                                               OrvAppConfigAutoDiscoveryCompletionBlock completionBlock) {
-  auto context = OrvAppConfigServiceAutoDiscoveryContext::initWithUserInput(
-      orv::detail::trimWhitespaceAndNewlines(userInput), hostType, std::move(completionBlock));
+  auto context = OrvAppConfigServiceAutoDiscoveryContext::initWithUserInput(orv::detail::trimWhitespaceAndNewlines(userInput),
+                                                                            hostType, std::move(completionBlock));
   asyncStartAutodiscoveryForContext(std::move(context));
 }
 

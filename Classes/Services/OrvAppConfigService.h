@@ -26,7 +26,7 @@ class OrvAppConfigService : public OrvAtomicWorkflowService,
                             public std::enable_shared_from_this<OrvAppConfigService> {
   struct PrivateTag {};
 
-public:
+ public:
   using PayloadValidationCompletionBlock = std::function<void(OrvPayloadValidationStatus status, std::optional<OrvError> error)>;
   using CurrentDateProvider = std::function<OrvDate()>;
 
@@ -94,10 +94,12 @@ public:
                                                 PayloadValidationCompletionBlock completionBlock);
   void asyncGetSigningCertificateForContext(std::shared_ptr<OrvAppConfigServiceContext> context,
                                             PayloadValidationCompletionBlock completionBlock);
-  void didGetSigningCertificateForContext(std::shared_ptr<OrvAppConfigServiceContext> context, OrvCertificateRef signingCertificate,
-                                          std::optional<OrvError> error, PayloadValidationCompletionBlock completionBlock);
+  void didGetSigningCertificateForContext(std::shared_ptr<OrvAppConfigServiceContext> context,
+                                          OrvCertificateRef signingCertificate, std::optional<OrvError> error,
+                                          PayloadValidationCompletionBlock completionBlock);
   void asyncValidateAppConfigPayloadForContext(std::shared_ptr<OrvAppConfigServicePayloadValidationContext> payloadContext,
-                                               OrvCertificateRef signingCertificate, PayloadValidationCompletionBlock completionBlock);
+                                               OrvCertificateRef signingCertificate,
+                                               PayloadValidationCompletionBlock completionBlock);
   void didCompletePayloadValidationForContext(std::shared_ptr<OrvAppConfigServiceContext> context,
                                               PayloadValidationCompletionBlock completionBlock);
   bool validateNotValidBeforeAndAfterDatesForContext(const OrvAppConfigServiceContext& context) const;
@@ -107,16 +109,18 @@ public:
   void asyncStartSettingsRetrievalForContext(std::shared_ptr<OrvAppConfigServiceSettingsRetrievalContext> context);
   static bool isValidFeatureChannelNameForContext(const OrvAppConfigServiceSettingsRetrievalContext& context);
   void coreStartSettingsRetrievalForContext(std::shared_ptr<OrvAppConfigServiceSettingsRetrievalContext> context);
-  void didCompleteStoreSettingsRetrievalOperationsForContext(std::shared_ptr<OrvAppConfigServiceSettingsRetrievalContext> context);
+  void didCompleteStoreSettingsRetrievalOperationsForContext(
+      std::shared_ptr<OrvAppConfigServiceSettingsRetrievalContext> context);
   void didValidateSettingsRetrievalPayloadsForContext(std::shared_ptr<OrvAppConfigServiceSettingsRetrievalContext> context,
                                                       OrvPayloadValidationStatus status, std::optional<OrvError> error);
   static bool doRequestedStoreURLsMapToResponseStoreURLsForContext(const OrvAppConfigServiceSettingsRetrievalContext& context);
-  static bool doesRequestedChannelNameMapToResponseChannelNameForContext(const OrvAppConfigServiceSettingsRetrievalContext& context);
-  void invokeCompletionBlockOnMainThreadForSettingsRetrievalContext(std::shared_ptr<OrvAppConfigServiceSettingsRetrievalContext> context,
-                                                                    OrvAppConfigServiceCompletionStatus status,
-                                                                    std::optional<OrvError> error);
+  static bool doesRequestedChannelNameMapToResponseChannelNameForContext(
+      const OrvAppConfigServiceSettingsRetrievalContext& context);
+  void invokeCompletionBlockOnMainThreadForSettingsRetrievalContext(
+      std::shared_ptr<OrvAppConfigServiceSettingsRetrievalContext> context, OrvAppConfigServiceCompletionStatus status,
+      std::optional<OrvError> error);
 
-private:
+ private:
   std::shared_ptr<OrvURLSession> urlSession_;
   std::shared_ptr<OrvHttpHeaderProviderServiceProtocol> httpHeaderProviderService_;
   std::shared_ptr<OrvSecurityServiceProtocol> orvSecurityUtilsService_;

@@ -19,7 +19,8 @@ OrvAppConfigServicePayloadValidationContext::OrvAppConfigServicePayloadValidatio
   }
 }
 
-void OrvAppConfigServiceContext::addPayloadValidationContext(std::shared_ptr<OrvAppConfigServicePayloadValidationContext> context) {
+void OrvAppConfigServiceContext::addPayloadValidationContext(
+    std::shared_ptr<OrvAppConfigServicePayloadValidationContext> context) {
   validationContexts_.push_back(std::move(context));
 }
 

@@ -14,15 +14,17 @@ class OrvAppConfigRetrieveStoreSettingsOperation;
 
 // One signed payload: a response body, its signature header and the validity dates parsed from it.
 class OrvAppConfigServicePayloadValidationContext {
-public:
+ public:
   // Splits the signature header at every full stop; only exactly two pieces give header and signature.
-  OrvAppConfigServicePayloadValidationContext(std::optional<OrvData> responseData, std::optional<std::string> varnelSignatureHeader,
-                                              std::optional<OrvDate> notValidBeforeDate, std::optional<OrvDate> notValidAfterDate);
+  OrvAppConfigServicePayloadValidationContext(std::optional<OrvData> responseData,
+                                              std::optional<std::string> varnelSignatureHeader,
+                                              std::optional<OrvDate> notValidBeforeDate,
+                                              std::optional<OrvDate> notValidAfterDate);
   static std::shared_ptr<OrvAppConfigServicePayloadValidationContext> initWithResponseData(
       std::optional<OrvData> responseData, std::optional<std::string> varnelSignatureHeader,
       std::optional<OrvDate> notValidBeforeDate, std::optional<OrvDate> notValidAfterDate) {
-    return std::make_shared<OrvAppConfigServicePayloadValidationContext>(std::move(responseData), std::move(varnelSignatureHeader),
-                                                                         notValidBeforeDate, notValidAfterDate);
+    return std::make_shared<OrvAppConfigServicePayloadValidationContext>(
+        std::move(responseData), std::move(varnelSignatureHeader), notValidBeforeDate, notValidAfterDate);
   }
 
   const std::optional<OrvData>& responseData() const noexcept { return responseData_; }
@@ -37,7 +39,7 @@ public:
   const std::optional<OrvError>& validationError() const noexcept { return validationError_; }
   void setValidationError(std::optional<OrvError> error) { validationError_ = std::move(error); }
 
-private:
+ private:
   std::optional<OrvData> responseData_;
   std::optional<std::string> varnelSignatureHeader_;
   std::optional<std::string> varnelJWTHeader_;
@@ -51,7 +53,7 @@ private:
 using OrvAppConfigPayloadValidationContextList = std::vector<std::shared_ptr<OrvAppConfigServicePayloadValidationContext>>;
 
 class OrvAppConfigServiceContext {
-public:
+ public:
   explicit OrvAppConfigServiceContext(std::uint64_t hostType) : hostType_(hostType) {}
   virtual ~OrvAppConfigServiceContext() = default;
 
@@ -62,13 +64,13 @@ public:
 
   OrvAppConfigPayloadValidationContextList& validationContexts() noexcept { return validationContexts_; }
 
-private:
+ private:
   std::uint64_t hostType_;
   OrvAppConfigPayloadValidationContextList validationContexts_;
 };
 
 class OrvAppConfigServiceAutoDiscoveryContext : public OrvAppConfigServiceContext {
-public:
+ public:
   OrvAppConfigServiceAutoDiscoveryContext(std::optional<std::string> userInput, std::uint64_t hostType,
                                           OrvAppConfigAutoDiscoveryCompletionBlock completionBlock)
       : OrvAppConfigServiceContext(hostType), userInput_(std::move(userInput)), completionBlock_(std::move(completionBlock)) {}
@@ -88,7 +90,7 @@ public:
   const std::shared_ptr<OrvAppConfigAutoDiscoverRecord>& autoDiscoverRecord() const noexcept { return autoDiscoverRecord_; }
   void setAutoDiscoverRecord(std::shared_ptr<OrvAppConfigAutoDiscoverRecord> record) { autoDiscoverRecord_ = std::move(record); }
 
-private:
+ private:
   std::optional<std::string> userInput_;
   std::optional<std::string> requestedDomain_;
   OrvAppConfigAutoDiscoveryCompletionBlock completionBlock_;
@@ -97,7 +99,7 @@ private:
 };
 
 class OrvAppConfigServiceSettingsRetrievalContext : public OrvAppConfigServiceContext {
-public:
+ public:
   // The channel name is trimmed; nothing left (or nothing given) is stored as nil, never as "".
   OrvAppConfigServiceSettingsRetrievalContext(OrvAppConfigStoreURLSet storeUrls, std::uint64_t hostType, std::uint64_t platform,
                                               const std::optional<std::string>& channelName,
@@ -124,7 +126,7 @@ public:
     storeSettingsRetrievalOperations_ = std::move(operations);
   }
 
-private:
+ private:
   OrvAppConfigStoreURLSet storeUrls_;
   std::uint64_t platform_;
   std::optional<std::string> channelName_;

@@ -6,7 +6,7 @@
 #include "OrvAppConfigServiceTypes.h"
 
 class OrvAppConfigServiceProtocol {
-public:
+ public:
   virtual ~OrvAppConfigServiceProtocol() = default;
 
   virtual void asyncStartAutodiscoveryForUserInput(std::optional<std::string> userInput, std::uint64_t hostType,

@@ -36,9 +36,9 @@ using OrvAppConfigStoreURLSet = std::unordered_set<OrvURL>;
 // Keyed by the store URL object as the caller gave it.
 using OrvAppConfigStoreSettingsDictionary = std::unordered_map<OrvURL, std::shared_ptr<OrvAppConfigSettingsRecord>>;
 
-using OrvAppConfigAutoDiscoveryCompletionBlock = std::function<void(
-    OrvAppConfigServiceCompletionStatus status, std::shared_ptr<OrvAppConfigAutoDiscoverRecord> record,
-    std::optional<OrvError> error)>;
-using OrvAppConfigSettingsRetrievalCompletionBlock = std::function<void(
-    OrvAppConfigServiceCompletionStatus status, std::optional<OrvAppConfigStoreSettingsDictionary> settings,
-    std::optional<OrvError> error)>;
+using OrvAppConfigAutoDiscoveryCompletionBlock =
+    std::function<void(OrvAppConfigServiceCompletionStatus status, std::shared_ptr<OrvAppConfigAutoDiscoverRecord> record,
+                       std::optional<OrvError> error)>;
+using OrvAppConfigSettingsRetrievalCompletionBlock =
+    std::function<void(OrvAppConfigServiceCompletionStatus status, std::optional<OrvAppConfigStoreSettingsDictionary> settings,
+                       std::optional<OrvError> error)>;

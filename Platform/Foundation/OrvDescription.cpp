@@ -21,9 +21,9 @@ std::string OrvDescription(OrvDate value) {
   const std::chrono::year_month_day ymd{days};
   const std::chrono::hh_mm_ss<std::chrono::seconds> time{seconds - days};
   char buffer[64];
-  std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02u %02lld:%02lld:%02lld +0000", int(ymd.year()),
-                unsigned(ymd.month()), unsigned(ymd.day()), static_cast<long long>(time.hours().count()),
-                static_cast<long long>(time.minutes().count()), static_cast<long long>(time.seconds().count()));
+  std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02u %02lld:%02lld:%02lld +0000", int(ymd.year()), unsigned(ymd.month()),
+                unsigned(ymd.day()), static_cast<long long>(time.hours().count()), static_cast<long long>(time.minutes().count()),
+                static_cast<long long>(time.seconds().count()));
   return buffer;
 }
 

@@ -18,8 +18,7 @@ inline std::string OrvDescription(const std::string& value) { return value; }
 inline std::string OrvDescription(const char* value) { return value ? std::string(value) : std::string("(null)"); }
 inline std::string OrvDescription(bool value) { return value ? "YES" : "NO"; }
 template <std::integral T>
-  requires(!std::same_as<T, bool>)
-std::string OrvDescription(T value) { return std::to_string(value); }
+requires(!std::same_as<T, bool>) std::string OrvDescription(T value) { return std::to_string(value); }
 std::string OrvDescription(double value);
 inline std::string OrvDescription(const OrvError& value) { return value.description(); }
 inline std::string OrvDescription(const OrvURL& value) { return value.absoluteString(); }

@@ -11,8 +11,8 @@ std::string OrvError::localizedDescription() const {
 }
 
 std::string OrvError::description() const {
-  std::string text = "Error Domain=" + domain_ + " Code=" + std::to_string(code_) + " \"" + localizedDescription() +
-                     "\" UserInfo={";
+  std::string text =
+      "Error Domain=" + domain_ + " Code=" + std::to_string(code_) + " \"" + localizedDescription() + "\" UserInfo={";
   bool first = true;
   for (const auto& [key, value] : userInfo_) {
     if (!first) text += ", ";

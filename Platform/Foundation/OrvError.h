@@ -13,7 +13,7 @@ inline constexpr const char* OrvLocalizedDescriptionKey = "OrvLocalizedDescripti
 inline constexpr const char* OrvUnderlyingErrorKey = "OrvUnderlyingError";
 
 class OrvError {
-public:
+ public:
   OrvError(std::string domain, std::int64_t code, OrvErrorUserInfo userInfo = {});
 
   static OrvError errorWithDomain(std::string domain, std::int64_t code, OrvErrorUserInfo userInfo = {}) {
@@ -31,7 +31,7 @@ public:
 
   friend bool operator==(const OrvError&, const OrvError&) = default;
 
-private:
+ private:
   std::string domain_;
   std::int64_t code_;
   OrvErrorUserInfo userInfo_;

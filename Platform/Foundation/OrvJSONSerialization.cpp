@@ -17,7 +17,7 @@ namespace json = boost::json;
 // contain: a key twice in one object (readers could disagree on its meaning) and numbers that
 // overflow to infinity (they would serialise as invalid JSON).
 class StrictHandler {
-public:
+ public:
   static constexpr std::size_t max_object_size = json::object::max_size();
   static constexpr std::size_t max_array_size = json::array::max_size();
   static constexpr std::size_t max_key_size = json::string::max_size();
@@ -92,7 +92,7 @@ public:
   bool on_comment_part(json::string_view, json::error_code&) { return true; }
   bool on_comment(json::string_view, json::error_code&) { return true; }
 
-private:
+ private:
   bool fail(json::error_code& ec, const char* why) {
     problem = why;
     ec = json::error::exception;  // any error stops the parser; `problem` says what it was
@@ -105,15 +105,14 @@ private:
 
 std::optional<OrvError> parseError(std::string message) {
   return OrvError(OrvJSONSerializationErrorDomain, OrvJSONSerializationErrorInvalidJSON,
-                  {{OrvLocalizedDescriptionKey, "The data couldn\u2019t be read because it isn\u2019t in the correct format: " +
-                                                    std::move(message) + "."}});
+                  {{OrvLocalizedDescriptionKey,
+                    "The data couldn\u2019t be read because it isn\u2019t in the correct format: " + std::move(message) + "."}});
 }
 
 }  // namespace
 }  // namespace orv::detail
 
-std::optional<boost::json::value> OrvJSONSerialization::JSONObjectWithData(std::string_view data,
-                                                                           OrvJSONReadingOptions options,
+std::optional<boost::json::value> OrvJSONSerialization::JSONObjectWithData(std::string_view data, OrvJSONReadingOptions options,
                                                                            std::optional<OrvError>* error) {
   namespace json = boost::json;
   auto fail = [error](std::string message) -> std::optional<json::value> {

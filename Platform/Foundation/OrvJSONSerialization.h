@@ -14,7 +14,7 @@ inline constexpr std::int64_t OrvJSONSerializationErrorInvalidJSON = 3840;
 enum class OrvJSONReadingOptions { none, fragmentsAllowed };
 
 class OrvJSONSerialization {
-public:
+ public:
   // std::nullopt and an error for empty input, malformed text, invalid UTF-8, numbers out of range
   // and, without fragmentsAllowed, a top-level scalar.
   static std::optional<boost::json::value> JSONObjectWithData(std::string_view data, OrvJSONReadingOptions options,

@@ -1,8 +1,8 @@
 #include "OrvKeyedArchiver.h"
 
+#include <array>
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
-#include <array>
 #include <charconv>
 #include <chrono>
 #include <map>
@@ -32,37 +32,37 @@ constexpr std::string_view fieldsKey = "$fields";
 constexpr std::size_t maximumJSONDepth = 2 * OrvKeyedArchiveMaximumDepth + 8;
 
 class DepthScope {
-public:
+ public:
   explicit DepthScope(std::size_t& depth) : depth_(depth) { ++depth_; }
   ~DepthScope() { --depth_; }
   DepthScope(const DepthScope&) = delete;
   DepthScope& operator=(const DepthScope&) = delete;
   bool exceeded() const noexcept { return depth_ > OrvKeyedArchiveMaximumDepth; }
 
-private:
+ private:
   std::size_t& depth_;
 };
 
 class PathScope {
-public:
+ public:
   PathScope(std::vector<std::string>& path, std::string component) : path_(path) { path_.push_back(std::move(component)); }
   ~PathScope() { path_.pop_back(); }
   PathScope(const PathScope&) = delete;
   PathScope& operator=(const PathScope&) = delete;
 
-private:
+ private:
   std::vector<std::string>& path_;
 };
 
 template <class T>
 class RestoreOnExit {
-public:
+ public:
   explicit RestoreOnExit(T& slot) : slot_(slot), saved_(slot) {}
   ~RestoreOnExit() { slot_ = saved_; }
   RestoreOnExit(const RestoreOnExit&) = delete;
   RestoreOnExit& operator=(const RestoreOnExit&) = delete;
 
-private:
+ private:
   T& slot_;
   T saved_;
 };
@@ -202,7 +202,10 @@ using namespace orv::detail;
 // MARK: - OrvClass
 
 OrvClass::OrvClass(std::string name, const OrvClass* superclass, bool supportsSecureCoding, Decoder decoder)
-    : name_(std::move(name)), superclass_(superclass), supportsSecureCoding_(supportsSecureCoding), decoder_(std::move(decoder)) {}
+    : name_(std::move(name)),
+      superclass_(superclass),
+      supportsSecureCoding_(supportsSecureCoding),
+      decoder_(std::move(decoder)) {}
 
 bool OrvClass::isSubclassOfClass(const OrvClass& other) const noexcept {
   for (const OrvClass* cls = this; cls; cls = cls->superclass_) {
@@ -271,12 +274,15 @@ OrvObject::OrvObject(OrvObjectDictionary value) : storage_(std::move(value)) {}
 
 OrvObject OrvObject::fromJSON(const boost::json::value& value) {
   switch (value.kind()) {
-    case boost::json::kind::null: return OrvObject(OrvNull{});
+    case boost::json::kind::null:
+      return OrvObject(OrvNull{});
     case boost::json::kind::bool_:
     case boost::json::kind::int64:
     case boost::json::kind::uint64:
-    case boost::json::kind::double_: return OrvObject(*OrvNumber::fromJSON(value));
-    case boost::json::kind::string: return OrvObject(std::string(value.get_string()));
+    case boost::json::kind::double_:
+      return OrvObject(*OrvNumber::fromJSON(value));
+    case boost::json::kind::string:
+      return OrvObject(std::string(value.get_string()));
     case boost::json::kind::array: {
       OrvObjectArray elements;
       elements.reserve(value.get_array().size());
@@ -348,8 +354,8 @@ std::shared_ptr<OrvSecureCoding> OrvObject::archivable() const {
 
 // MARK: - OrvKeyedArchiver
 
-std::optional<OrvData> OrvKeyedArchiver::archivedDataWithRootObject(
-    const std::shared_ptr<const OrvSecureCoding>& rootObject, std::optional<OrvError>* error) {
+std::optional<OrvData> OrvKeyedArchiver::archivedDataWithRootObject(const std::shared_ptr<const OrvSecureCoding>& rootObject,
+                                                                    std::optional<OrvError>* error) {
   OrvKeyedArchiver coder;
   boost::json::value rootNode;
   try {
@@ -360,8 +366,7 @@ std::optional<OrvData> OrvKeyedArchiver::archivedDataWithRootObject(
   return coder.finish(std::move(rootNode), error);
 }
 
-std::optional<OrvData> OrvKeyedArchiver::archivedDataWithRootObject(const OrvObject& rootObject,
-                                                                   std::optional<OrvError>* error) {
+std::optional<OrvData> OrvKeyedArchiver::archivedDataWithRootObject(const OrvObject& rootObject, std::optional<OrvError>* error) {
   OrvKeyedArchiver coder;
   boost::json::value rootNode;
   try {
@@ -490,12 +495,15 @@ boost::json::value OrvKeyedArchiver::nodeForJSON(const boost::json::value& value
     return {};
   }
   switch (value.kind()) {
-    case boost::json::kind::null: return boost::json::object{{classKey, OrvClass::null().name()}};
+    case boost::json::kind::null:
+      return boost::json::object{{classKey, OrvClass::null().name()}};
     case boost::json::kind::bool_:
     case boost::json::kind::int64:
     case boost::json::kind::uint64:
-    case boost::json::kind::double_: return numberNode(*OrvNumber::fromJSON(value));
-    case boost::json::kind::string: return nodeForString(std::string(value.get_string()));
+    case boost::json::kind::double_:
+      return numberNode(*OrvNumber::fromJSON(value));
+    case boost::json::kind::string:
+      return nodeForString(std::string(value.get_string()));
     case boost::json::kind::array: {
       boost::json::array items;
       items.reserve(value.get_array().size());
@@ -612,7 +620,7 @@ void OrvKeyedArchiver::encodeJSONValue(const std::optional<boost::json::value>& 
 // MARK: - OrvKeyedUnarchiver
 
 std::optional<OrvObject> OrvKeyedUnarchiver::unarchivedObjectOfClasses(const OrvClassSet& classes, const OrvData& data,
-                                                                      std::optional<OrvError>* error) {
+                                                                       std::optional<OrvError>* error) {
   OrvKeyedUnarchiver coder;
   std::optional<OrvObject> result;
   try {
@@ -626,7 +634,7 @@ std::optional<OrvObject> OrvKeyedUnarchiver::unarchivedObjectOfClasses(const Orv
 }
 
 std::optional<OrvObject> OrvKeyedUnarchiver::unarchivedObjectOfClass(const OrvClass& objectClass, const OrvData& data,
-                                                                    std::optional<OrvError>* error) {
+                                                                     std::optional<OrvError>* error) {
   return unarchivedObjectOfClasses(OrvClassSet{&objectClass}, data, error);
 }
 
@@ -685,8 +693,8 @@ std::optional<OrvObject> OrvKeyedUnarchiver::decodeNode(const boost::json::value
     return std::nullopt;
   }
   if (!isAllowed(*objectClass, classes)) {
-    fail(OrvKeyedArchiverErrorClassNotAllowed, "a value of class \"" + objectClass->name() +
-                                                   "\" is not allowed here (allowed: " + classNames(classes) + ")");
+    fail(OrvKeyedArchiverErrorClassNotAllowed,
+         "a value of class \"" + objectClass->name() + "\" is not allowed here (allowed: " + classNames(classes) + ")");
     return std::nullopt;
   }
   if (!objectClass->supportsSecureCoding()) {
@@ -769,9 +777,7 @@ std::optional<OrvObject> OrvKeyedUnarchiver::decodeArchivable(const OrvClass& ob
   return OrvObject(std::move(instance));
 }
 
-bool OrvKeyedUnarchiver::containsValueForKey(std::string_view key) const {
-  return fields_ && fields_->contains(key);
-}
+bool OrvKeyedUnarchiver::containsValueForKey(std::string_view key) const { return fields_ && fields_->contains(key); }
 
 std::optional<OrvObject> OrvKeyedUnarchiver::decodeObjectOfClasses(const OrvClassSet& classes, std::string_view key) {
   if (error_ || !fields_) return std::nullopt;
@@ -826,8 +832,7 @@ std::optional<std::vector<std::string>> OrvKeyedUnarchiver::decodeArrayOfStrings
   return result;
 }
 
-std::optional<boost::json::value> OrvKeyedUnarchiver::decodeJSONValueOfClasses(const OrvClassSet& classes,
-                                                                               std::string_view key) {
+std::optional<boost::json::value> OrvKeyedUnarchiver::decodeJSONValueOfClasses(const OrvClassSet& classes, std::string_view key) {
   auto object = decodeObjectOfClasses(classes, key);
   if (!object) return std::nullopt;
   auto value = object->toJSON();
@@ -841,8 +846,8 @@ std::optional<boost::json::value> OrvKeyedUnarchiver::decodeJSONValueOfClasses(c
 const OrvObjectArray* OrvKeyedUnarchiver::requireArray(const OrvObject& object, std::string_view key) {
   if (const OrvObjectArray* elements = object.array()) return elements;
   PathScope path(path_, std::string(key));
-  fail(OrvKeyedArchiverErrorClassNotAllowed, "a value of class \"" + object.objectClass().name() +
-                                                 "\" was found where an array is expected");
+  fail(OrvKeyedArchiverErrorClassNotAllowed,
+       "a value of class \"" + object.objectClass().name() + "\" was found where an array is expected");
   return nullptr;
 }
 

@@ -46,7 +46,7 @@ class OrvSecureCoding;
 // A class as archives know it: its name, its superclass and how to rebuild an instance. Descriptors
 // are unique per name and live for the whole process, so they compare by address.
 class OrvClass {
-public:
+ public:
   using Decoder = std::function<std::shared_ptr<OrvSecureCoding>(OrvKeyedUnarchiver&)>;
 
   OrvClass(std::string name, const OrvClass* superclass, bool supportsSecureCoding, Decoder decoder);
@@ -71,11 +71,10 @@ public:
   static const OrvClass& date();
 
   // Makes an archivable class known by its name. Registering a name again returns the first descriptor.
-  static const OrvClass& registerClass(std::string name, const OrvClass* superclass, bool supportsSecureCoding,
-                                       Decoder decoder);
+  static const OrvClass& registerClass(std::string name, const OrvClass* superclass, bool supportsSecureCoding, Decoder decoder);
   static const OrvClass* classNamed(std::string_view name);
 
-private:
+ private:
   std::string name_;
   const OrvClass* superclass_;
   bool supportsSecureCoding_;
@@ -85,7 +84,7 @@ private:
 using OrvClassSet = std::vector<const OrvClass*>;
 
 class OrvSecureCoding {
-public:
+ public:
   virtual ~OrvSecureCoding() = default;
   // The class an instance archives as.
   virtual const OrvClass& classForCoder() const = 0;
@@ -105,18 +104,20 @@ using OrvObjectDictionary = std::vector<OrvObjectDictionaryEntry>;  // in insert
 
 // One decoded platform object: a value class or an archivable instance.
 class OrvObject {
-public:
+ public:
   using Storage = std::variant<OrvNull, OrvNumber, std::string, OrvDate, OrvObjectArray, OrvObjectDictionary,
                                std::shared_ptr<OrvSecureCoding>>;
 
-  OrvObject() : storage_(OrvNull{}) {}
-  OrvObject(OrvNull value) : storage_(value) {}
-  OrvObject(OrvNumber value) : storage_(value) {}
-  OrvObject(std::string value) : storage_(std::move(value)) {}
-  OrvObject(OrvDate value) : storage_(value) {}
+  // Defined below OrvObjectDictionaryEntry: clang instantiates the storage's destructor here, which
+  // needs the entry type complete.
+  OrvObject();
+  OrvObject(OrvNull value);
+  OrvObject(OrvNumber value);
+  OrvObject(std::string value);
+  OrvObject(OrvDate value);
   OrvObject(OrvObjectArray value);
   OrvObject(OrvObjectDictionary value);
-  OrvObject(std::shared_ptr<OrvSecureCoding> value) : storage_(std::move(value)) {}
+  OrvObject(std::shared_ptr<OrvSecureCoding> value);
 
   // JSON null is the null object and a boolean a boolean number.
   static OrvObject fromJSON(const boost::json::value& value);
@@ -138,7 +139,7 @@ public:
     return std::dynamic_pointer_cast<T>(archivable());
   }
 
-private:
+ private:
   Storage storage_;
 };
 
@@ -147,14 +148,20 @@ struct OrvObjectDictionaryEntry {
   OrvObject value;
 };
 
+inline OrvObject::OrvObject() : storage_(OrvNull{}) {}
+inline OrvObject::OrvObject(OrvNull value) : storage_(value) {}
+inline OrvObject::OrvObject(OrvNumber value) : storage_(value) {}
+inline OrvObject::OrvObject(std::string value) : storage_(std::move(value)) {}
+inline OrvObject::OrvObject(OrvDate value) : storage_(value) {}
+inline OrvObject::OrvObject(std::shared_ptr<OrvSecureCoding> value) : storage_(std::move(value)) {}
+
 class OrvKeyedArchiver {
-public:
+ public:
   // A nil root archives as nil. On failure: nothing, and the error when asked for; on success the error
   // is set to nothing.
   static std::optional<OrvData> archivedDataWithRootObject(const std::shared_ptr<const OrvSecureCoding>& rootObject,
-                                                          std::optional<OrvError>* error = nullptr);
-  static std::optional<OrvData> archivedDataWithRootObject(const OrvObject& rootObject,
-                                                          std::optional<OrvError>* error = nullptr);
+                                                           std::optional<OrvError>* error = nullptr);
+  static std::optional<OrvData> archivedDataWithRootObject(const OrvObject& rootObject, std::optional<OrvError>* error = nullptr);
 
   // Nothing (nil, std::nullopt) writes nothing, so that it decodes as a missing key.
   void encodeObject(const std::shared_ptr<const OrvSecureCoding>& object, std::string_view key);
@@ -180,7 +187,7 @@ public:
   void failWithError(OrvError error);
   const std::optional<OrvError>& error() const noexcept { return error_; }
 
-private:
+ private:
   OrvKeyedArchiver() = default;
   void encodeArchivableArray(const std::vector<const OrvSecureCoding*>& elements, std::string_view key);
   void store(std::string_view key, boost::json::value node);
@@ -199,13 +206,13 @@ private:
 };
 
 class OrvKeyedUnarchiver {
-public:
+ public:
   // Nothing and an error for anything that is not a well-formed archive whose root is of one of the
   // classes; nothing and no error for an archived nil root.
   static std::optional<OrvObject> unarchivedObjectOfClasses(const OrvClassSet& classes, const OrvData& data,
-                                                           std::optional<OrvError>* error = nullptr);
+                                                            std::optional<OrvError>* error = nullptr);
   static std::optional<OrvObject> unarchivedObjectOfClass(const OrvClass& objectClass, const OrvData& data,
-                                                         std::optional<OrvError>* error = nullptr);
+                                                          std::optional<OrvError>* error = nullptr);
   template <class T>
   static std::shared_ptr<T> unarchivedObjectOfClass(const OrvData& data, std::optional<OrvError>* error = nullptr) {
     auto object = unarchivedObjectOfClass(T::orvClass(), data, error);
@@ -231,8 +238,7 @@ public:
 
   // The classes must admit an array; the value must then be an array whose every element is a T.
   template <class T>
-  std::optional<std::vector<std::shared_ptr<T>>> decodeArrayOfObjectsOfClasses(const OrvClassSet& classes,
-                                                                             std::string_view key) {
+  std::optional<std::vector<std::shared_ptr<T>>> decodeArrayOfObjectsOfClasses(const OrvClassSet& classes, std::string_view key) {
     auto object = decodeObjectOfClasses(classes, key);
     if (!object) return std::nullopt;
     const OrvObjectArray* elements = requireArray(*object, key);
@@ -249,15 +255,14 @@ public:
     }
     return result;
   }
-  std::optional<std::vector<std::string>> decodeArrayOfStringsOfClasses(const OrvClassSet& classes,
-                                                                        std::string_view key);
+  std::optional<std::vector<std::string>> decodeArrayOfStringsOfClasses(const OrvClassSet& classes, std::string_view key);
   // The value as JSON; a class JSON cannot hold is refused.
   std::optional<boost::json::value> decodeJSONValueOfClasses(const OrvClassSet& classes, std::string_view key);
 
   void failWithError(OrvError error);
   const std::optional<OrvError>& error() const noexcept { return error_; }
 
-private:
+ private:
   OrvKeyedUnarchiver() = default;
   std::optional<OrvObject> decodeRoot(const OrvClassSet& classes, const OrvData& data);
   std::optional<OrvObject> decodeNode(const boost::json::value& node, const OrvClassSet& classes);

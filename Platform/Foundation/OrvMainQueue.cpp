@@ -29,7 +29,7 @@ void runTask(const OrvMainQueue::Task& task) {
 }
 
 class MainQueue {
-public:
+ public:
   // Never destroyed: tasks may be dispatched from worker threads while the process exits.
   static MainQueue& shared() {
     static MainQueue* const queue = new MainQueue;
@@ -114,7 +114,7 @@ public:
     available_.notify_all();
   }
 
-private:
+ private:
   // The wrapper marks the host's thread as the main queue while the task runs.
   static void forwardTo(const OrvMainQueue::Bridge& bridge, OrvMainQueue::Task task) {
     try {

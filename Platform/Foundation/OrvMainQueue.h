@@ -7,7 +7,7 @@
 #include <functional>
 
 class OrvMainQueue {
-public:
+ public:
   using Task = std::function<void()>;
   // Receives each task; the host's loop must run them one at a time, in order, on its main thread.
   using Bridge = std::function<void(Task)>;

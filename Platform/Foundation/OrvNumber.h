@@ -8,7 +8,7 @@
 #include <string>
 
 class OrvNumber {
-public:
+ public:
   enum class Kind { signedInteger, unsignedInteger, floatingPoint, boolean };
 
   OrvNumber() noexcept : OrvNumber(std::int64_t{0}) {}
@@ -47,7 +47,7 @@ public:
   // Same kind and same value; a boolean true is not the integer 1, and a NaN equals nothing.
   friend bool operator==(const OrvNumber& a, const OrvNumber& b) noexcept;
 
-private:
+ private:
   Kind kind_;
   union {
     std::int64_t s;

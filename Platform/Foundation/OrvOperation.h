@@ -10,10 +10,12 @@
 #include <string>
 
 class OrvOperationQueue;
-namespace orv::detail { class OperationQueueState; }
+namespace orv::detail {
+class OperationQueueState;
+}
 
 class OrvOperation : public std::enable_shared_from_this<OrvOperation> {
-public:
+ public:
   OrvOperation();
   virtual ~OrvOperation();
   OrvOperation(const OrvOperation&) = delete;
@@ -35,7 +37,7 @@ public:
   void setName(std::string name);
   std::string name() const;
 
-protected:
+ protected:
   virtual void didCancel() {}
   // ready -> executing; ignored in any other state.
   void moveToExecutingState();
@@ -43,7 +45,7 @@ protected:
   // queue release the operation.
   void moveToFinishedState();
 
-private:
+ private:
   friend class orv::detail::OperationQueueState;
   enum class State { ready, executing, finished };
   std::atomic<State> state_{State::ready};
@@ -58,13 +60,13 @@ private:
 
 // Runs one block as its main().
 class OrvBlockOperation : public OrvOperation {
-public:
+ public:
   explicit OrvBlockOperation(std::function<void()> block) : block_(std::move(block)) {}
   static std::shared_ptr<OrvBlockOperation> blockOperationWithBlock(std::function<void()> block) {
     return std::make_shared<OrvBlockOperation>(std::move(block));
   }
   void main() override;
 
-private:
+ private:
   std::function<void()> block_;
 };

@@ -14,7 +14,7 @@ namespace {
 // One pool for the process. It is created on first use and deliberately never destroyed: its
 // detached workers may still be running completion blocks while static destructors run at exit.
 class WorkerPool {
-public:
+ public:
   static WorkerPool& shared() {
     static WorkerPool* const pool = new WorkerPool(std::max<std::size_t>(4, 2 * std::thread::hardware_concurrency()));
     return *pool;
@@ -28,7 +28,7 @@ public:
     available_.notify_one();
   }
 
-private:
+ private:
   explicit WorkerPool(std::size_t workers) {
     for (std::size_t i = 0; i < workers; ++i) {
       try {
@@ -107,8 +107,8 @@ void OperationQueueState::operationFinished(OrvOperation* operation) {
       started_.erase(it);
     } else {
       // Finished by someone else before its turn came.
-      const auto it2 = std::find_if(waiting_.begin(), waiting_.end(),
-                                    [operation](const auto& waiting) { return waiting.get() == operation; });
+      const auto it2 =
+          std::find_if(waiting_.begin(), waiting_.end(), [operation](const auto& waiting) { return waiting.get() == operation; });
       if (it2 == waiting_.end()) return;
       released = std::move(*it2);
       waiting_.erase(it2);
@@ -172,9 +172,7 @@ OrvOperationQueue::OrvOperationQueue(std::string name)
 
 OrvOperationQueue::~OrvOperationQueue() { state_->cancelWaiting(); }
 
-void OrvOperationQueue::addOperation(std::shared_ptr<OrvOperation> operation) {
-  state_->add({std::move(operation)});
-}
+void OrvOperationQueue::addOperation(std::shared_ptr<OrvOperation> operation) { state_->add({std::move(operation)}); }
 
 void OrvOperationQueue::addOperations(std::vector<std::shared_ptr<OrvOperation>> operations, bool waitUntilFinished) {
   const auto accepted = state_->add(operations);

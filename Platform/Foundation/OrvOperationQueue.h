@@ -10,7 +10,7 @@
 #include "OrvOperation.h"
 
 class OrvOperationQueue {
-public:
+ public:
   // Unlimited: every added operation is started as soon as a worker is free.
   static constexpr long OrvOperationQueueDefaultMaxConcurrentOperationCount = -1;
 
@@ -35,7 +35,7 @@ public:
   long maxConcurrentOperationCount() const;
   const std::string& name() const noexcept { return name_; }
 
-private:
+ private:
   std::string name_;
   std::shared_ptr<orv::detail::OperationQueueState> state_;
 };

@@ -14,7 +14,7 @@
 namespace orv::detail {
 
 class OperationQueueState : public std::enable_shared_from_this<OperationQueueState> {
-public:
+ public:
   // Accepts the operations not yet in any queue and not finished; returns those accepted.
   std::vector<std::shared_ptr<OrvOperation>> add(const std::vector<std::shared_ptr<OrvOperation>>& operations);
   void operationFinished(OrvOperation* operation);
@@ -28,7 +28,7 @@ public:
   void setMaxConcurrent(long count);
   long maxConcurrent() const;
 
-private:
+ private:
   void startWhatMayStart();  // with mutex_ held
   std::vector<std::shared_ptr<OrvOperation>> snapshot(bool includeStarted) const;
 

@@ -37,9 +37,20 @@ std::size_t decodeUTF8(std::string_view s, std::size_t i, char32_t& cp) noexcept
 
 bool isWhitespaceOrNewline(char32_t c) noexcept {
   switch (c) {
-    case 0x0009: case 0x000A: case 0x000B: case 0x000C: case 0x000D:
-    case 0x0020: case 0x0085: case 0x00A0: case 0x1680:
-    case 0x2028: case 0x2029: case 0x202F: case 0x205F: case 0x3000:
+    case 0x0009:
+    case 0x000A:
+    case 0x000B:
+    case 0x000C:
+    case 0x000D:
+    case 0x0020:
+    case 0x0085:
+    case 0x00A0:
+    case 0x1680:
+    case 0x2028:
+    case 0x2029:
+    case 0x202F:
+    case 0x205F:
+    case 0x3000:
       return true;
     default:
       return c >= 0x2000 && c <= 0x200A;
@@ -83,8 +94,23 @@ bool containsWhitespaceOrNewline(std::string_view text) noexcept {
 bool isURLPathAllowedCharacter(char32_t c) noexcept {
   if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')) return true;
   switch (c) {
-    case '!': case '$': case '&': case '\'': case '(': case ')': case '*': case '+': case ',':
-    case '-': case '.': case '/': case ':': case '=': case '@': case '_': case '~':
+    case '!':
+    case '$':
+    case '&':
+    case '\'':
+    case '(':
+    case ')':
+    case '*':
+    case '+':
+    case ',':
+    case '-':
+    case '.':
+    case '/':
+    case ':':
+    case '=':
+    case '@':
+    case '_':
+    case '~':
       return true;
     default:
       return false;
@@ -115,8 +141,7 @@ std::vector<std::string> componentsSeparatedByString(std::string_view text, std:
     return pieces;
   }
   std::size_t start = 0;
-  for (std::size_t found; (found = text.find(separator, start)) != std::string_view::npos;
-       start = found + separator.size()) {
+  for (std::size_t found; (found = text.find(separator, start)) != std::string_view::npos; start = found + separator.size()) {
     pieces.emplace_back(text.substr(start, found - start));
   }
   pieces.emplace_back(text.substr(start));

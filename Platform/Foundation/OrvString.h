@@ -16,7 +16,9 @@ bool isWhitespaceOrNewline(char32_t codePoint) noexcept;
 std::string trimWhitespaceAndNewlines(std::string_view text);
 std::optional<std::string> trimWhitespaceAndNewlines(const std::optional<std::string>& text);
 // Exact matches, so that a std::string or a literal does not find both overloads above equally good.
-inline std::string trimWhitespaceAndNewlines(const std::string& text) { return trimWhitespaceAndNewlines(std::string_view(text)); }
+inline std::string trimWhitespaceAndNewlines(const std::string& text) {
+  return trimWhitespaceAndNewlines(std::string_view(text));
+}
 inline std::string trimWhitespaceAndNewlines(const char* text) { return trimWhitespaceAndNewlines(std::string_view(text)); }
 
 // True when some code point of the UTF-8 text is white space or a newline.

@@ -26,9 +26,7 @@ OrvDate OrvDateFromTimeIntervalSince1970(double seconds) {
   return OrvDate(saturatingDuration(seconds));
 }
 
-double OrvTimeIntervalSince1970(OrvDate date) {
-  return std::chrono::duration<double>(date.time_since_epoch()).count();
-}
+double OrvTimeIntervalSince1970(OrvDate date) { return std::chrono::duration<double>(date.time_since_epoch()).count(); }
 
 std::string OrvDateISO8601String(OrvDate date) {
   using namespace std::chrono;
@@ -39,8 +37,8 @@ std::string OrvDateISO8601String(OrvDate date) {
   char buffer[64];
   const long long ms = time.subseconds().count();
   if (ms != 0) {
-    std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02uT%02lld:%02lld:%02lld.%03lldZ", int(ymd.year()),
-                  unsigned(ymd.month()), unsigned(ymd.day()), static_cast<long long>(time.hours().count()),
+    std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02uT%02lld:%02lld:%02lld.%03lldZ", int(ymd.year()), unsigned(ymd.month()),
+                  unsigned(ymd.day()), static_cast<long long>(time.hours().count()),
                   static_cast<long long>(time.minutes().count()), static_cast<long long>(time.seconds().count()), ms);
   } else {
     std::snprintf(buffer, sizeof buffer, "%04d-%02u-%02uT%02lld:%02lld:%02lldZ", int(ymd.year()), unsigned(ymd.month()),

@@ -11,8 +11,7 @@ namespace urls = boost::urls;
 namespace {
 
 // What a path may hold unescaped; ';' is escaped too, so a segment never grows parameters.
-constexpr urls::grammar::lut_chars kPathChars(
-    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789!$&'()*+,-./:=@_~");
+constexpr urls::grammar::lut_chars kPathChars("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789!$&'()*+,-./:=@_~");
 
 // The stored text was accepted by URLWithString, so it parses again; an empty view guards the
 // impossible case rather than asserting.

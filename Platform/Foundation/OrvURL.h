@@ -9,7 +9,7 @@
 #include <string_view>
 
 class OrvURL {
-public:
+ public:
   // Parses an RFC 3986 URI reference; std::nullopt for text the grammar rejects (blanks, bad escapes,
   // a port that does not fit 16 bits) and for the empty string.
   static std::optional<OrvURL> URLWithString(std::string_view string);
@@ -36,7 +36,7 @@ public:
 
   friend bool operator==(const OrvURL& a, const OrvURL& b) noexcept { return a.string_ == b.string_; }
 
-private:
+ private:
   explicit OrvURL(std::string string) : string_(std::move(string)) {}
   std::string string_;
 };

@@ -3,7 +3,7 @@
 #include <string_view>
 
 class OrvFeatureFlagProviderProtocol {
-public:
+ public:
   virtual ~OrvFeatureFlagProviderProtocol() = default;
   virtual bool valueForFeatureFlagWithServiceName(std::string_view serviceName, std::string_view featureFlagName) = 0;
 };

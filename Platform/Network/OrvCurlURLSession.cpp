@@ -100,7 +100,7 @@ struct CurlTransfer {
 };
 
 class CurlSessionCore {
-public:
+ public:
   explicit CurlSessionCore(OrvCurlURLSessionConfiguration configuration) : configuration_(std::move(configuration)) {}
   ~CurlSessionCore() { shutdown(); }
   CurlSessionCore(const CurlSessionCore&) = delete;
@@ -112,7 +112,7 @@ public:
   void submit(std::shared_ptr<CurlDataTask> task);
   void cancel(std::uint64_t taskIdentifier);
 
-private:
+ private:
   struct Command {
     std::shared_ptr<CurlDataTask> startTask;
     std::uint64_t cancelIdentifier = 0;
@@ -140,7 +140,7 @@ private:
 };
 
 class CurlDataTask final : public OrvURLSessionDataTask, public std::enable_shared_from_this<CurlDataTask> {
-public:
+ public:
   CurlDataTask(std::uint64_t identifier, OrvURLRequest request, OrvURLSessionDataTaskCompletionHandler handler,
                std::weak_ptr<CurlSessionCore> core)
       : identifier_(identifier), request_(std::move(request)), handler_(std::move(handler)), core_(std::move(core)) {}
@@ -174,10 +174,9 @@ public:
     try {
       auto handler = std::move(handler_);
       if (handler) {
-        dispatchToWorkerPool([handler = std::move(handler), data = std::move(data), response = std::move(response),
-                              error = std::move(error)]() mutable {
-          handler(std::move(data), std::move(response), std::move(error));
-        });
+        dispatchToWorkerPool(
+            [handler = std::move(handler), data = std::move(data), response = std::move(response),
+             error = std::move(error)]() mutable { handler(std::move(data), std::move(response), std::move(error)); });
       }
     } catch (...) {
       // Only allocation can fail here; there is no thread left to report it on.
@@ -185,7 +184,7 @@ public:
     return true;
   }
 
-private:
+ private:
   const std::uint64_t identifier_;
   const OrvURLRequest request_;
   OrvURLSessionDataTaskCompletionHandler handler_;
@@ -397,9 +396,9 @@ void CurlSessionCore::finishTransfer(CURL* easy, CURLcode result) {
   try {
     if (result != CURLE_OK) {
       if (transfer->overflowed) {
-        transfer->task->complete(std::nullopt, nullptr,
-                                 transportError(CURLE_FILESIZE_EXCEEDED, "response body exceeds " +
-                                                                             std::to_string(transfer->bodyLimit) + " bytes"));
+        transfer->task->complete(
+            std::nullopt, nullptr,
+            transportError(CURLE_FILESIZE_EXCEEDED, "response body exceeds " + std::to_string(transfer->bodyLimit) + " bytes"));
       } else {
         transfer->task->complete(std::nullopt, nullptr, transportError(result, transfer->errorBuffer));
       }
@@ -448,8 +447,7 @@ std::shared_ptr<OrvCurlURLSession> OrvCurlURLSession::create(OrvCurlURLSessionCo
 std::shared_ptr<OrvURLSessionDataTask> OrvCurlURLSession::dataTaskWithRequest(
     const OrvURLRequest& request, OrvURLSessionDataTaskCompletionHandler completionHandler) {
   try {
-    return std::make_shared<orv::detail::CurlDataTask>(core_->nextTaskIdentifier(), request,
-                                                       std::move(completionHandler), core_);
+    return std::make_shared<orv::detail::CurlDataTask>(core_->nextTaskIdentifier(), request, std::move(completionHandler), core_);
   } catch (...) {
     return nullptr;
   }

@@ -37,7 +37,7 @@ class CurlSessionCore;
 }
 
 class OrvCurlURLSession final : public OrvURLSession {
-public:
+ public:
   // nullptr when curl or its I/O thread cannot be set up.
   static std::shared_ptr<OrvCurlURLSession> create(OrvCurlURLSessionConfiguration configuration = {});
 
@@ -51,7 +51,7 @@ public:
 
   const OrvCurlURLSessionConfiguration& configuration() const noexcept { return configuration_; }
 
-private:
+ private:
   OrvCurlURLSession(OrvCurlURLSessionConfiguration configuration, std::shared_ptr<orv::detail::CurlSessionCore> core);
 
   OrvCurlURLSessionConfiguration configuration_;

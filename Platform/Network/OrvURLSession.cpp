@@ -12,10 +12,9 @@ bool fieldNamesEqual(std::string_view a, std::string_view b) noexcept {
   });
 }
 
-std::optional<std::string> firstValue(const std::vector<std::pair<std::string, std::string>>& fields,
-                                      std::string_view field) {
-  const auto it = std::find_if(fields.begin(), fields.end(),
-                               [&](const auto& entry) { return fieldNamesEqual(entry.first, field); });
+std::optional<std::string> firstValue(const std::vector<std::pair<std::string, std::string>>& fields, std::string_view field) {
+  const auto it =
+      std::find_if(fields.begin(), fields.end(), [&](const auto& entry) { return fieldNamesEqual(entry.first, field); });
   if (it == fields.end()) return std::nullopt;
   return it->second;
 }
@@ -24,8 +23,8 @@ std::optional<std::string> firstValue(const std::vector<std::pair<std::string, s
 
 void OrvURLRequest::setValueForHTTPHeaderField(std::optional<std::string> value, std::string_view field) {
   // Setting nothing removes the field, as the platform request does.
-  const auto it = std::find_if(fields_.begin(), fields_.end(),
-                               [&](const auto& entry) { return fieldNamesEqual(entry.first, field); });
+  const auto it =
+      std::find_if(fields_.begin(), fields_.end(), [&](const auto& entry) { return fieldNamesEqual(entry.first, field); });
   if (!value) {
     if (it != fields_.end()) fields_.erase(it);
     return;

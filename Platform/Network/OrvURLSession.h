@@ -25,7 +25,7 @@ inline constexpr const char* OrvURLErrorDomain = "com.varnel.OrvNetwork.URLError
 inline constexpr std::int64_t OrvURLErrorCancelled = -999;
 
 class OrvURLRequest {
-public:
+ public:
   explicit OrvURLRequest(OrvURL url) : url_(std::move(url)) {}
 
   const OrvURL& URL() const noexcept { return url_; }
@@ -41,14 +41,14 @@ public:
   // leaving the other fields already set in place.
   void setHeaders(const OrvHTTPHeaderDictionary& headers);
 
-private:
+ private:
   OrvURL url_;
   std::string method_ = "GET";
   std::vector<std::pair<std::string, std::string>> fields_;
 };
 
 class OrvHTTPURLResponse {
-public:
+ public:
   OrvHTTPURLResponse(std::optional<OrvURL> url, std::int64_t statusCode,
                      std::vector<std::pair<std::string, std::string>> headerFields)
       : url_(std::move(url)), statusCode_(statusCode), headerFields_(std::move(headerFields)) {}
@@ -59,7 +59,7 @@ public:
   // Case-insensitive; the first field of that name.
   std::optional<std::string> valueForHTTPHeaderField(std::string_view field) const;
 
-private:
+ private:
   std::optional<OrvURL> url_;
   std::int64_t statusCode_;
   std::vector<std::pair<std::string, std::string>> headerFields_;
@@ -71,7 +71,7 @@ using OrvURLSessionDataTaskCompletionHandler = std::function<void(
     std::optional<OrvData> data, std::shared_ptr<const OrvHTTPURLResponse> response, std::optional<OrvError> error)>;
 
 class OrvURLSessionDataTask {
-public:
+ public:
   virtual ~OrvURLSessionDataTask() = default;
   virtual void resume() = 0;
   // A task cancelled before it completes completes with an OrvURLErrorCancelled error.
@@ -80,8 +80,8 @@ public:
 };
 
 class OrvURLSession {
-public:
+ public:
   virtual ~OrvURLSession() = default;
-  virtual std::shared_ptr<OrvURLSessionDataTask> dataTaskWithRequest(const OrvURLRequest& request,
-                                                                     OrvURLSessionDataTaskCompletionHandler completionHandler) = 0;
+  virtual std::shared_ptr<OrvURLSessionDataTask> dataTaskWithRequest(
+      const OrvURLRequest& request, OrvURLSessionDataTaskCompletionHandler completionHandler) = 0;
 };

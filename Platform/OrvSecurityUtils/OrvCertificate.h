@@ -12,10 +12,12 @@
 class OrvCertificate;
 using OrvCertificateRef = std::shared_ptr<const OrvCertificate>;
 
-namespace orv::detail { struct CertificateHandle; }
+namespace orv::detail {
+struct CertificateHandle;
+}
 
 class OrvCertificate {
-public:
+ public:
   // PEM text (one CERTIFICATE block; leading and trailing white space allowed) or base64 DER (white
   // space inside allowed). Anything else, or trailing garbage after the certificate, gives nullptr.
   static OrvCertificateRef certificateWithContent(std::string_view content);
@@ -39,7 +41,7 @@ public:
   // For the security library only.
   const orv::detail::CertificateHandle& handle() const noexcept { return *handle_; }
 
-private:
+ private:
   explicit OrvCertificate(std::unique_ptr<orv::detail::CertificateHandle> handle);
   std::unique_ptr<orv::detail::CertificateHandle> handle_;
 };

@@ -3,9 +3,9 @@
 // the discovery service, with the certificate checks that decide whether the signer is acceptable.
 #include <cstdint>
 #include <deque>
-#include <mutex>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>

@@ -10,7 +10,7 @@
 #include "OrvOperationQueue.h"
 
 class OrvAtomicWorkflowService {
-public:
+ public:
   explicit OrvAtomicWorkflowService(std::string operationQueueName);
   virtual ~OrvAtomicWorkflowService();
 
@@ -22,7 +22,7 @@ public:
 
   OrvOperationQueue& operationQueue() noexcept { return *operationQueue_; }
 
-private:
+ private:
   std::unique_ptr<OrvOperationQueue> operationQueue_;
   std::mutex mutex_;
   std::deque<std::shared_ptr<OrvOperation>> pendingWorkflows_;

@@ -59,8 +59,7 @@ std::optional<OrvDate> jsonDateFromEpochValueForKey(const boost::json::object* o
   return OrvDateFromTimeIntervalSince1970(*seconds);
 }
 
-std::optional<OrvDate> jsonDateFromEpochMillisecondsValueForKey(const boost::json::object* object,
-                                                                std::string_view key) {
+std::optional<OrvDate> jsonDateFromEpochMillisecondsValueForKey(const boost::json::object* object, std::string_view key) {
   const auto milliseconds = finiteNumberForKey(object, key);
   if (!milliseconds) return std::nullopt;
   return OrvDateFromTimeIntervalSince1970(*milliseconds / 1000.0);

@@ -1,9 +1,9 @@
 #include "OrvSDKStringUtils.h"
 
+#include <locale.h>
 #include <array>
 #include <clocale>
 #include <cwctype>
-#include <locale.h>
 
 #include "OrvString.h"
 

@@ -8,8 +8,7 @@
 std::optional<std::string> OrvBase64URLEncodedStringFromString(const std::optional<std::string>& string);
 // Equal under simple Unicode case folding of each code point (towlower in the C.UTF-8 locale);
 // false when either side is missing or is not valid UTF-8 and differs byte-wise.
-bool OrvIsCaseInsensitiveEqualToString(const std::optional<std::string>& receiver,
-                                       const std::optional<std::string>& other);
+bool OrvIsCaseInsensitiveEqualToString(const std::optional<std::string>& receiver, const std::optional<std::string>& other);
 
 // Strict base64url decoding: alphabet A-Z a-z 0-9 - _ only, no "=" padding, no white space, and the
 // unused low bits of the last character must be zero (one text per byte string). Nothing otherwise.

@@ -17,8 +17,8 @@ std::shared_ptr<OrvSdkLoggerDelegate> OrvSdkLogger::delegate() const {
   return delegate_;
 }
 
-void OrvSdkLogger::logWithModule(std::string_view module, std::int64_t logLevel, const char* fileName,
-                                 const char* functionName, std::int64_t lineNumber, std::string_view formatString,
+void OrvSdkLogger::logWithModule(std::string_view module, std::int64_t logLevel, const char* fileName, const char* functionName,
+                                 std::int64_t lineNumber, std::string_view formatString,
                                  std::initializer_list<std::string_view> arguments) {
   // The delegate is called outside the lock: it may log again or replace itself.
   const auto target = delegate();
@@ -26,8 +26,7 @@ void OrvSdkLogger::logWithModule(std::string_view module, std::int64_t logLevel,
   const std::vector<std::string> described(arguments.begin(), arguments.end());
   const std::string message = orv::detail::formatPlatformString(formatString, described);
   try {
-    target->logWithModule(module, logLevel, fileName ? fileName : "", functionName ? functionName : "", lineNumber,
-                          message);
+    target->logWithModule(module, logLevel, fileName ? fileName : "", functionName ? functionName : "", lineNumber, message);
   } catch (...) {
     // A failing log sink must not break the step that logged.
   }

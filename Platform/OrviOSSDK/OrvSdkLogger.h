@@ -13,7 +13,7 @@ inline constexpr std::int64_t OrvSdkLogLevelError = 2;
 inline constexpr std::int64_t OrvSdkLogLevelInfo = 4;
 
 class OrvSdkLoggerDelegate {
-public:
+ public:
   virtual ~OrvSdkLoggerDelegate() = default;
   // May be called from any thread, also concurrently.
   virtual void logWithModule(std::string_view module, std::int64_t logLevel, std::string_view fileName,
@@ -21,7 +21,7 @@ public:
 };
 
 class OrvSdkLogger {
-public:
+ public:
   explicit OrvSdkLogger(std::shared_ptr<OrvSdkLoggerDelegate> delegate);  // may be nullptr
   static std::shared_ptr<OrvSdkLogger> initWithLoggerDelegate(std::shared_ptr<OrvSdkLoggerDelegate> delegate) {
     return std::make_shared<OrvSdkLogger>(std::move(delegate));
@@ -32,10 +32,9 @@ public:
 
   // Fills formatString (platform syntax) with the arguments and passes the result to the delegate.
   void logWithModule(std::string_view module, std::int64_t logLevel, const char* fileName, const char* functionName,
-                     std::int64_t lineNumber, std::string_view formatString,
-                     std::initializer_list<std::string_view> arguments);
+                     std::int64_t lineNumber, std::string_view formatString, std::initializer_list<std::string_view> arguments);
 
-private:
+ private:
   mutable std::mutex mutex_;
   std::shared_ptr<OrvSdkLoggerDelegate> delegate_;
 };

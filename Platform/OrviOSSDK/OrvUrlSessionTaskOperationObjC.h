@@ -10,7 +10,7 @@
 #include "OrvURLSession.h"
 
 class OrvUrlSessionTaskOperationObjC : public OrvOperation {
-public:
+ public:
   explicit OrvUrlSessionTaskOperationObjC(std::shared_ptr<OrvURLSession> urlSession);
 
   bool isAsynchronous() const override { return true; }
@@ -25,12 +25,12 @@ public:
 
   using OrvOperation::moveToExecutingState;
 
-protected:
+ protected:
   // Marks the operation finished, which releases it from its queue and runs its completion block.
   void coreCompleteOperation() { moveToFinishedState(); }
   void didCancel() override;
 
-private:
+ private:
   std::shared_ptr<OrvURLSession> urlSession_;
   mutable std::mutex mutex_;
   std::shared_ptr<OrvURLSessionDataTask> task_;

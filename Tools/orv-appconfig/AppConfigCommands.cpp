@@ -4,12 +4,12 @@
 
 #include <boost/json.hpp>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <map>
-#include <sstream>
-#include <filesystem>
 #include <mutex>
 #include <random>
+#include <sstream>
 
 #include "OrvAppConfigAutoDiscoverRecord.h"
 #include "OrvAppConfigDiscoveryHosts.h"
@@ -27,10 +27,10 @@ namespace {
 // Streams log lines to stderr when asked, and remembers the last failure so that a result without an
 // error value can still say why.
 class CommandLogger : public OrvSdkLoggerDelegate {
-public:
+ public:
   explicit CommandLogger(bool verbose) : verbose_(verbose) {}
-  void logWithModule(std::string_view module, std::int64_t logLevel, std::string_view, std::string_view,
-                     std::int64_t, std::string_view message) override {
+  void logWithModule(std::string_view module, std::int64_t logLevel, std::string_view, std::string_view, std::int64_t,
+                     std::string_view message) override {
     std::lock_guard lock(mutex_);
     if (verbose_) {
       fmt::print(stderr, "[{}] {} {}\n", module, logLevel == OrvSdkLogLevelError ? "error" : "info ", message);
@@ -42,7 +42,7 @@ public:
     return lastFailure_;
   }
 
-private:
+ private:
   bool verbose_;
   mutable std::mutex mutex_;
   std::optional<std::string> lastFailure_;
@@ -83,7 +83,8 @@ boost::json::value recordJSON(const OrvAppConfigAutoDiscoverRecord& record) {
 
 boost::json::value errorJSON(const std::optional<OrvError>& error) {
   if (!error) return nullptr;
-  return boost::json::object{{"domain", error->domain()}, {"code", error->code()}, {"description", error->localizedDescription()}};
+  return boost::json::object{
+      {"domain", error->domain()}, {"code", error->code()}, {"description", error->localizedDescription()}};
 }
 
 void printRecord(const OrvAppConfigAutoDiscoverRecord& record) {
@@ -131,7 +132,7 @@ std::optional<Connection> connect(const ConnectionOptions& options) {
     securityConfiguration.trustAnchors.insert(securityConfiguration.trustAnchors.end(), anchors->begin(), anchors->end());
   }
   connection.service = OrvAppConfigService::initWithURLSession(session, std::make_shared<OrvHttpHeaderProviderService>(),
-                                                              OrvSecurityUtilsService::create(securityConfiguration), nullptr);
+                                                               OrvSecurityUtilsService::create(securityConfiguration), nullptr);
   if (!connection.service) return std::nullopt;
   return connection;
 }
@@ -201,7 +202,8 @@ SettingsOutcome retrieveSettings(OrvAppConfigService& service, const OrvAppConfi
 }
 
 // Sorted by store URL, so that output and archives do not depend on hash order.
-std::map<std::string, std::shared_ptr<OrvAppConfigSettingsRecord>> sortedSettings(const OrvAppConfigStoreSettingsDictionary& settings) {
+std::map<std::string, std::shared_ptr<OrvAppConfigSettingsRecord>> sortedSettings(
+    const OrvAppConfigStoreSettingsDictionary& settings) {
   std::map<std::string, std::shared_ptr<OrvAppConfigSettingsRecord>> sorted;
   for (const auto& [url, record] : settings) sorted.emplace(url.absoluteString(), record);
   return sorted;

@@ -18,9 +18,11 @@ void addConnectionOptions(CLI::App* command, orv::cli::ConnectionOptions& option
   command->add_option("--host-type", hostType, "Host type: 0 production, any other value staging")->excludes(stagingFlag);
   command->add_option("--production-host", options.productionHost, "Production discovery host, HOST[:PORT]");
   command->add_option("--staging-host", options.stagingHost, "Staging discovery host, HOST[:PORT]");
-  command->add_option("--ca-file", options.caFile, "PEM bundle of the certificate authorities to trust for TLS")->check(CLI::ExistingFile);
-  command->add_option("--trust-anchor", options.trustAnchorFiles,
-                      "PEM root certificate the signing certificate must chain to (repeatable)")
+  command->add_option("--ca-file", options.caFile, "PEM bundle of the certificate authorities to trust for TLS")
+      ->check(CLI::ExistingFile);
+  command
+      ->add_option("--trust-anchor", options.trustAnchorFiles,
+                   "PEM root certificate the signing certificate must chain to (repeatable)")
       ->check(CLI::ExistingFile);
   command->add_flag("--json", options.json, "Print the result as one JSON object");
   command->add_flag("--verbose", options.verbose, "Stream the library's log lines to stderr");

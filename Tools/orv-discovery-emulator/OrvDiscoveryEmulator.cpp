@@ -2,6 +2,7 @@
 // compile, and nothing outside needs them.
 #include "OrvDiscoveryEmulator.h"
 
+#include <fmt/format.h>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
 #include <boost/asio/io_context.hpp>
@@ -14,7 +15,6 @@
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/beast/ssl.hpp>
-#include <fmt/format.h>
 
 #include <atomic>
 #include <filesystem>
@@ -51,7 +51,7 @@ bool isMalformedRequest(const beast::error_code& ec) {
 }  // namespace
 
 class EmulatorServer {
-public:
+ public:
   EmulatorServer(std::unique_ptr<Responder> responder, const EmulatorOptions& options)
       : responder_(std::move(responder)),
         idleTimeout_(options.idleTimeout),
@@ -104,7 +104,7 @@ public:
   const tcp::endpoint& endpoint() const noexcept { return bound_; }
   Responder& responder() noexcept { return *responder_; }
 
-private:
+ private:
   asio::awaitable<void> acceptLoop() {
     for (;;) {
       beast::error_code ec;
@@ -199,8 +199,7 @@ private:
         wire << response;
         const std::string text = wire.str();
         const std::size_t cut = text.size() - (response.body().size() - response.body().size() / 2);
-        co_await asio::async_write(stream, asio::buffer(text.data(), cut),
-                                   asio::redirect_error(asio::use_awaitable, ec));
+        co_await asio::async_write(stream, asio::buffer(text.data(), cut), asio::redirect_error(asio::use_awaitable, ec));
         beast::get_lowest_layer(stream).socket().shutdown(tcp::socket::shutdown_both, ec);
         beast::get_lowest_layer(stream).close();
         co_return;
@@ -286,9 +285,7 @@ std::string DiscoveryEmulator::baseURL() const { return "https://" + hostAndPort
 
 std::string DiscoveryEmulator::tlsCAFile() const { return server_->responder().material().tlsCAFile; }
 
-std::string DiscoveryEmulator::signingCertificatePEM() const {
-  return server_->responder().material().signingCertificatePEM;
-}
+std::string DiscoveryEmulator::signingCertificatePEM() const { return server_->responder().material().signingCertificatePEM; }
 
 bool DiscoveryEmulator::setFault(const std::string& path, FaultSpec fault) {
   return server_->responder().setFault(path, std::move(fault));

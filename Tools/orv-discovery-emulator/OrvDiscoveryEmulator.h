@@ -92,7 +92,7 @@ class EmulatorServer;
 }
 
 class DiscoveryEmulator {
-public:
+ public:
   using Options = EmulatorOptions;
 
   // A running server, or nullptr with the reason in error.
@@ -121,7 +121,7 @@ public:
   std::vector<RecordedRequest> requests() const;
   void clearRequests();
 
-private:
+ private:
   explicit DiscoveryEmulator(std::unique_ptr<detail::EmulatorServer> server);
   std::unique_ptr<detail::EmulatorServer> server_;
 };

@@ -15,11 +15,13 @@ namespace orv::emulator {
 
 enum class KeyKind { rsa2048, rsa3072, ecP256, ecP384, ecP521, ed25519 };
 
-namespace detail { struct KeyHandle; }
+namespace detail {
+struct KeyHandle;
+}
 
 // Owns one private key (an EVP_PKEY). Move-only.
 class PrivateKey {
-public:
+ public:
   static std::optional<PrivateKey> generate(KeyKind kind);
   static std::optional<PrivateKey> fromPEM(std::string_view pem);
   PrivateKey(PrivateKey&&) noexcept;
@@ -29,7 +31,7 @@ public:
   std::string privateKeyPEM() const;
   const detail::KeyHandle& handle() const noexcept { return *handle_; }
 
-private:
+ private:
   explicit PrivateKey(std::unique_ptr<detail::KeyHandle> handle);
   std::unique_ptr<detail::KeyHandle> handle_;
 };

@@ -239,8 +239,7 @@ bool generateMaterial(const std::string& dir, std::string* error) {
 std::optional<std::string> RecordedRequest::header(std::string_view name) const {
   const auto lower = [](unsigned char c) { return (c >= 'A' && c <= 'Z') ? char(c - 'A' + 'a') : char(c); };
   for (const auto& [field, value] : headers) {
-    if (std::equal(field.begin(), field.end(), name.begin(), name.end(),
-                   [&](char a, char b) { return lower(a) == lower(b); })) {
+    if (std::equal(field.begin(), field.end(), name.begin(), name.end(), [&](char a, char b) { return lower(a) == lower(b); })) {
       return value;
     }
   }
@@ -257,17 +256,17 @@ bool addFaultArgument(std::map<std::string, FaultSpec>& faults, std::string_view
   std::size_t split = std::string_view::npos;
   for (std::size_t at = argument.find(':'); at != std::string_view::npos; at = argument.find(':', at + 1)) {
     const auto rest = argument.substr(at + 1);
-    if (std::any_of(std::begin(knobs), std::end(knobs), [&](std::string_view knob) {
-          return knob.back() == '=' ? rest.starts_with(knob) : rest == knob;
-        })) {
+    if (std::any_of(std::begin(knobs), std::end(knobs),
+                    [&](std::string_view knob) { return knob.back() == '=' ? rest.starts_with(knob) : rest == knob; })) {
       split = at;
       break;
     }
   }
   if (split == std::string_view::npos || split == 0 || argument.front() != '/') {
-    return fail(fmt::format("fault \"{}\" is not PATH:KNOB (status=CODE, delay=MS, drop, nosig, badsig, body=TEXT, "
-                            "body=@FILE)",
-                            argument));
+    return fail(
+        fmt::format("fault \"{}\" is not PATH:KNOB (status=CODE, delay=MS, drop, nosig, badsig, body=TEXT, "
+                    "body=@FILE)",
+                    argument));
   }
   const std::string path(argument.substr(0, split));
   const std::string_view knob = argument.substr(split + 1);

@@ -1,8 +1,8 @@
 #include "OrvEmulatorResponder.h"
 
+#include <fmt/format.h>
 #include <boost/json.hpp>
 #include <boost/url/pct_string_view.hpp>
-#include <fmt/format.h>
 
 #include <algorithm>
 #include <fstream>
@@ -234,8 +234,8 @@ std::optional<EmulatorMaterial> loadMaterial(const std::string& dir, const std::
     if (error) *error = "the signing certificate is not a certificate in PEM";
     return std::nullopt;
   }
-  return EmulatorMaterial{algorithm,        std::move(*key), std::move(*signingPEM), std::move(*tlsPEM),
-                          std::move(*tlsKeyPEM), dir + "/" + kTLSCAFile};
+  return EmulatorMaterial{algorithm,          std::move(*key),       std::move(*signingPEM),
+                          std::move(*tlsPEM), std::move(*tlsKeyPEM), dir + "/" + kTLSCAFile};
 }
 
 Responder::Responder(EmulatorMaterial material, std::shared_ptr<const Catalog> catalog)
@@ -352,8 +352,7 @@ HttpAnswer Responder::answer(std::string_view method, std::string_view target, O
         if (store != catalog->stores.end()) {
           if (!route.channel) {
             platforms = &store->second.platforms;
-          } else if (const auto channel = store->second.channels.find(*route.channel);
-                     channel != store->second.channels.end()) {
+          } else if (const auto channel = store->second.channels.find(*route.channel); channel != store->second.channels.end()) {
             platforms = &channel->second;
           }
         }

@@ -40,7 +40,7 @@ struct HttpAnswer {
 struct Catalog;
 
 class Responder {
-public:
+ public:
   static std::unique_ptr<Responder> create(EmulatorMaterial material, std::string_view catalogJSON, std::string* error);
   ~Responder();
   Responder(const Responder&) = delete;
@@ -58,7 +58,7 @@ public:
 
   const EmulatorMaterial& material() const noexcept { return material_; }
 
-private:
+ private:
   Responder(EmulatorMaterial material, std::shared_ptr<const Catalog> catalog);
   std::string sign(std::string_view body, bool corrupt) const;
 

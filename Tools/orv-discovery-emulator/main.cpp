@@ -1,12 +1,12 @@
 // orv-discovery-emulator: generate signing and TLS material, or serve a catalog over HTTPS until
 // SIGINT or SIGTERM.
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
+#include <CLI/CLI.hpp>
 
+#include <pthread.h>
 #include <csignal>
 #include <cstdio>
 #include <map>
-#include <pthread.h>
 
 #include "OrvDiscoveryEmulator.h"
 
@@ -33,8 +33,9 @@ bool splitListen(const std::string& text, std::string& address, std::uint16_t& p
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app{"Local discovery service emulator: answers the auto-discover, settings and public-key endpoints "
-               "over HTTPS from a JSON catalog and signs its answers."};
+  CLI::App app{
+      "Local discovery service emulator: answers the auto-discover, settings and public-key endpoints "
+      "over HTTPS from a JSON catalog and signs its answers."};
   std::string generateDir;
   std::string materialDir;
   std::string catalogFile;
@@ -42,19 +43,13 @@ int main(int argc, char** argv) {
   std::string algorithm = "RS256";
   std::vector<std::string> faultArguments;
 
-  auto* generate = app.add_option("--generate", generateDir, "Write fresh keys, certificates and a demo catalog to DIR")
-                       ->type_name("DIR");
+  auto* generate =
+      app.add_option("--generate", generateDir, "Write fresh keys, certificates and a demo catalog to DIR")->type_name("DIR");
   auto* material = app.add_option("--material", materialDir, "Serve with the material in DIR")->type_name("DIR");
   generate->excludes(material);
-  app.add_option("--catalog", catalogFile, "Catalog JSON file (default: DIR/catalog.json)")
-      ->type_name("FILE")
-      ->needs(material);
-  app.add_option("--listen", listen, "ADDR:PORT to listen on; port 0 picks a free one")
-      ->type_name("ADDR:PORT")
-      ->needs(material);
-  app.add_option("--algorithm", algorithm, "Signature algorithm")
-      ->check(CLI::IsMember({"RS256", "ES256"}))
-      ->needs(material);
+  app.add_option("--catalog", catalogFile, "Catalog JSON file (default: DIR/catalog.json)")->type_name("FILE")->needs(material);
+  app.add_option("--listen", listen, "ADDR:PORT to listen on; port 0 picks a free one")->type_name("ADDR:PORT")->needs(material);
+  app.add_option("--algorithm", algorithm, "Signature algorithm")->check(CLI::IsMember({"RS256", "ES256"}))->needs(material);
   app.add_option("--fault", faultArguments,
                  "PATH:KNOB, repeatable; knobs: status=CODE, delay=MS, drop, nosig, badsig, body=TEXT, body=@FILE")
       ->type_name("PATH:KNOB")

@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
 #include "OrvAppConfigAutoDiscoverRecord.h"
-#include "OrvAppConfigServiceConstants.h"
 #include "OrvAppConfigService.h"
+#include "OrvAppConfigServiceConstants.h"
 
 namespace {
 std::shared_ptr<OrvAppConfigAutoDiscoverRecord> parse(const char* body, std::optional<OrvError>* error = nullptr) {

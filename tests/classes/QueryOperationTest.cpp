@@ -33,7 +33,7 @@ void runToCompletion(const std::shared_ptr<OrvOperation>& operation, bool cancel
 }
 
 std::shared_ptr<OrvAppConfigAutoDiscoverOperation> autoDiscover(std::shared_ptr<FakeURLSession> session,
-                                                                 std::optional<std::string> input = "user@example.com") {
+                                                                std::optional<std::string> input = "user@example.com") {
   auto headers = std::make_shared<orv::test::StaticHeaderProvider>();
   headers->monitoring = {{"X-Monitor", "m"}, {"X-Shared", "from-monitoring"}};
   headers->transaction = {{"X-Transaction-Id", "t-1"}, {"X-Shared", "from-transaction"}};
@@ -54,7 +54,10 @@ TEST(OrvAppConfigQueryOperationTest, AnswerTable) {
   auto log = orv::test::LogCollector::install();
   const OrvError transport(OrvURLErrorDomain, 7, {{OrvLocalizedDescriptionKey, "Couldn't connect to server"}});
   const std::vector<StatusCase> cases = {
-      {{OrvData(kRecordBody), 200, {{"varnel-signature", "h.s"}}}, 0, false, "Saving Varnel-Signature header and response data for later validation"},
+      {{OrvData(kRecordBody), 200, {{"varnel-signature", "h.s"}}},
+       0,
+       false,
+       "Saving Varnel-Signature header and response data for later validation"},
       {{OrvData(kRecordBody), 204, {}}, 2, false, "URL request for AutoDiscover failed with status code: 204"},
       {{std::nullopt, 200, {}}, 2, false, "URL request for AutoDiscover failed with status code: 200"},
       {{OrvData("oops"), 500, {}}, 2, false, "URL request for AutoDiscover failed with status code: 500"},
@@ -104,7 +107,9 @@ TEST(OrvAppConfigQueryOperationTest, GoodAnswerCapturesSignatureAndSendsProvider
   // applied last, wins.
   EXPECT_EQ(request.valueForHTTPHeaderField("X-Shared"), "from-transaction");
 
-  auto unsigned_ = std::make_shared<FakeURLSession>([](const OrvURLRequest&) { return FakeResponse{OrvData(kRecordBody), 200, {}}; });
+  auto unsigned_ = std::make_shared<FakeURLSession>([](const OrvURLRequest&) {
+    return FakeResponse{OrvData(kRecordBody), 200, {}};
+  });
   auto noSignature = autoDiscover(unsigned_);
   runToCompletion(noSignature);
   EXPECT_EQ(noSignature->completionStatus(), 0u);
@@ -130,13 +135,14 @@ TEST(OrvAppConfigQueryOperationTest, CancelledBeforeStartAndNoURLMakeNoRequest) 
   EXPECT_EQ(empty->completionError(), std::nullopt);
   EXPECT_TRUE(log->contains("Unable to build URL for AutoDiscover"));
   EXPECT_EQ(session->requestCount(), 0u);
-  EXPECT_EQ(OrvAppConfigQueryOperation::descriptionForCompletionStatus(9), "Unknown OrvAppConfigQueryOperationCompletionStatus of 9");
+  EXPECT_EQ(OrvAppConfigQueryOperation::descriptionForCompletionStatus(9),
+            "Unknown OrvAppConfigQueryOperationCompletionStatus of 9");
 }
 
 namespace {
 
 class CertificateFactory : public OrvSecurityServiceProtocol {
-public:
+ public:
   OrvCertificateRef certificate;
   std::vector<std::string> contents;
   OrvCertificateRef createCertificateFromCertificateContent(std::string_view content) override {
@@ -156,8 +162,9 @@ TEST(OrvAppConfigGetSigningCertificateOperationTest, HostTypesAndAnswers) {
   auto log = orv::test::LogCollector::install();
   auto factory = std::make_shared<CertificateFactory>();
   const auto make = [&](std::uint64_t hostType, const char* body) {
-    auto session = std::make_shared<FakeURLSession>(
-        [body](const OrvURLRequest&) { return FakeResponse{OrvData(body), 200, {{"Varnel-Signature", "a.b"}}}; });
+    auto session = std::make_shared<FakeURLSession>([body](const OrvURLRequest&) {
+      return FakeResponse{OrvData(body), 200, {{"Varnel-Signature", "a.b"}}};
+    });
     return OrvAppConfigGetSigningCertificateOperation::initWithSecurityService(factory, session, hostType, nullptr);
   };
   EXPECT_EQ(make(1, "")->appConfigRequestURL()->absoluteString(), "https://stage.example.net/ads/root/publickey");

@@ -20,7 +20,8 @@ std::shared_ptr<OrvAppConfigService> makeService(std::shared_ptr<OrvURLSession> 
   return OrvAppConfigService::initWithURLSession(session, std::make_shared<orv::test::StaticHeaderProvider>(), nullptr, flags);
 }
 
-using AutoCapture = Capture<OrvAppConfigServiceCompletionStatus, std::shared_ptr<OrvAppConfigAutoDiscoverRecord>, std::optional<OrvError>>;
+using AutoCapture =
+    Capture<OrvAppConfigServiceCompletionStatus, std::shared_ptr<OrvAppConfigAutoDiscoverRecord>, std::optional<OrvError>>;
 using SettingsCapture =
     Capture<OrvAppConfigServiceCompletionStatus, std::optional<OrvAppConfigStoreSettingsDictionary>, std::optional<OrvError>>;
 
@@ -58,8 +59,8 @@ TEST(OrvAppConfigServiceTest, RefusedAutoDiscoveryIsDeliveredLaterOnTheMainQueue
   auto log = orv::test::LogCollector::install();
   auto session = std::make_shared<FakeURLSession>([](const OrvURLRequest&) { return FakeResponse{}; });
   auto service = makeService(session);
-  for (const std::optional<std::string>& input : {std::optional<std::string>{}, std::optional<std::string>(""),
-                                                  std::optional<std::string>(" \t\n\u2028")}) {
+  for (const std::optional<std::string>& input :
+       {std::optional<std::string>{}, std::optional<std::string>(""), std::optional<std::string>(" \t\n\u2028")}) {
     AutoCapture capture;
     service->asyncStartAutodiscoveryForUserInput(input, 0, capture.block());
     EXPECT_EQ(capture.calls, 0) << "never synchronous";
@@ -88,7 +89,8 @@ TEST(OrvAppConfigServiceTest, RefusedSettingsRetrievalIsDeliveredLaterOnTheMainQ
   EXPECT_TRUE(empty.onMainQueue);
   EXPECT_EQ(std::get<0>(empty.values), OrvAppConfigServiceCompletionStatusInvalidParameters);
   EXPECT_EQ(std::get<1>(empty.values), std::nullopt);
-  EXPECT_TRUE(log->contains("Store URL count = 0 (expected non-zero) or invalid channel name (null) or nil completionBlock provided"));
+  EXPECT_TRUE(
+      log->contains("Store URL count = 0 (expected non-zero) or invalid channel name (null) or nil completionBlock provided"));
 
   for (const char* channel : {"be ta", "beta%20", "beta?", "b#", "b;", "b\u00e9"}) {
     SettingsCapture capture;
@@ -96,7 +98,8 @@ TEST(OrvAppConfigServiceTest, RefusedSettingsRetrievalIsDeliveredLaterOnTheMainQ
     ASSERT_TRUE(capture.wait());
     EXPECT_EQ(std::get<0>(capture.values), OrvAppConfigServiceCompletionStatusInvalidParameters) << channel;
   }
-  EXPECT_TRUE(log->contains("Store URL count = 1 (expected non-zero) or invalid channel name be ta or nil completionBlock provided"));
+  EXPECT_TRUE(
+      log->contains("Store URL count = 1 (expected non-zero) or invalid channel name be ta or nil completionBlock provided"));
   EXPECT_EQ(session->requestCount(), 0u);
 }
 
@@ -156,7 +159,9 @@ TEST(MockOrvAppConfigServiceTest, PassesArgumentsThroughUntouched) {
     seenHost = host;
     seenPlatform = platform;
   };
-  mock.asyncStartSettingsRetrievalForStoreUrlsBlockWithChannelName = [&](auto, auto, auto, auto channel, auto) { seenChannel = channel; };
+  mock.asyncStartSettingsRetrievalForStoreUrlsBlockWithChannelName = [&](auto, auto, auto, auto channel, auto) {
+    seenChannel = channel;
+  };
 
   int called = 0;
   OrvAppConfigServiceProtocol& service = mock;

@@ -12,7 +12,7 @@ using namespace OrvAppConfigServiceUtils;
 namespace {
 
 class HostsFixture : public ::testing::Test {
-protected:
+ protected:
   void SetUp() override {
     OrvAppConfigDiscoveryHosts::setProductionHost("prod.example.net");
     OrvAppConfigDiscoveryHosts::setStagingHost("stage.example.net:8443");
@@ -132,6 +132,7 @@ TEST_F(HostsFixture, SettingsQueryURLs) {
   EXPECT_EQ(G::generateSettingsQueryURLForStoreURL(store, 0, 2, std::nullopt), std::nullopt);
   EXPECT_EQ(G::generateSettingsQueryURLForStoreURL(store, 0, 0, ""), std::nullopt);
   EXPECT_EQ(G::generateSettingsQueryURLForStoreURL(store, 0, 0, "be ta"), std::nullopt);
-  EXPECT_EQ(urlString(G::generateSettingsQueryURLForStoreURL(OrvURL::URLWithString("store.example.com/Store"), 0, 0, std::nullopt)),
-            "https://prod.example.net/ads/root/url/" + encoded + "/product/kaleth/os/ios");
+  EXPECT_EQ(
+      urlString(G::generateSettingsQueryURLForStoreURL(OrvURL::URLWithString("store.example.com/Store"), 0, 0, std::nullopt)),
+      "https://prod.example.net/ads/root/url/" + encoded + "/product/kaleth/os/ios");
 }

@@ -2,8 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <boost/json.hpp>
 #include <sys/wait.h>
+#include <boost/json.hpp>
 
 #include "EmulatorHarness.h"
 #include "TestSupport.h"
@@ -20,7 +20,7 @@ struct ToolRun {
 };
 
 class AppConfigToolTest : public ::testing::Test {
-protected:
+ protected:
   static constexpr const char* kCatalog = R"({
     "domains": {
       "example.com": {"domain": {"name": "example.com"}, "kaleth": {"serviceUrls": [{"url": "https://store.example.com/Store"}]}},
@@ -46,8 +46,8 @@ protected:
   ToolRun run(const std::string& arguments, bool connect = true) {
     std::string command = std::string(ORV_APPCONFIG_BINARY) + " " + arguments;
     if (connect) {
-      command += " --production-host " + harness.emulator().hostAndPort() + " --staging-host " + harness.emulator().hostAndPort() +
-                 " --ca-file " + harness.emulator().tlsCAFile() + " --trust-anchor " +
+      command += " --production-host " + harness.emulator().hostAndPort() + " --staging-host " +
+                 harness.emulator().hostAndPort() + " --ca-file " + harness.emulator().tlsCAFile() + " --trust-anchor " +
                  harness.material().file(orv::emulator::kSigningCAFile);
     }
     const std::string out = scratch.file("out"), err = scratch.file("err");
@@ -91,9 +91,10 @@ TEST_F(AppConfigToolTest, DiscoverPrintsTheRecordAndExitsWithTheStatus) {
   // Trusting another root: the genuine answer no longer chains to a trusted certificate.
   TemporaryDirectory other;
   ASSERT_TRUE(orv::emulator::generateMaterial(other.path().string()));
-  const auto untrusted = run("discover user@example.com --json --production-host " + harness.emulator().hostAndPort() +
-                                 " --ca-file " + harness.emulator().tlsCAFile() + " --trust-anchor " + other.file("signing-ca.pem"),
-                             /*connect=*/false);
+  const auto untrusted =
+      run("discover user@example.com --json --production-host " + harness.emulator().hostAndPort() + " --ca-file " +
+              harness.emulator().tlsCAFile() + " --trust-anchor " + other.file("signing-ca.pem"),
+          /*connect=*/false);
   EXPECT_EQ(untrusted.exitCode, 2);
   EXPECT_EQ(untrusted.json().at("error").at("code"), 13);
 

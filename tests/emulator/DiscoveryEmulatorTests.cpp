@@ -103,8 +103,8 @@ TEST(DiscoveryEmulatorMaterial, GeneratesCertificatesWithTheRequiredNames) {
   ASSERT_TRUE(tlsCA && tlsServer);
   EXPECT_EQ(tlsServer->issuerCommonName(), tlsCA->subjectCommonName());
   EXPECT_NE(tlsCA->subjectCommonName(), signingCA->subjectCommonName());
-  for (const char* key : {"/signing-key.pem", "/signing-ec-key.pem", "/tls-server-key.pem", "/signing-ca-key.pem",
-                          "/tls-ca-key.pem"}) {
+  for (const char* key :
+       {"/signing-key.pem", "/signing-ec-key.pem", "/tls-server-key.pem", "/signing-ca-key.pem", "/tls-ca-key.pem"}) {
     EXPECT_NE(readFile(dir + key).find("PRIVATE KEY"), std::string::npos) << key;
   }
 
@@ -143,8 +143,7 @@ TEST(DiscoveryEmulatorEndpoints, ServesSignedAnswersForTheCatalog) {
   ASSERT_EQ(domain->status(), 200);
   auto answer = bodyObject(*domain);
   EXPECT_EQ(answer["domain"].as_object()["name"].as_string(), "example.com");
-  const auto now = std::chrono::duration_cast<std::chrono::seconds>(
-                       std::chrono::system_clock::now().time_since_epoch()).count();
+  const auto now = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch()).count();
   ASSERT_TRUE(answer["iat"].is_int64() && answer["exp"].is_int64());
   EXPECT_LE(answer["iat"].as_int64(), now);
   EXPECT_GT(answer["exp"].as_int64(), now);
@@ -182,9 +181,8 @@ TEST(DiscoveryEmulatorEndpoints, ServesSignedAnswersForTheCatalog) {
   EXPECT_EQ(fetch(*session, head)->status(), 405);
 
   const auto log = emulator->requests();
-  const auto recorded = std::find_if(log.begin(), log.end(), [](const auto& r) {
-    return r.target == "/ads/root/domain/Example%2ECOM/";
-  });
+  const auto recorded =
+      std::find_if(log.begin(), log.end(), [](const auto& r) { return r.target == "/ads/root/domain/Example%2ECOM/"; });
   ASSERT_NE(recorded, log.end());
   EXPECT_EQ(recorded->method, "GET");
   EXPECT_EQ(recorded->header("x-transaction-id"), "txn-42");

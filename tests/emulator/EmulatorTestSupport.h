@@ -19,13 +19,13 @@
 namespace orv::test {
 
 class GeneratedMaterial {
-public:
+ public:
   static const std::string& dir() {
     static GeneratedMaterial material;
     return material.dir_;
   }
 
-private:
+ private:
   GeneratedMaterial() {
     std::string pattern = (std::filesystem::temp_directory_path() / "orv-emulator-test-XXXXXX").string();
     if (mkdtemp(pattern.data())) dir_ = pattern;

@@ -13,7 +13,7 @@ using orv::test::Signal;
 namespace {
 
 class Recorder {
-public:
+ public:
   std::shared_ptr<OrvOperation> step(int id, std::function<void()> then = {}) {
     return OrvBlockOperation::blockOperationWithBlock([this, id, then = std::move(then)] {
       {
@@ -30,7 +30,7 @@ public:
   }
   Signal ran;
 
-private:
+ private:
   std::mutex mutex_;
   std::vector<int> order_;
 };
@@ -59,9 +59,8 @@ TEST(OrvAtomicWorkflowServiceTest, ActiveWorkflowOperationsNeverWaitForTheNextWo
   Recorder recorder;
   Signal inner;
   service.startAtomicWorkflowWithOperation(recorder.step(1, [&] {
-    service.operationQueue().addOperationWithBlock([&] {
-      service.operationQueue().addOperationWithBlock([&] { inner.notify(); });
-    });
+    service.operationQueue().addOperationWithBlock(
+        [&] { service.operationQueue().addOperationWithBlock([&] { inner.notify(); }); });
   }));
   service.startAtomicWorkflowWithOperation(recorder.step(2));
   ASSERT_TRUE(inner.waitFor(1));

@@ -10,7 +10,7 @@ namespace orv::test {
 // A latch-like flag/counter that threads bump and the test waits on, with a generous bound so a
 // broken implementation fails instead of hanging.
 class Signal {
-public:
+ public:
   // Notifies under the lock: a waiter may destroy the signal as soon as it sees the count.
   void notify(int by = 1) {
     std::lock_guard lock(mutex_);
@@ -26,7 +26,7 @@ public:
     return count_;
   }
 
-private:
+ private:
   mutable std::mutex mutex_;
   std::condition_variable cv_;
   int count_ = 0;

@@ -21,8 +21,9 @@ TEST(OrvJSONSerializationTest, StrictParsing) {
   EXPECT_NE(duplicate.localizedDescription().find("Duplicate key"), std::string::npos);
   parseFailure(R"({"a":1,"\u0061":2})");  // the same key through an escape
   EXPECT_NE(parseFailure(R"({"exp":1e400})").localizedDescription().find("out of range"), std::string::npos);
-  for (const std::string& bad : std::vector<std::string>{"[-1e400]", "{\"s\":\"\xFF\"}", R"({"s":"\ud800"})", R"({"a":1,})", "{} // c", "{} {}", "",
-                          "  \n", std::string(100, '[') + std::string(100, ']')}) {
+  for (const std::string& bad :
+       std::vector<std::string>{"[-1e400]", "{\"s\":\"\xFF\"}", R"({"s":"\ud800"})", R"({"a":1,})", "{} // c", "{} {}", "",
+                                "  \n", std::string(100, '[') + std::string(100, ']')}) {
     parseFailure(bad);
   }
   // Keys may repeat across objects, only not within one.

@@ -12,7 +12,7 @@ namespace {
 using namespace std::chrono_literals;
 
 class OrvMainQueueTest : public ::testing::Test {
-protected:
+ protected:
   void TearDown() override {
     OrvMainQueue::setBridge({});
     OrvMainQueue::drain();

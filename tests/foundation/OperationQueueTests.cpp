@@ -13,7 +13,7 @@ namespace {
 
 // Finishes only when the test says so, like a request waiting for its answer.
 class AsyncOperation : public OrvOperation {
-public:
+ public:
   bool isAsynchronous() const override { return true; }
   void start() override {
     if (isCancelled()) return moveToFinishedState();

@@ -12,10 +12,9 @@
 namespace {
 
 class MockLoggerDelegate : public OrvSdkLoggerDelegate {
-public:
+ public:
   MOCK_METHOD(void, logWithModule,
-              (std::string_view, std::int64_t, std::string_view, std::string_view, std::int64_t, std::string_view),
-              (override));
+              (std::string_view, std::int64_t, std::string_view, std::string_view, std::int64_t, std::string_view), (override));
 };
 
 TEST(OrvSdkLoggerTest, PercentSignsInTheMessageArriveUnchanged) {
@@ -23,9 +22,9 @@ TEST(OrvSdkLoggerTest, PercentSignsInTheMessageArriveUnchanged) {
   logger->logWithModule("M", OrvSdkLogLevelInfo, "f.cpp", "fn", 1, "%@", {"nobody listens"});
   auto delegate = std::make_shared<::testing::StrictMock<MockLoggerDelegate>>();
   logger->setDelegate(delegate);
-  EXPECT_CALL(*delegate, logWithModule(std::string_view("OrvAppConfigService"), OrvSdkLogLevelError,
-                                       std::string_view("Classes/x.cpp"), std::string_view("-[X y:]"), 42,
-                                       std::string_view("URL https://h/%41%d%@ failed")));
+  EXPECT_CALL(*delegate,
+              logWithModule(std::string_view("OrvAppConfigService"), OrvSdkLogLevelError, std::string_view("Classes/x.cpp"),
+                            std::string_view("-[X y:]"), 42, std::string_view("URL https://h/%41%d%@ failed")));
   logger->logWithModule("OrvAppConfigService", OrvSdkLogLevelError, "Classes/x.cpp", "-[X y:]", 42, "%@",
                         {"URL https://h/%41%d%@ failed"});
 }
@@ -41,7 +40,7 @@ TEST(OrvHttpHeaderProviderServiceTest, FreshVersion4TransactionIds) {
 }
 
 class FakeTask : public OrvURLSessionDataTask {
-public:
+ public:
   void resume() override {}
   void cancel() override { ++cancels; }
   std::uint64_t taskIdentifier() const override { return 1; }
@@ -49,7 +48,7 @@ public:
 };
 
 class TaskOperation : public OrvUrlSessionTaskOperationObjC {
-public:
+ public:
   using OrvUrlSessionTaskOperationObjC::OrvUrlSessionTaskOperationObjC;
   void start() override {
     moveToExecutingState();

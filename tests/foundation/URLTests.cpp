@@ -36,9 +36,9 @@ TEST(OrvURLTest, ComponentsAreDecodedAndAbsentPartsAreNil) {
 }
 
 TEST(OrvURLTest, RejectsMalformedTextAndPortsBeyondSixteenBits) {
-  for (const char* bad : {"", "https://exa mple.com", " https://h", "https://h/%zz", "https://h:65536/",
-                          "https://h:99999999999999999999/", "https://h:8a/", "https://h:80:80/", "http://[::1]x/",
-                          "https://[::1/x", "http://a\nb"}) {
+  for (const char* bad :
+       {"", "https://exa mple.com", " https://h", "https://h/%zz", "https://h:65536/", "https://h:99999999999999999999/",
+        "https://h:8a/", "https://h:80:80/", "http://[::1]x/", "https://[::1/x", "http://a\nb"}) {
     EXPECT_FALSE(OrvURL::URLWithString(bad)) << bad;
   }
   EXPECT_EQ(url("https://h:65535/").port(), 65535);

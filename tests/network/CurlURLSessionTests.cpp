@@ -148,8 +148,7 @@ TEST(OrvCurlURLSessionTest, CancelCompletesOnceWithTheCancelError) {
   // During: the request is held by the server when the cancel comes.
   holdAnswers(*emulator, kDomainPath);
   auto during = TaskOutcome::make();
-  auto running = session->dataTaskWithRequest(requestFor(emulator->baseURL() + kDomainPath),
-                                              TaskOutcome::handler(during));
+  auto running = session->dataTaskWithRequest(requestFor(emulator->baseURL() + kDomainPath), TaskOutcome::handler(during));
   running->resume();
   ASSERT_TRUE(requestArrived(*emulator, kDomainPath));
   running->cancel();
@@ -171,12 +170,10 @@ TEST(OrvCurlURLSessionTest, DestroyingTheSessionCancelsWhatIsInFlight) {
   holdAnswers(*emulator, kDomainPath);
 
   auto inFlight = TaskOutcome::make();
-  auto task = session->dataTaskWithRequest(requestFor(emulator->baseURL() + kDomainPath),
-                                           TaskOutcome::handler(inFlight));
+  auto task = session->dataTaskWithRequest(requestFor(emulator->baseURL() + kDomainPath), TaskOutcome::handler(inFlight));
   task->resume();
   auto notStarted = TaskOutcome::make();
-  auto later = session->dataTaskWithRequest(requestFor(emulator->baseURL() + kDomainPath),
-                                            TaskOutcome::handler(notStarted));
+  auto later = session->dataTaskWithRequest(requestFor(emulator->baseURL() + kDomainPath), TaskOutcome::handler(notStarted));
   ASSERT_TRUE(requestArrived(*emulator, kDomainPath));
   session.reset();
   expectCancelled(*inFlight);

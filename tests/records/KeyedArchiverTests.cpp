@@ -165,8 +165,8 @@ TEST(OrvKeyedArchiver, NestingIsBoundedBothWays) {
       arrays, archive(OrvObject::fromJSON(nestedArrays(OrvKeyedArchiveMaximumDepth)))));
 
   std::optional<OrvError> error;
-  EXPECT_FALSE(OrvKeyedArchiver::archivedDataWithRootObject(
-      OrvObject::fromJSON(nestedArrays(OrvKeyedArchiveMaximumDepth + 1)), &error));
+  EXPECT_FALSE(
+      OrvKeyedArchiver::archivedDataWithRootObject(OrvObject::fromJSON(nestedArrays(OrvKeyedArchiveMaximumDepth + 1)), &error));
   ASSERT_TRUE(error);
   EXPECT_EQ(error->code(), OrvKeyedArchiverErrorInvalidValue);
 

@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
 #include <chrono>
-#include <atomic>
 #include <functional>
 #include <thread>
 
@@ -207,12 +207,13 @@ TEST(OrvAppConfigSettingsRecord, HandEditedArchivesAreRefused) {
   ASSERT_TRUE(unarchive(data, nullptr));
 
   // The description under the JSON key instead of the property name is simply not found.
-  auto renamed = unarchive(edited(data, [](json::object& fields) {
-                             auto& kaleth = fieldsAt(fields, {"kaleth"});
-                             json::value description = kaleth.at("theDescription");
-                             kaleth["description"] = std::move(description);
-                             kaleth.erase("theDescription");
-                           }),
+  auto renamed = unarchive(edited(data,
+                                  [](json::object& fields) {
+                                    auto& kaleth = fieldsAt(fields, {"kaleth"});
+                                    json::value description = kaleth.at("theDescription");
+                                    kaleth["description"] = std::move(description);
+                                    kaleth.erase("theDescription");
+                                  }),
                            nullptr);
   ASSERT_TRUE(renamed);
   EXPECT_FALSE(renamed->kaleth()->theDescription());
@@ -273,7 +274,8 @@ TEST(OrvAppConfigSettingsRecord, PrintsEveryFieldAsJSON) {
 
 TEST(OrvAppConfigSettingsRecord, GroupsKeepTheirPlatformClass) {
   auto ios = OrvAppConfigSettingsIos::initWithAppSettings(std::nullopt, OrvNumber(2.5), true, "c", std::vector<std::string>{});
-  auto macos = OrvAppConfigSettingsMacOS::initWithAppSettings(std::nullopt, OrvNumber(2.5), true, "c", std::vector<std::string>{});
+  auto macos =
+      OrvAppConfigSettingsMacOS::initWithAppSettings(std::nullopt, OrvNumber(2.5), true, "c", std::vector<std::string>{});
   EXPECT_FALSE(*ios == *macos);  // same content, other platform
 
   // A subclass satisfies its superclass, and comes back as itself.

@@ -54,8 +54,8 @@ EmulatorHarness::EmulatorHarness(HarnessOptions options) {
   OrvSecurityUtilsService::Configuration securityConfiguration;
   if (options.useTrustAnchors) {
     securityConfiguration.trustAnchors =
-        OrvSecurityUtilsService::loadCertificatesFromPEMFile(material_.file(orv::emulator::kSigningCAFile)).value_or(
-            std::vector<OrvCertificateRef>{});
+        OrvSecurityUtilsService::loadCertificatesFromPEMFile(material_.file(orv::emulator::kSigningCAFile))
+            .value_or(std::vector<OrvCertificateRef>{});
   }
   security = OrvSecurityUtilsService::create(securityConfiguration);
   rebuildService(session, security, options.featureFlags);

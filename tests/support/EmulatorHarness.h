@@ -14,13 +14,13 @@ namespace orv::test {
 
 // A directory removed with its contents when the object goes.
 class TemporaryDirectory {
-public:
+ public:
   TemporaryDirectory();
   ~TemporaryDirectory();
   const std::filesystem::path& path() const noexcept { return path_; }
   std::string file(const char* name) const { return (path_ / name).string(); }
 
-private:
+ private:
   std::filesystem::path path_;
 };
 
@@ -37,7 +37,7 @@ struct HarnessOptions {
 };
 
 class EmulatorHarness {
-public:
+ public:
   explicit EmulatorHarness(HarnessOptions options = {});
   ~EmulatorHarness();
 
@@ -53,7 +53,7 @@ public:
   // Request paths the emulator saw, in order.
   std::vector<std::string> requestPaths() const;
 
-private:
+ private:
   TemporaryDirectory material_;
   std::unique_ptr<orv::emulator::DiscoveryEmulator> emulator_;
 };

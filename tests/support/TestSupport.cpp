@@ -11,8 +11,9 @@ namespace orv::test {
 namespace {
 
 class FakeDataTask : public OrvURLSessionDataTask {
-public:
-  FakeDataTask(std::shared_ptr<FakeURLSession::Shared> shared, OrvURLRequest request, OrvURLSessionDataTaskCompletionHandler handler)
+ public:
+  FakeDataTask(std::shared_ptr<FakeURLSession::Shared> shared, OrvURLRequest request,
+               OrvURLSessionDataTaskCompletionHandler handler)
       : shared_(std::move(shared)), request_(std::move(request)), handler_(std::move(handler)) {}
 
   void resume() override {
@@ -22,19 +23,20 @@ public:
       shared_->requests.push_back(request_);
     }
     FakeResponse response = shared_->responder(request_);
-    auto http = response.statusCode == 0
-                    ? nullptr
-                    : std::make_shared<const OrvHTTPURLResponse>(request_.URL(), response.statusCode, std::move(response.headers));
+    auto http = response.statusCode == 0 ? nullptr
+                                         : std::make_shared<const OrvHTTPURLResponse>(request_.URL(), response.statusCode,
+                                                                                      std::move(response.headers));
     finish(std::move(response.body), std::move(http), std::move(response.error));
   }
   void cancel() override { finish(std::nullopt, nullptr, OrvError(OrvURLErrorDomain, OrvURLErrorCancelled)); }
   std::uint64_t taskIdentifier() const override { return 1; }
 
-private:
+ private:
   void finish(std::optional<OrvData> body, std::shared_ptr<const OrvHTTPURLResponse> response, std::optional<OrvError> error) {
     if (done_.exchange(true)) return;
-    orv::detail::dispatchToWorkerPool([handler = std::move(handler_), body = std::move(body), response = std::move(response),
-                                       error = std::move(error)]() mutable { handler(std::move(body), std::move(response), std::move(error)); });
+    orv::detail::dispatchToWorkerPool(
+        [handler = std::move(handler_), body = std::move(body), response = std::move(response),
+         error = std::move(error)]() mutable { handler(std::move(body), std::move(response), std::move(error)); });
   }
   std::shared_ptr<FakeURLSession::Shared> shared_;
   OrvURLRequest request_;
@@ -49,8 +51,8 @@ FakeURLSession::FakeURLSession(Responder responder) : shared_(std::make_shared<S
   shared_->responder = std::move(responder);
 }
 
-std::shared_ptr<OrvURLSessionDataTask> FakeURLSession::dataTaskWithRequest(const OrvURLRequest& request,
-                                                                           OrvURLSessionDataTaskCompletionHandler completionHandler) {
+std::shared_ptr<OrvURLSessionDataTask> FakeURLSession::dataTaskWithRequest(
+    const OrvURLRequest& request, OrvURLSessionDataTaskCompletionHandler completionHandler) {
   return std::make_shared<FakeDataTask>(shared_, request, std::move(completionHandler));
 }
 
@@ -78,7 +80,8 @@ std::shared_ptr<LogCollector> LogCollector::install() {
 void LogCollector::logWithModule(std::string_view module, std::int64_t logLevel, std::string_view fileName,
                                  std::string_view functionName, std::int64_t lineNumber, std::string_view message) {
   std::lock_guard lock(mutex_);
-  lines_.push_back({std::string(module), logLevel, std::string(fileName), std::string(functionName), lineNumber, std::string(message)});
+  lines_.push_back(
+      {std::string(module), logLevel, std::string(fileName), std::string(functionName), lineNumber, std::string(message)});
 }
 
 std::vector<LogLine> LogCollector::lines() const {

@@ -29,7 +29,7 @@ struct FakeResponse {
 
 // A session whose answers come from a function; completions run on the worker pool, like a real one.
 class FakeURLSession : public OrvURLSession {
-public:
+ public:
   using Responder = std::function<FakeResponse(const OrvURLRequest&)>;
   explicit FakeURLSession(Responder responder);
 
@@ -44,12 +44,12 @@ public:
     std::vector<OrvURLRequest> requests;
   };
 
-private:
+ private:
   std::shared_ptr<Shared> shared_;
 };
 
 class StaticHeaderProvider : public OrvHttpHeaderProviderServiceProtocol {
-public:
+ public:
   OrvHTTPHeaderDictionary monitoring;
   OrvHTTPHeaderDictionary transaction;
   OrvHTTPHeaderDictionary httpMonitoringHeaders() override { return monitoring; }
@@ -57,12 +57,12 @@ public:
 };
 
 class FixedFeatureFlags : public OrvFeatureFlagProviderProtocol {
-public:
+ public:
   FixedFeatureFlags(bool entireDomain, bool channels) : entireDomain_(entireDomain), channels_(channels) {}
   bool valueForFeatureFlagWithServiceName(std::string_view serviceName, std::string_view featureFlagName) override;
   std::vector<std::pair<std::string, std::string>> questions;
 
-private:
+ private:
   bool entireDomain_;
   bool channels_;
 };
@@ -78,7 +78,7 @@ struct LogLine {
 
 // Collects log lines; install() makes it the library's delegate for the life of the object.
 class LogCollector : public OrvSdkLoggerDelegate, public std::enable_shared_from_this<LogCollector> {
-public:
+ public:
   static std::shared_ptr<LogCollector> install();
   ~LogCollector() override = default;
   void logWithModule(std::string_view module, std::int64_t logLevel, std::string_view fileName, std::string_view functionName,
@@ -87,7 +87,7 @@ public:
   bool contains(std::string_view message) const;
   std::size_t count(std::string_view message) const;
 
-private:
+ private:
   mutable std::mutex mutex_;
   std::vector<LogLine> lines_;
 };

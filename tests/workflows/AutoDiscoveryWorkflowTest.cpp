@@ -33,7 +33,8 @@ const char* kCatalog = R"({
   "stores": {}
 })";
 
-using AutoCapture = Capture<OrvAppConfigServiceCompletionStatus, std::shared_ptr<OrvAppConfigAutoDiscoverRecord>, std::optional<OrvError>>;
+using AutoCapture =
+    Capture<OrvAppConfigServiceCompletionStatus, std::shared_ptr<OrvAppConfigAutoDiscoverRecord>, std::optional<OrvError>>;
 
 struct Outcome {
   OrvAppConfigServiceCompletionStatus status = 99;
@@ -51,18 +52,20 @@ Outcome discover(const std::shared_ptr<OrvAppConfigService>& service, std::strin
 }
 
 std::size_t countPaths(const std::vector<std::string>& paths, std::string_view prefix) {
-  return static_cast<std::size_t>(std::count_if(paths.begin(), paths.end(), [&](const auto& p) { return p.starts_with(prefix); }));
+  return static_cast<std::size_t>(
+      std::count_if(paths.begin(), paths.end(), [&](const auto& p) { return p.starts_with(prefix); }));
 }
 
 // Replaces the emulator's signing certificate before it starts. The emulator goes on signing with its
 // own key and names the new certificate in "x5t#S256", so only the certificate checks can refuse it
 // (or the signature, when the certificate carries another key).
-std::function<void(const TemporaryDirectory&)> replaceSigningCertificate(orv::emulator::CertificateProfile leaf, std::string caName,
-                                                                         bool selfSigned = false, bool otherKey = false) {
+std::function<void(const TemporaryDirectory&)> replaceSigningCertificate(orv::emulator::CertificateProfile leaf,
+                                                                         std::string caName, bool selfSigned = false,
+                                                                         bool otherKey = false) {
   return [=](const TemporaryDirectory& material) {
     using namespace orv::emulator;
-    auto signingKey = otherKey ? PrivateKey::generate(KeyKind::rsa2048)
-                               : PrivateKey::fromPEM(readFile(material.file(kSigningRSAKeyFile)));
+    auto signingKey =
+        otherKey ? PrivateKey::generate(KeyKind::rsa2048) : PrivateKey::fromPEM(readFile(material.file(kSigningRSAKeyFile)));
     ASSERT_TRUE(signingKey);
     std::optional<std::string> pem;
     if (selfSigned) {
@@ -96,7 +99,7 @@ orv::emulator::CertificateProfile leafProfile(std::chrono::hours notBeforeOffset
 
 // Flips one byte of every auto-discover body after it was received: the signature no longer covers it.
 class TamperingSession : public OrvURLSession {
-public:
+ public:
   explicit TamperingSession(std::shared_ptr<OrvURLSession> inner) : inner_(std::move(inner)) {}
   std::shared_ptr<OrvURLSessionDataTask> dataTaskWithRequest(const OrvURLRequest& request,
                                                              OrvURLSessionDataTaskCompletionHandler handler) override {
@@ -107,7 +110,7 @@ public:
     });
   }
 
-private:
+ private:
   std::shared_ptr<OrvURLSession> inner_;
 };
 
@@ -125,11 +128,11 @@ TEST(AutoDiscoveryWorkflowTest, EmailInputYieldsAValidatedRecordOnTheMainQueue) 
   EXPECT_EQ(outcome.record->kaleth()->serviceUrls()->at(0)->url()->absoluteString(), "https://store.example.com/Store");
   EXPECT_TRUE(outcome.record->notValidBefore() && outcome.record->notValidAfter());
   EXPECT_THAT(harness.requestPaths(), ::testing::ElementsAre("/ads/root/domain/example.com/", "/ads/root/publickey"));
-  for (const char* message : {"Scheduling AutoDiscover operation using URL generator mode  Two domain elements for URL input only",
-                              "At least one valid store or webstore URL was returned",
-                              "Starting payload validation - fetching public certificate", "Successfully validate the payload",
-                              "Payload date validation succeeded",
-                              "The requested domain was successfully validated as being the same as the returned domain"}) {
+  for (const char* message :
+       {"Scheduling AutoDiscover operation using URL generator mode  Two domain elements for URL input only",
+        "At least one valid store or webstore URL was returned", "Starting payload validation - fetching public certificate",
+        "Successfully validate the payload", "Payload date validation succeeded",
+        "The requested domain was successfully validated as being the same as the returned domain"}) {
     EXPECT_TRUE(log->contains(message)) << message;
   }
   // The same with ES256 signatures and trust anchors configured.
@@ -230,8 +233,9 @@ TEST(AutoDiscoveryWorkflowTest, SignatureFailures) {
                                             false, /*otherKey=*/true));
   withCertificate("wrong issuer", OrvSecurityUtilsResultIssuerMismatch,
                   replaceSigningCertificate(leafProfile(std::chrono::hours(-1), std::chrono::hours(1)), "Varnel Systems Inc"));
-  withCertificate("expired certificate", OrvSecurityUtilsResultCertificateExpired,
-                  replaceSigningCertificate(leafProfile(std::chrono::hours(-48), std::chrono::hours(-1)), "Varnel Systems, Inc."));
+  withCertificate(
+      "expired certificate", OrvSecurityUtilsResultCertificateExpired,
+      replaceSigningCertificate(leafProfile(std::chrono::hours(-48), std::chrono::hours(-1)), "Varnel Systems, Inc."));
   auto selfIssued = leafProfile(std::chrono::hours(-1), std::chrono::hours(1));
   selfIssued.commonName = "Varnel Systems, Inc.";
   withCertificate("untrusted chain", OrvSecurityUtilsResultUntrustedChain,
@@ -255,10 +259,11 @@ TEST(AutoDiscoveryWorkflowTest, WholeHostFallbackProbe) {
   EmulatorHarness harness({kCatalog});
   auto outcome = discover(harness.service, "https://portal.eu.example.org/x");
   EXPECT_EQ(outcome.status, 0u);
-  EXPECT_THAT(harness.requestPaths(), ::testing::ElementsAre("/ads/root/domain/example.org/", "/ads/root/domain/portal.eu.example.org/",
-                                                             "/ads/root/publickey"));
-  EXPECT_TRUE(log->contains("Failed to obtain the records for the provided email address with status "
-                            "OrvAppConfigQueryOperationCompletionStatusInvalidResponse - attempting probe of full domain for URL input"));
+  EXPECT_THAT(harness.requestPaths(), ::testing::ElementsAre("/ads/root/domain/example.org/",
+                                                             "/ads/root/domain/portal.eu.example.org/", "/ads/root/publickey"));
+  EXPECT_TRUE(
+      log->contains("Failed to obtain the records for the provided email address with status "
+                    "OrvAppConfigQueryOperationCompletionStatusInvalidResponse - attempting probe of full domain for URL input"));
 
   // No probe for e-mail input, for a two-label host, nor with the feature off; and at most one.
   const auto probes = [&](std::shared_ptr<OrvAppConfigService> service, const char* input) {
@@ -304,8 +309,7 @@ TEST(AutoDiscoveryWorkflowTest, ReleasingTheServiceEndsItsRequestWithoutCompleti
   harness.emulator().setFault("/ads/root/domain/example.com/", slow);
   std::weak_ptr<OrvAppConfigService> weak = harness.service;
   std::atomic<int> calls{0};
-  harness.service->asyncStartAutodiscoveryForUserInput(
-      "user@example.com", 0, [&](auto, auto, auto) { ++calls; });
+  harness.service->asyncStartAutodiscoveryForUserInput("user@example.com", 0, [&](auto, auto, auto) { ++calls; });
   // The query is in flight (the emulator holds its answer back) when the host lets go of the service.
   ASSERT_TRUE(pollUntil([&] { return !harness.emulator().requests().empty(); }));
   harness.service.reset();

@@ -14,8 +14,11 @@ using namespace orv::test;
 namespace {
 
 boost::json::object answer(const std::string& name, std::optional<std::string> channel = std::nullopt) {
-  boost::json::object settings{{"kaleth", {{"name", "Store"}, {"appSettings", {{"ios", {{{"category", "General"}, {"settings", {{{"name", "A"}, {"value", 1}}}}}}}}}}},
-                               {"url", {{"name", name}}}};
+  boost::json::object settings{
+      {"kaleth",
+       {{"name", "Store"},
+        {"appSettings", {{"ios", {{{"category", "General"}, {"settings", {{{"name", "A"}, {"value", 1}}}}}}}}}}},
+      {"url", {{"name", name}}}};
   if (channel) settings["settingsChannel"] = boost::json::object{{"channelName", *channel}};
   return settings;
 }
@@ -31,8 +34,9 @@ std::string catalog(int count) {
   stores["https://noname.example.com:443/N"] = boost::json::object{{"ios", {{"kaleth", answer("x").at("kaleth")}}}};
   stores["https://case.example.com:443/C"] =
       boost::json::object{{"ios", answer("https://case.example.com:443/C")},
-                          {"channels", {{"beta", {{"ios", answer("https://case.example.com:443/C", "Beta")}}},
-                                        {"bare", {{"ios", answer("https://case.example.com:443/C")}}}}}};
+                          {"channels",
+                           {{"beta", {{"ios", answer("https://case.example.com:443/C", "Beta")}}},
+                            {"bare", {{"ios", answer("https://case.example.com:443/C")}}}}}};
   return boost::json::serialize(boost::json::object{{"domains", boost::json::object{}}, {"stores", stores}});
 }
 
@@ -51,7 +55,8 @@ struct Outcome {
 
 Outcome retrieve(const std::shared_ptr<OrvAppConfigService>& service, OrvAppConfigStoreURLSet stores,
                  std::optional<std::string> channel = std::nullopt, std::uint64_t platform = 0) {
-  Capture<OrvAppConfigServiceCompletionStatus, std::optional<OrvAppConfigStoreSettingsDictionary>, std::optional<OrvError>> capture;
+  Capture<OrvAppConfigServiceCompletionStatus, std::optional<OrvAppConfigStoreSettingsDictionary>, std::optional<OrvError>>
+      capture;
   service->asyncStartSettingsRetrievalForStoreUrls(std::move(stores), 0, platform, std::move(channel), capture.block());
   EXPECT_TRUE(capture.wait());
   EXPECT_EQ(capture.calls, 1);
@@ -85,7 +90,8 @@ TEST(SettingsWorkflowTest, PartialAnswersAreValidatedAndDelivered) {
 TEST(SettingsWorkflowTest, FailureTable) {
   auto log = LogCollector::install();
   EmulatorHarness harness({catalog(2)});
-  const auto expectFailure = [&](const char* what, OrvAppConfigStoreURLSet stores, std::optional<std::string> channel = std::nullopt) {
+  const auto expectFailure = [&](const char* what, OrvAppConfigStoreURLSet stores,
+                                 std::optional<std::string> channel = std::nullopt) {
     auto outcome = retrieve(harness.service, std::move(stores), std::move(channel));
     EXPECT_EQ(outcome.status, 3u) << what;
     EXPECT_EQ(outcome.settings, std::nullopt) << what;
@@ -94,8 +100,9 @@ TEST(SettingsWorkflowTest, FailureTable) {
   auto none = expectFailure("no store answers", {*OrvURL::URLWithString("https://unknown.example.com/A"),
                                                  *OrvURL::URLWithString("https://unknown.example.com/B")});
   EXPECT_EQ(none.error, std::nullopt);
-  EXPECT_TRUE(log->contains(
-      "Failed to validate the app config payload with status OrvPayloadValidationStatusInvalidJWTParameters - invoking completion block"));
+  EXPECT_TRUE(
+      log->contains("Failed to validate the app config payload with status OrvPayloadValidationStatusInvalidJWTParameters - "
+                    "invoking completion block"));
 
   expectFailure("substituted store", {store(0), *OrvURL::URLWithString("https://substitute.example.com/S")});
   EXPECT_TRUE(log->contains("Mismatched store response was found for store request - failing this request"));
@@ -130,11 +137,12 @@ TEST(SettingsWorkflowTest, ManyStoresAtOnce) {
     firstCount = settings ? settings->size() : 0;
     ++done;
   });
-  harness.service->asyncStartSettingsRetrievalForStoreUrls(stores, 0, 0, std::string("beta"), [&](auto status, auto settings, auto) {
-    EXPECT_EQ(status, 0u);
-    secondCount = settings ? settings->size() : 0;
-    ++done;
-  });
+  harness.service->asyncStartSettingsRetrievalForStoreUrls(stores, 0, 0, std::string("beta"),
+                                                           [&](auto status, auto settings, auto) {
+                                                             EXPECT_EQ(status, 0u);
+                                                             secondCount = settings ? settings->size() : 0;
+                                                             ++done;
+                                                           });
   harness.service->asyncStartAutodiscoveryForUserInput("user@unknown.example", 0, [&](auto status, auto, auto) {
     EXPECT_EQ(status, 2u);
     ++done;

@@ -13,7 +13,7 @@
 #include "OrvURL.h"
 
 class OrvAppConfigDomain {
-public:
+ public:
   explicit OrvAppConfigDomain(std::optional<std::string> name) : name_(std::move(name)) {}
   static std::shared_ptr<OrvAppConfigDomain> initWithName(std::optional<std::string> name) {
     return std::make_shared<OrvAppConfigDomain>(std::move(name));
@@ -23,12 +23,12 @@ public:
   const std::optional<std::string>& name() const noexcept { return name_; }
   void setName(std::optional<std::string> name) { name_ = std::move(name); }
 
-private:
+ private:
   std::optional<std::string> name_;
 };
 
 class OrvAppConfigURL {
-public:
+ public:
   explicit OrvAppConfigURL(std::optional<OrvURL> url) : url_(std::move(url)) {}
   static std::shared_ptr<OrvAppConfigURL> initWithURL(std::optional<OrvURL> url) {
     return std::make_shared<OrvAppConfigURL>(std::move(url));
@@ -38,14 +38,14 @@ public:
   const std::optional<OrvURL>& url() const noexcept { return url_; }
   void setUrl(std::optional<OrvURL> url) { url_ = std::move(url); }
 
-private:
+ private:
   std::optional<OrvURL> url_;
 };
 
 using OrvAppConfigURLList = std::vector<std::shared_ptr<OrvAppConfigURL>>;
 
 class OrvAppConfigKaleth {
-public:
+ public:
   OrvAppConfigKaleth(std::optional<OrvAppConfigURLList> serviceURLs, std::optional<OrvAppConfigURLList> allowedWebStoreURLs)
       : serviceUrls_(std::move(serviceURLs)), allowedWebStoreUrls_(std::move(allowedWebStoreURLs)) {}
   static std::shared_ptr<OrvAppConfigKaleth> initWithServiceURLs(std::optional<OrvAppConfigURLList> serviceURLs,
@@ -64,13 +64,13 @@ public:
   const std::optional<OrvAppConfigURLList>& allowedWebStoreUrls() const noexcept { return allowedWebStoreUrls_; }
   void setAllowedWebStoreUrls(std::optional<OrvAppConfigURLList> urls) { allowedWebStoreUrls_ = std::move(urls); }
 
-private:
+ private:
   std::optional<OrvAppConfigURLList> serviceUrls_;
   std::optional<OrvAppConfigURLList> allowedWebStoreUrls_;
 };
 
 class OrvAppConfigAutoDiscoverRecord {
-public:
+ public:
   OrvAppConfigAutoDiscoverRecord(std::shared_ptr<OrvAppConfigDomain> domain, std::shared_ptr<OrvAppConfigKaleth> kaleth,
                                  std::optional<OrvDate> notValidBefore, std::optional<OrvDate> notValidAfter)
       : kaleth_(std::move(kaleth)), domain_(std::move(domain)), notValidBefore_(notValidBefore), notValidAfter_(notValidAfter) {}
@@ -93,7 +93,7 @@ public:
   const std::optional<OrvDate>& notValidAfter() const noexcept { return notValidAfter_; }
   void setNotValidAfter(std::optional<OrvDate> date) { notValidAfter_ = date; }
 
-private:
+ private:
   std::shared_ptr<OrvAppConfigKaleth> kaleth_;
   std::shared_ptr<OrvAppConfigDomain> domain_;
   std::optional<OrvDate> notValidBefore_;

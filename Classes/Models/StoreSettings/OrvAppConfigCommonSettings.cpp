@@ -28,17 +28,16 @@ std::shared_ptr<Group> OrvAppConfigCommonSettings::groupFromCoder(OrvKeyedUnarch
 
 template <class Group>
 const OrvClass& OrvAppConfigCommonSettings::registerGroupClass(const char* name, const OrvClass* superclass) {
-  return OrvClass::registerClass(name, superclass, supportsSecureCoding(),
-                                 [](OrvKeyedUnarchiver& coder) -> std::shared_ptr<OrvSecureCoding> {
-                                   return groupFromCoder<Group>(coder);
-                                 });
+  return OrvClass::registerClass(
+      name, superclass, supportsSecureCoding(),
+      [](OrvKeyedUnarchiver& coder) -> std::shared_ptr<OrvSecureCoding> { return groupFromCoder<Group>(coder); });
 }
 
 std::shared_ptr<OrvAppConfigCommonSettings> OrvAppConfigCommonSettings::initWithAppSettings(
-    std::optional<OrvAppConfigSingleAppSettingList> settings, std::optional<OrvNumber> assignmentPriority,
-    bool userOverride, std::optional<std::string> category, std::optional<std::vector<std::string>> assignedTo) {
-  return std::make_shared<OrvAppConfigCommonSettings>(std::move(settings), assignmentPriority, userOverride,
-                                                      std::move(category), std::move(assignedTo));
+    std::optional<OrvAppConfigSingleAppSettingList> settings, std::optional<OrvNumber> assignmentPriority, bool userOverride,
+    std::optional<std::string> category, std::optional<std::vector<std::string>> assignedTo) {
+  return std::make_shared<OrvAppConfigCommonSettings>(std::move(settings), assignmentPriority, userOverride, std::move(category),
+                                                      std::move(assignedTo));
 }
 
 std::shared_ptr<OrvAppConfigCommonSettings> OrvAppConfigCommonSettings::initWithJSONDictionary(
@@ -65,17 +64,17 @@ void OrvAppConfigCommonSettings::encodeWithCoder(OrvKeyedArchiver& coder) const 
 
 bool operator==(const OrvAppConfigCommonSettings& a, const OrvAppConfigCommonSettings& b) {
   return &a.classForCoder() == &b.classForCoder() && orv::detail::sameObjects(a.settings_, b.settings_) &&
-         a.assignmentPriority_ == b.assignmentPriority_ && a.category_ == b.category_ &&
-         a.assignedTo_ == b.assignedTo_ && a.isUserOverride_ == b.isUserOverride_;
+         a.assignmentPriority_ == b.assignmentPriority_ && a.category_ == b.category_ && a.assignedTo_ == b.assignedTo_ &&
+         a.isUserOverride_ == b.isUserOverride_;
 }
 
 // MARK: - OrvAppConfigSettingsMacOS
 
 std::shared_ptr<OrvAppConfigSettingsMacOS> OrvAppConfigSettingsMacOS::initWithAppSettings(
-    std::optional<OrvAppConfigSingleAppSettingList> settings, std::optional<OrvNumber> assignmentPriority,
-    bool userOverride, std::optional<std::string> category, std::optional<std::vector<std::string>> assignedTo) {
-  return std::make_shared<OrvAppConfigSettingsMacOS>(std::move(settings), assignmentPriority, userOverride,
-                                                     std::move(category), std::move(assignedTo));
+    std::optional<OrvAppConfigSingleAppSettingList> settings, std::optional<OrvNumber> assignmentPriority, bool userOverride,
+    std::optional<std::string> category, std::optional<std::vector<std::string>> assignedTo) {
+  return std::make_shared<OrvAppConfigSettingsMacOS>(std::move(settings), assignmentPriority, userOverride, std::move(category),
+                                                     std::move(assignedTo));
 }
 
 std::shared_ptr<OrvAppConfigSettingsMacOS> OrvAppConfigSettingsMacOS::initWithJSONDictionary(
@@ -96,10 +95,10 @@ std::shared_ptr<OrvAppConfigSettingsMacOS> OrvAppConfigSettingsMacOS::initWithCo
 // MARK: - OrvAppConfigSettingsIos
 
 std::shared_ptr<OrvAppConfigSettingsIos> OrvAppConfigSettingsIos::initWithAppSettings(
-    std::optional<OrvAppConfigSingleAppSettingList> settings, std::optional<OrvNumber> assignmentPriority,
-    bool userOverride, std::optional<std::string> category, std::optional<std::vector<std::string>> assignedTo) {
-  return std::make_shared<OrvAppConfigSettingsIos>(std::move(settings), assignmentPriority, userOverride,
-                                                   std::move(category), std::move(assignedTo));
+    std::optional<OrvAppConfigSingleAppSettingList> settings, std::optional<OrvNumber> assignmentPriority, bool userOverride,
+    std::optional<std::string> category, std::optional<std::vector<std::string>> assignedTo) {
+  return std::make_shared<OrvAppConfigSettingsIos>(std::move(settings), assignmentPriority, userOverride, std::move(category),
+                                                   std::move(assignedTo));
 }
 
 std::shared_ptr<OrvAppConfigSettingsIos> OrvAppConfigSettingsIos::initWithJSONDictionary(

@@ -14,19 +14,20 @@
 #include "OrvNumber.h"
 
 class OrvAppConfigCommonSettings : public OrvSecureCoding {
-public:
+ public:
   OrvAppConfigCommonSettings(std::optional<OrvAppConfigSingleAppSettingList> settings,
-                             std::optional<OrvNumber> assignmentPriority, bool userOverride,
-                             std::optional<std::string> category, std::optional<std::vector<std::string>> assignedTo)
+                             std::optional<OrvNumber> assignmentPriority, bool userOverride, std::optional<std::string> category,
+                             std::optional<std::vector<std::string>> assignedTo)
       : settings_(std::move(settings)),
         assignmentPriority_(assignmentPriority),
         category_(std::move(category)),
         assignedTo_(std::move(assignedTo)),
         isUserOverride_(userOverride) {}
 
-  static std::shared_ptr<OrvAppConfigCommonSettings> initWithAppSettings(
-      std::optional<OrvAppConfigSingleAppSettingList> settings, std::optional<OrvNumber> assignmentPriority,
-      bool userOverride, std::optional<std::string> category, std::optional<std::vector<std::string>> assignedTo);
+  static std::shared_ptr<OrvAppConfigCommonSettings> initWithAppSettings(std::optional<OrvAppConfigSingleAppSettingList> settings,
+                                                                         std::optional<OrvNumber> assignmentPriority,
+                                                                         bool userOverride, std::optional<std::string> category,
+                                                                         std::optional<std::vector<std::string>> assignedTo);
   static std::shared_ptr<OrvAppConfigCommonSettings> initWithJSONDictionary(const boost::json::object* jsonDictionary);
 
   const std::optional<OrvAppConfigSingleAppSettingList>& settings() const noexcept { return settings_; }
@@ -49,7 +50,7 @@ public:
   // A group of one platform never equals the same group of the other platform.
   friend bool operator==(const OrvAppConfigCommonSettings& a, const OrvAppConfigCommonSettings& b);
 
-protected:
+ protected:
   // The subclasses build through the same reading and decoding steps, only into their own class.
   template <class Group>
   static std::shared_ptr<Group> groupFromJSON(const boost::json::object* jsonDictionary);
@@ -58,7 +59,7 @@ protected:
   template <class Group>
   static const OrvClass& registerGroupClass(const char* name, const OrvClass* superclass);
 
-private:
+ private:
   std::optional<OrvAppConfigSingleAppSettingList> settings_;
   std::optional<OrvNumber> assignmentPriority_;
   std::optional<std::string> category_;
@@ -67,12 +68,13 @@ private:
 };
 
 class OrvAppConfigSettingsMacOS final : public OrvAppConfigCommonSettings {
-public:
+ public:
   using OrvAppConfigCommonSettings::OrvAppConfigCommonSettings;
 
-  static std::shared_ptr<OrvAppConfigSettingsMacOS> initWithAppSettings(
-      std::optional<OrvAppConfigSingleAppSettingList> settings, std::optional<OrvNumber> assignmentPriority,
-      bool userOverride, std::optional<std::string> category, std::optional<std::vector<std::string>> assignedTo);
+  static std::shared_ptr<OrvAppConfigSettingsMacOS> initWithAppSettings(std::optional<OrvAppConfigSingleAppSettingList> settings,
+                                                                        std::optional<OrvNumber> assignmentPriority,
+                                                                        bool userOverride, std::optional<std::string> category,
+                                                                        std::optional<std::vector<std::string>> assignedTo);
   static std::shared_ptr<OrvAppConfigSettingsMacOS> initWithJSONDictionary(const boost::json::object* jsonDictionary);
 
   static const OrvClass& orvClass();
@@ -81,12 +83,13 @@ public:
 };
 
 class OrvAppConfigSettingsIos final : public OrvAppConfigCommonSettings {
-public:
+ public:
   using OrvAppConfigCommonSettings::OrvAppConfigCommonSettings;
 
-  static std::shared_ptr<OrvAppConfigSettingsIos> initWithAppSettings(
-      std::optional<OrvAppConfigSingleAppSettingList> settings, std::optional<OrvNumber> assignmentPriority,
-      bool userOverride, std::optional<std::string> category, std::optional<std::vector<std::string>> assignedTo);
+  static std::shared_ptr<OrvAppConfigSettingsIos> initWithAppSettings(std::optional<OrvAppConfigSingleAppSettingList> settings,
+                                                                      std::optional<OrvNumber> assignmentPriority,
+                                                                      bool userOverride, std::optional<std::string> category,
+                                                                      std::optional<std::vector<std::string>> assignedTo);
   static std::shared_ptr<OrvAppConfigSettingsIos> initWithJSONDictionary(const boost::json::object* jsonDictionary);
 
   static const OrvClass& orvClass();

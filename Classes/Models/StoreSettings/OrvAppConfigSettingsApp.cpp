@@ -7,8 +7,7 @@ namespace orv::detail {
 namespace {
 
 template <class Group>
-std::optional<std::vector<std::shared_ptr<Group>>> groupsForKey(const boost::json::object* jsonDictionary,
-                                                               std::string_view key) {
+std::optional<std::vector<std::shared_ptr<Group>>> groupsForKey(const boost::json::object* jsonDictionary, std::string_view key) {
   auto dictionaries = OrvJSON::subArrayOfDictionaries(OrvJSON::jsonArrayForKey(jsonDictionary, key));
   if (!dictionaries) return std::nullopt;
   std::vector<std::shared_ptr<Group>> groups;
@@ -36,9 +35,9 @@ std::shared_ptr<OrvAppConfigSettingsApp> OrvAppConfigSettingsApp::initWithJSONDi
 }
 
 const OrvClass& OrvAppConfigSettingsApp::orvClass() {
-  static const OrvClass& cls = OrvClass::registerClass(
-      "OrvAppConfigSettingsApp", nullptr, supportsSecureCoding(),
-      [](OrvKeyedUnarchiver& coder) -> std::shared_ptr<OrvSecureCoding> { return initWithCoder(coder); });
+  static const OrvClass& cls =
+      OrvClass::registerClass("OrvAppConfigSettingsApp", nullptr, supportsSecureCoding(),
+                              [](OrvKeyedUnarchiver& coder) -> std::shared_ptr<OrvSecureCoding> { return initWithCoder(coder); });
   return cls;
 }
 

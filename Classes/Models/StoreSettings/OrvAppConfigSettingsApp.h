@@ -9,7 +9,7 @@
 #include "OrvKeyedArchiver.h"
 
 class OrvAppConfigSettingsApp : public OrvSecureCoding {
-public:
+ public:
   OrvAppConfigSettingsApp(std::optional<OrvAppConfigSettingsMacOSList> macos, std::optional<OrvAppConfigSettingsIosList> ios)
       : ios_(std::move(ios)), macos_(std::move(macos)) {}
 
@@ -30,7 +30,7 @@ public:
 
   friend bool operator==(const OrvAppConfigSettingsApp& a, const OrvAppConfigSettingsApp& b);
 
-private:
+ private:
   std::optional<OrvAppConfigSettingsIosList> ios_;
   std::optional<OrvAppConfigSettingsMacOSList> macos_;
 };

@@ -14,9 +14,9 @@ std::shared_ptr<OrvAppConfigSettingsChannel> OrvAppConfigSettingsChannel::initWi
 }
 
 const OrvClass& OrvAppConfigSettingsChannel::orvClass() {
-  static const OrvClass& cls = OrvClass::registerClass(
-      "OrvAppConfigSettingsChannel", nullptr, supportsSecureCoding(),
-      [](OrvKeyedUnarchiver& coder) -> std::shared_ptr<OrvSecureCoding> { return initWithCoder(coder); });
+  static const OrvClass& cls =
+      OrvClass::registerClass("OrvAppConfigSettingsChannel", nullptr, supportsSecureCoding(),
+                              [](OrvKeyedUnarchiver& coder) -> std::shared_ptr<OrvSecureCoding> { return initWithCoder(coder); });
   return cls;
 }
 

@@ -8,7 +8,7 @@
 #include "OrvKeyedArchiver.h"
 
 class OrvAppConfigSettingsChannel : public OrvSecureCoding {
-public:
+ public:
   explicit OrvAppConfigSettingsChannel(std::optional<std::string> channelName) : channelName_(std::move(channelName)) {}
 
   static std::shared_ptr<OrvAppConfigSettingsChannel> initWithChannelName(std::optional<std::string> channelName);
@@ -27,6 +27,6 @@ public:
     return a.channelName_ == b.channelName_;
   }
 
-private:
+ private:
   std::optional<std::string> channelName_;
 };

@@ -4,8 +4,8 @@
 #include "OrvJSONAccessors.h"
 
 std::shared_ptr<OrvAppConfigSettingsKaleth> OrvAppConfigSettingsKaleth::initWithAppSettings(
-    std::shared_ptr<OrvAppConfigSettingsApp> appSettings, std::optional<std::string> name,
-    std::optional<std::string> description, bool useForAppConfig) {
+    std::shared_ptr<OrvAppConfigSettingsApp> appSettings, std::optional<std::string> name, std::optional<std::string> description,
+    bool useForAppConfig) {
   return std::make_shared<OrvAppConfigSettingsKaleth>(std::move(appSettings), std::move(name), std::move(description),
                                                       useForAppConfig);
 }
@@ -20,9 +20,9 @@ std::shared_ptr<OrvAppConfigSettingsKaleth> OrvAppConfigSettingsKaleth::initWith
 }
 
 const OrvClass& OrvAppConfigSettingsKaleth::orvClass() {
-  static const OrvClass& cls = OrvClass::registerClass(
-      "OrvAppConfigSettingsKaleth", nullptr, supportsSecureCoding(),
-      [](OrvKeyedUnarchiver& coder) -> std::shared_ptr<OrvSecureCoding> { return initWithCoder(coder); });
+  static const OrvClass& cls =
+      OrvClass::registerClass("OrvAppConfigSettingsKaleth", nullptr, supportsSecureCoding(),
+                              [](OrvKeyedUnarchiver& coder) -> std::shared_ptr<OrvSecureCoding> { return initWithCoder(coder); });
   return cls;
 }
 

@@ -10,7 +10,7 @@
 #include "OrvKeyedArchiver.h"
 
 class OrvAppConfigSettingsKaleth : public OrvSecureCoding {
-public:
+ public:
   OrvAppConfigSettingsKaleth(std::shared_ptr<OrvAppConfigSettingsApp> appSettings, std::optional<std::string> name,
                              std::optional<std::string> description, bool useForAppConfig)
       : appSettings_(std::move(appSettings)),
@@ -41,7 +41,7 @@ public:
 
   friend bool operator==(const OrvAppConfigSettingsKaleth& a, const OrvAppConfigSettingsKaleth& b);
 
-private:
+ private:
   std::shared_ptr<OrvAppConfigSettingsApp> appSettings_;
   std::optional<std::string> name_;
   std::optional<std::string> theDescription_;

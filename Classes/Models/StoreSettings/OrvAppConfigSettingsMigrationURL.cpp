@@ -31,9 +31,9 @@ std::optional<OrvAppConfigSettingsMigrationURLList> OrvAppConfigSettingsMigratio
 }
 
 const OrvClass& OrvAppConfigSettingsMigrationURL::orvClass() {
-  static const OrvClass& cls = OrvClass::registerClass(
-      "OrvAppConfigSettingsMigrationURL", nullptr, supportsSecureCoding(),
-      [](OrvKeyedUnarchiver& coder) -> std::shared_ptr<OrvSecureCoding> { return initWithCoder(coder); });
+  static const OrvClass& cls =
+      OrvClass::registerClass("OrvAppConfigSettingsMigrationURL", nullptr, supportsSecureCoding(),
+                              [](OrvKeyedUnarchiver& coder) -> std::shared_ptr<OrvSecureCoding> { return initWithCoder(coder); });
   return cls;
 }
 
@@ -43,8 +43,7 @@ void OrvAppConfigSettingsMigrationURL::encodeWithCoder(OrvKeyedArchiver& coder) 
   coder.encodeString(url_, "url");
 }
 
-std::shared_ptr<OrvAppConfigSettingsMigrationURL> OrvAppConfigSettingsMigrationURL::initWithCoder(
-    OrvKeyedUnarchiver& coder) {
+std::shared_ptr<OrvAppConfigSettingsMigrationURL> OrvAppConfigSettingsMigrationURL::initWithCoder(OrvKeyedUnarchiver& coder) {
   auto validUntil = coder.decodeNumberForKey("dovrinValidUntil");
   auto validUntilDate = coder.decodeDateForKey("dovrinValidUntilDate");
   auto url = coder.decodeStringForKey("url");

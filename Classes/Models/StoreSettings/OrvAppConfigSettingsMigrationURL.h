@@ -12,14 +12,14 @@
 #include "OrvTypes.h"
 
 class OrvAppConfigSettingsMigrationURL : public OrvSecureCoding {
-public:
+ public:
   OrvAppConfigSettingsMigrationURL(std::optional<OrvNumber> dovrinValidUntil, std::optional<OrvDate> dovrinValidUntilDate,
                                    std::optional<std::string> urlString)
       : dovrinValidUntil_(dovrinValidUntil), dovrinValidUntilDate_(dovrinValidUntilDate), url_(std::move(urlString)) {}
 
-  static std::shared_ptr<OrvAppConfigSettingsMigrationURL> initWithDovrinValidUntil(
-      std::optional<OrvNumber> dovrinValidUntil, std::optional<OrvDate> dovrinValidUntilDate,
-      std::optional<std::string> urlString);
+  static std::shared_ptr<OrvAppConfigSettingsMigrationURL> initWithDovrinValidUntil(std::optional<OrvNumber> dovrinValidUntil,
+                                                                                    std::optional<OrvDate> dovrinValidUntilDate,
+                                                                                    std::optional<std::string> urlString);
   static std::shared_ptr<OrvAppConfigSettingsMigrationURL> initWithJSONDictionary(const boost::json::object* jsonDictionary);
   // One entry per JSON-object element, in order; nothing for nothing.
   static std::optional<std::vector<std::shared_ptr<OrvAppConfigSettingsMigrationURL>>> migrationUrlsFromJSONObjects(
@@ -39,11 +39,10 @@ public:
   void encodeWithCoder(OrvKeyedArchiver& coder) const override;
 
   friend bool operator==(const OrvAppConfigSettingsMigrationURL& a, const OrvAppConfigSettingsMigrationURL& b) {
-    return a.dovrinValidUntil_ == b.dovrinValidUntil_ && a.dovrinValidUntilDate_ == b.dovrinValidUntilDate_ &&
-           a.url_ == b.url_;
+    return a.dovrinValidUntil_ == b.dovrinValidUntil_ && a.dovrinValidUntilDate_ == b.dovrinValidUntilDate_ && a.url_ == b.url_;
   }
 
-private:
+ private:
   std::optional<OrvNumber> dovrinValidUntil_;
   std::optional<OrvDate> dovrinValidUntilDate_;
   std::optional<std::string> url_;

@@ -15,7 +15,7 @@
 #include "OrvTypes.h"
 
 class OrvAppConfigSettingsRecord : public OrvSecureCoding {
-public:
+ public:
   OrvAppConfigSettingsRecord() = default;
 
   // exp and iat are both numbers of seconds since 1970; the dates follow from them.
@@ -57,7 +57,7 @@ public:
   // Deep and by value, dates included.
   friend bool operator==(const OrvAppConfigSettingsRecord& a, const OrvAppConfigSettingsRecord& b);
 
-private:
+ private:
   std::shared_ptr<OrvAppConfigSettingsKaleth> kaleth_;
   std::shared_ptr<OrvAppConfigSettingsURL> url_;
   std::shared_ptr<OrvAppConfigSettingsChannel> settingsChannel_;

@@ -11,15 +11,15 @@ std::shared_ptr<OrvAppConfigSettingsURL> OrvAppConfigSettingsURL::initWithName(
 std::shared_ptr<OrvAppConfigSettingsURL> OrvAppConfigSettingsURL::initWithJSONDictionary(
     const boost::json::object* jsonDictionary) {
   if (!jsonDictionary) return nullptr;
-  return initWithName(OrvJSON::jsonStringForKey(jsonDictionary, "name"),
-                      OrvAppConfigSettingsMigrationURL::migrationUrlsFromJSONObjects(
-                          OrvJSON::jsonArrayForKey(jsonDictionary, "migrationUrl")));
+  return initWithName(
+      OrvJSON::jsonStringForKey(jsonDictionary, "name"),
+      OrvAppConfigSettingsMigrationURL::migrationUrlsFromJSONObjects(OrvJSON::jsonArrayForKey(jsonDictionary, "migrationUrl")));
 }
 
 const OrvClass& OrvAppConfigSettingsURL::orvClass() {
-  static const OrvClass& cls = OrvClass::registerClass(
-      "OrvAppConfigSettingsURL", nullptr, supportsSecureCoding(),
-      [](OrvKeyedUnarchiver& coder) -> std::shared_ptr<OrvSecureCoding> { return initWithCoder(coder); });
+  static const OrvClass& cls =
+      OrvClass::registerClass("OrvAppConfigSettingsURL", nullptr, supportsSecureCoding(),
+                              [](OrvKeyedUnarchiver& coder) -> std::shared_ptr<OrvSecureCoding> { return initWithCoder(coder); });
   return cls;
 }
 

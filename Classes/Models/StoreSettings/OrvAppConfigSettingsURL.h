@@ -9,12 +9,12 @@
 #include "OrvKeyedArchiver.h"
 
 class OrvAppConfigSettingsURL : public OrvSecureCoding {
-public:
+ public:
   OrvAppConfigSettingsURL(std::optional<std::string> name, std::optional<OrvAppConfigSettingsMigrationURLList> migrationURLs)
       : name_(std::move(name)), migrationUrl_(std::move(migrationURLs)) {}
 
-  static std::shared_ptr<OrvAppConfigSettingsURL> initWithName(
-      std::optional<std::string> name, std::optional<OrvAppConfigSettingsMigrationURLList> migrationURLs);
+  static std::shared_ptr<OrvAppConfigSettingsURL> initWithName(std::optional<std::string> name,
+                                                               std::optional<OrvAppConfigSettingsMigrationURLList> migrationURLs);
   static std::shared_ptr<OrvAppConfigSettingsURL> initWithJSONDictionary(const boost::json::object* jsonDictionary);
 
   const std::optional<std::string>& name() const noexcept { return name_; }
@@ -32,7 +32,7 @@ public:
 
   friend bool operator==(const OrvAppConfigSettingsURL& a, const OrvAppConfigSettingsURL& b);
 
-private:
+ private:
   std::optional<std::string> name_;
   std::optional<OrvAppConfigSettingsMigrationURLList> migrationUrl_;
 };

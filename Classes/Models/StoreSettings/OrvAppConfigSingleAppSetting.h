@@ -12,7 +12,7 @@
 #include "OrvKeyedArchiver.h"
 
 class OrvAppConfigSingleAppSetting : public OrvSecureCoding {
-public:
+ public:
   OrvAppConfigSingleAppSetting(std::optional<std::string> name, std::optional<boost::json::value> value)
       : name_(std::move(name)), value_(std::move(value)) {}
 
@@ -38,7 +38,7 @@ public:
     return a.name_ == b.name_ && a.value_ == b.value_;
   }
 
-private:
+ private:
   std::optional<std::string> name_;
   std::optional<boost::json::value> value_;
 };
