@@ -14,7 +14,7 @@ void OrvAppConfigService::asyncStartSettingsRetrievalForContext(
     std::shared_ptr<OrvAppConfigServiceSettingsRetrievalContext> context) {
   if (context->storeUrls().empty() || !context->completionBlock() || !isValidFeatureChannelNameForContext(*context)) {
     ORV_LOG_ERROR("Store URL count = %lu (expected non-zero) or invalid channel name %@ or nil completionBlock provided",
-                  context->storeUrls().size(), context->channelName());
+                  context->storeUrls().size(), context->channelName().value_or("(nil)"));
     invokeCompletionBlockOnMainThreadForSettingsRetrievalContext(
         std::move(context), OrvAppConfigServiceCompletionStatusInvalidParameters, std::nullopt);
     return;

@@ -90,7 +90,7 @@ TEST(OrvAppConfigServiceTest, RefusedSettingsRetrievalIsDeliveredLaterOnTheMainQ
   EXPECT_EQ(std::get<0>(empty.values), OrvAppConfigServiceCompletionStatusInvalidParameters);
   EXPECT_EQ(std::get<1>(empty.values), std::nullopt);
   EXPECT_TRUE(
-      log->contains("Store URL count = 0 (expected non-zero) or invalid channel name (null) or nil completionBlock provided"));
+      log->contains("Store URL count = 0 (expected non-zero) or invalid channel name (nil) or nil completionBlock provided"));
 
   for (const char* channel : {"be ta", "beta%20", "beta?", "b#", "b;", "b\u00e9"}) {
     SettingsCapture capture;

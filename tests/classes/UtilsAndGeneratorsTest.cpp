@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+
 #include "OrvAppConfigAutoDiscoverURLGenerator.h"
 #include "OrvAppConfigDiscoveryHosts.h"
 #include "OrvAppConfigServiceUtils.h"
@@ -135,4 +137,18 @@ TEST_F(HostsFixture, SettingsQueryURLs) {
   EXPECT_EQ(
       urlString(G::generateSettingsQueryURLForStoreURL(OrvURL::URLWithString("store.example.com/Store"), 0, 0, std::nullopt)),
       "https://prod.example.net/ads/root/url/" + encoded + "/product/kaleth/os/ios");
+}
+
+TEST(OrvAppConfigDiscoveryHostsTest, OverrideBeatsEnvironmentBeatsBuildDefault) {
+  ::unsetenv("ORV_APPCONFIG_STAGING_HOST");
+  const std::string buildDefault = OrvAppConfigDiscoveryHosts::stagingHost();
+  ::setenv("ORV_APPCONFIG_STAGING_HOST", "127.0.0.1:8443", 1);
+  EXPECT_EQ(OrvAppConfigDiscoveryHosts::stagingHost(), "127.0.0.1:8443");
+  EXPECT_EQ(OrvAppConfigDiscoveryHosts::hostForHostType(5), "127.0.0.1:8443");
+  OrvAppConfigDiscoveryHosts::setStagingHost("stage.example.net");
+  EXPECT_EQ(OrvAppConfigDiscoveryHosts::stagingHost(), "stage.example.net");
+  OrvAppConfigDiscoveryHosts::setStagingHost(std::nullopt);
+  ::setenv("ORV_APPCONFIG_STAGING_HOST", "", 1);
+  EXPECT_EQ(OrvAppConfigDiscoveryHosts::stagingHost(), buildDefault) << "an empty variable counts as unset";
+  ::unsetenv("ORV_APPCONFIG_STAGING_HOST");
 }
