@@ -58,7 +58,15 @@ void OrvAppConfigQueryOperation::coreStart() {
   }
   // The handler holds the operation weakly: a pending request must not keep it alive.
   std::weak_ptr<OrvAppConfigQueryOperation> weakSelf = std::static_pointer_cast<OrvAppConfigQueryOperation>(shared_from_this());
-  auto task = urlSession()->dataTaskWithRequest(
+  const auto session = urlSession();
+  if (!session) {
+    // A service built without a session cannot reach the network; say so instead of crashing.
+    const OrvError noSession(OrvURLErrorDomain, OrvURLErrorNoSession, {{OrvLocalizedDescriptionKey, "No URL session was provided"}});
+    ORV_LOG_ERROR("URL request for %@ failed with error: %@", appConfigQueryOperationFriendlyName(), noSession);
+    completeOperationWithStatus(OrvAppConfigQueryOperationCompletionStatusInvalidResponse, noSession);
+    return;
+  }
+  auto task = session->dataTaskWithRequest(
       request,
       [weakSelf](std::optional<OrvData> data, std::shared_ptr<const OrvHTTPURLResponse> response, std::optional<OrvError> error) {
         if (auto self = weakSelf.lock()) self->didCompleteUrlTaskWithData(std::move(data), std::move(response), std::move(error));

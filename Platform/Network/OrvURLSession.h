@@ -23,6 +23,8 @@ using OrvHTTPHeaderDictionary = std::map<std::string, std::string>;
 inline constexpr const char* OrvURLErrorDomain = "com.varnel.OrvNetwork.URLError";
 // Code of a task that was cancelled.
 inline constexpr std::int64_t OrvURLErrorCancelled = -999;
+// Code of a request that had no session to run on.
+inline constexpr std::int64_t OrvURLErrorNoSession = -1000;
 
 class OrvURLRequest {
  public:

@@ -5,6 +5,22 @@
 OrvUrlSessionTaskOperationObjC::OrvUrlSessionTaskOperationObjC(std::shared_ptr<OrvURLSession> urlSession)
     : urlSession_(std::move(urlSession)) {}
 
+std::shared_ptr<OrvURLSession> OrvUrlSessionTaskOperationObjC::urlSession() const {
+  std::lock_guard lock(mutex_);
+  return urlSession_;
+}
+
+void OrvUrlSessionTaskOperationObjC::coreCompleteOperation() {
+  std::shared_ptr<OrvURLSession> session;
+  std::shared_ptr<OrvURLSessionDataTask> task;
+  {
+    std::lock_guard lock(mutex_);
+    session.swap(urlSession_);
+    task.swap(task_);
+  }
+  moveToFinishedState();
+}
+
 void OrvUrlSessionTaskOperationObjC::setSessionTaskOperationHandle(std::shared_ptr<OrvURLSessionDataTask> task) {
   bool cancelNow = false;
   {

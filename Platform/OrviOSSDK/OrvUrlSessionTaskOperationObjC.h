@@ -15,7 +15,9 @@ class OrvUrlSessionTaskOperationObjC : public OrvOperation {
 
   bool isAsynchronous() const override { return true; }
 
-  const std::shared_ptr<OrvURLSession>& urlSession() const noexcept { return urlSession_; }
+  // Nothing once the operation has finished: a finished operation that someone still holds must not
+  // keep the session (and its I/O thread) alive.
+  std::shared_ptr<OrvURLSession> urlSession() const;
 
   void setSessionTaskOperationHandle(std::shared_ptr<OrvURLSessionDataTask> task);
   std::shared_ptr<OrvURLSessionDataTask> sessionTaskOperationHandle() const;
@@ -27,7 +29,8 @@ class OrvUrlSessionTaskOperationObjC : public OrvOperation {
 
  protected:
   // Marks the operation finished, which releases it from its queue and runs its completion block.
-  void coreCompleteOperation() { moveToFinishedState(); }
+  // Marks the operation finished and lets go of the session and the task.
+  void coreCompleteOperation();
   void didCancel() override;
 
  private:

@@ -137,6 +137,13 @@ TEST(OrvAppConfigQueryOperationTest, CancelledBeforeStartAndNoURLMakeNoRequest) 
   EXPECT_EQ(session->requestCount(), 0u);
   EXPECT_EQ(OrvAppConfigQueryOperation::descriptionForCompletionStatus(9),
             "Unknown OrvAppConfigQueryOperationCompletionStatus of 9");
+
+  // A service built without a session fails its queries instead of crashing.
+  auto sessionless = autoDiscover(nullptr);
+  runToCompletion(sessionless);
+  EXPECT_EQ(sessionless->completionStatus(), OrvAppConfigQueryOperationCompletionStatusInvalidResponse);
+  ASSERT_TRUE(sessionless->completionError());
+  EXPECT_EQ(sessionless->completionError()->code(), OrvURLErrorNoSession);
 }
 
 namespace {
