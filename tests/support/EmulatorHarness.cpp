@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "OrvAppConfigDiscoveryHosts.h"
+#include "TestSupport.h"
 
 namespace orv::test {
 
@@ -62,8 +63,13 @@ EmulatorHarness::EmulatorHarness(HarnessOptions options) {
 }
 
 EmulatorHarness::~EmulatorHarness() {
+  // A worker finishing the last step of a request may still hold the service for a moment after the
+  // completion was delivered; the session (and curl's I/O thread) must be gone before the process
+  // tears OpenSSL down.
+  std::weak_ptr<OrvURLSession> lastSession = session;
   service.reset();
   session.reset();
+  pollUntil([&] { return lastSession.expired(); }, std::chrono::seconds(5));
   emulator_.reset();
   OrvAppConfigDiscoveryHosts::setProductionHost(std::nullopt);
   OrvAppConfigDiscoveryHosts::setStagingHost(std::nullopt);
