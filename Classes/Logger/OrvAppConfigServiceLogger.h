@@ -36,8 +36,19 @@ void ORVAPPCONFIGCORELOG(std::string_view module, std::int64_t level, std::strin
   orv::detail::appConfigCoreLog(module, level, fileName, functionName, lineNumber, format, described);
 }
 
+namespace orv::detail {
+// Call sites report their file relative to the source tree. Absolute paths are mapped by the
+// compiler (-fmacro-prefix-map); a build that passes relative paths (ccache's base directory does)
+// leaves "../" in front, which this strips.
+constexpr const char* sourceRelativePath(const char* path) {
+  while (path[0] == '.' && (path[1] == '/' || (path[1] == '.' && path[2] == '/'))) path += path[1] == '/' ? 2 : 3;
+  return path;
+}
+}  // namespace orv::detail
+
 // Fills in the module, the calling file, function and line.
-#define ORV_APPCONFIG_LOG(level, ...) \
-  ORVAPPCONFIGCORELOG(OrvAppConfigServiceLogModule, (level), __FILE__, __PRETTY_FUNCTION__, __LINE__, __VA_ARGS__)
+#define ORV_APPCONFIG_LOG(level, ...)                                                                                        \
+  ORVAPPCONFIGCORELOG(OrvAppConfigServiceLogModule, (level), orv::detail::sourceRelativePath(__FILE__), __PRETTY_FUNCTION__, \
+                      __LINE__, __VA_ARGS__)
 #define ORV_LOG_ERROR(...) ORV_APPCONFIG_LOG(OrvSdkLogLevelError, __VA_ARGS__)
 #define ORV_LOG_INFO(...) ORV_APPCONFIG_LOG(OrvSdkLogLevelInfo, __VA_ARGS__)
