@@ -5,44 +5,32 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 
+#include "EmulatorHarness.h"
 #include "OrvDiscoveryEmulator.h"
 #include "OrvURLSession.h"
+#include "TestSupport.h"
 
 namespace orv::test {
 
-class GeneratedMaterial {
- public:
-  static const std::string& dir() {
-    static GeneratedMaterial material;
-    return material.dir_;
-  }
-
- private:
-  GeneratedMaterial() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "orv-emulator-test-XXXXXX").string();
-    if (mkdtemp(pattern.data())) dir_ = pattern;
+// One set of material per test process; key generation is the slow part.
+inline const std::string& generatedMaterialDir() {
+  static const TemporaryDirectory directory;
+  static const std::string dir = [] {
     std::string error;
-    if (dir_.empty() || !orv::emulator::generateMaterial(dir_, &error)) {
-      ADD_FAILURE() << "cannot generate emulator material: " << error;
-    }
-  }
-  ~GeneratedMaterial() {
-    std::error_code ignored;
-    if (!dir_.empty()) std::filesystem::remove_all(dir_, ignored);
-  }
-  std::string dir_;
-};
+    if (!orv::emulator::generateMaterial(directory.path().string(), &error)) ADD_FAILURE() << "material: " << error;
+    return directory.path().string();
+  }();
+  return dir;
+}
 
 inline std::unique_ptr<orv::emulator::DiscoveryEmulator> startEmulator(orv::emulator::EmulatorOptions options = {}) {
-  if (options.materialDir.empty()) options.materialDir = GeneratedMaterial::dir();
+  if (options.materialDir.empty()) options.materialDir = generatedMaterialDir();
   std::string error;
   auto emulator = orv::emulator::DiscoveryEmulator::start(options, &error);
   EXPECT_TRUE(emulator) << error;
@@ -111,17 +99,6 @@ inline std::shared_ptr<TaskOutcome> fetch(OrvURLSession& session, const OrvURLRe
 
 inline std::shared_ptr<TaskOutcome> fetch(OrvURLSession& session, const std::string& url) {
   return fetch(session, requestFor(url));
-}
-
-// Waits until pred holds, polling; false after the timeout.
-template <typename Predicate>
-bool eventually(Predicate pred, std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!pred()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
 }
 
 }  // namespace orv::test

@@ -1,4 +1,3 @@
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <regex>
@@ -6,28 +5,9 @@
 #include "FoundationTestHelpers.h"
 #include "OrvHttpHeaderProviderServiceProtocol.h"
 #include "OrvOperationQueue.h"
-#include "OrvSdkLogger.h"
 #include "OrvUrlSessionTaskOperationObjC.h"
 
 namespace {
-
-class MockLoggerDelegate : public OrvSdkLoggerDelegate {
- public:
-  MOCK_METHOD(void, logWithModule,
-              (std::string_view, std::int64_t, std::string_view, std::string_view, std::int64_t, std::string_view), (override));
-};
-
-TEST(OrvSdkLoggerTest, PercentSignsInTheMessageArriveUnchanged) {
-  auto logger = OrvSdkLogger::initWithLoggerDelegate(nullptr);
-  logger->logWithModule("M", OrvSdkLogLevelInfo, "f.cpp", "fn", 1, "%@", {"nobody listens"});
-  auto delegate = std::make_shared<::testing::StrictMock<MockLoggerDelegate>>();
-  logger->setDelegate(delegate);
-  EXPECT_CALL(*delegate,
-              logWithModule(std::string_view("OrvAppConfigService"), OrvSdkLogLevelError, std::string_view("Classes/x.cpp"),
-                            std::string_view("-[X y:]"), 42, std::string_view("URL https://h/%41%d%@ failed")));
-  logger->logWithModule("OrvAppConfigService", OrvSdkLogLevelError, "Classes/x.cpp", "-[X y:]", 42, "%@",
-                        {"URL https://h/%41%d%@ failed"});
-}
 
 TEST(OrvHttpHeaderProviderServiceTest, FreshVersion4TransactionIds) {
   OrvHttpHeaderProviderService provider;

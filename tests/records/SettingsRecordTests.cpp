@@ -207,48 +207,41 @@ TEST(OrvAppConfigSettingsRecord, HandEditedArchivesAreRefused) {
   ASSERT_TRUE(unarchive(data, nullptr));
 
   // The description under the JSON key instead of the property name is simply not found.
-  auto renamed = unarchive(edited(data,
-                                  [](json::object& fields) {
-                                    auto& kaleth = fieldsAt(fields, {"kaleth"});
-                                    json::value description = kaleth.at("theDescription");
-                                    kaleth["description"] = std::move(description);
-                                    kaleth.erase("theDescription");
-                                  }),
-                           nullptr);
+  const auto renamed = unarchive(edited(data,
+                                        [](json::object& fields) {
+                                          auto& kaleth = fieldsAt(fields, {"kaleth"});
+                                          kaleth["description"] = json::value(kaleth.at("theDescription"));
+                                          kaleth.erase("theDescription");
+                                        }),
+                                 nullptr);
   ASSERT_TRUE(renamed);
   EXPECT_FALSE(renamed->kaleth()->theDescription());
 
-  // A group cannot change platform inside the archive.
-  EXPECT_EQ(refusal(edited(data,
-                           [](json::object& fields) {
-                             fieldsAt(fields, {"kaleth", "appSettings"})["ios"].at("$items").at(0).as_object()["$class"] =
-                                 "OrvAppConfigSettingsMacOS";
-                           })),
-            OrvKeyedArchiverErrorClassNotAllowed);
-  // A single group where a list is expected is no list, although its class is in the set.
-  EXPECT_EQ(refusal(edited(data,
-                           [](json::object& fields) {
-                             auto& app = fieldsAt(fields, {"kaleth", "appSettings"});
-                             app["ios"] = json::value(app["ios"].at("$items").at(0));
-                           })),
-            OrvKeyedArchiverErrorClassNotAllowed);
-  // A string where a number is allowed; a sub-record under the wrong key; an unknown class.
-  EXPECT_EQ(refusal(edited(data,
-                           [](json::object& fields) {
-                             json::value text = fields.at("url").at("$fields").at("name");
-                             fields["exp"] = std::move(text);
-                           })),
-            OrvKeyedArchiverErrorClassNotAllowed);
-  EXPECT_EQ(refusal(edited(data,
-                           [](json::object& fields) {
-                             json::value channel = fields.at("settingsChannel");
-                             fields["url"] = std::move(channel);
-                           })),
-            OrvKeyedArchiverErrorClassNotAllowed);
-  EXPECT_EQ(refusal(edited(data, [](json::object& fields) { fields["url"].as_object()["$class"] = "OrvEvil"; })),
-            OrvKeyedArchiverErrorUnknownClass);
-  EXPECT_EQ(refusal(edited(data, [](json::object& fields) { fields["kaleth"].as_object().erase("$fields"); })),
-            OrvKeyedArchiverErrorCorrupt);
+  using Edit = std::function<void(json::object & fields)>;
+  const std::pair<Edit, std::int64_t> refused[] = {
+      // A group cannot change platform inside the archive.
+      {[](json::object& fields) {
+         fieldsAt(fields, {"kaleth", "appSettings"})["ios"].at("$items").at(0).as_object()["$class"] =
+             "OrvAppConfigSettingsMacOS";
+       },
+       OrvKeyedArchiverErrorClassNotAllowed},
+      // A single group where a list is expected is no list, although its class is in the set.
+      {[](json::object& fields) {
+         auto& app = fieldsAt(fields, {"kaleth", "appSettings"});
+         app["ios"] = json::value(app["ios"].at("$items").at(0));
+       },
+       OrvKeyedArchiverErrorClassNotAllowed},
+      // A string where a number is allowed; a sub-record under the wrong key; an unknown class.
+      {[](json::object& fields) { fields["exp"] = json::value(fields.at("url").at("$fields").at("name")); },
+       OrvKeyedArchiverErrorClassNotAllowed},
+      {[](json::object& fields) { fields["url"] = json::value(fields.at("settingsChannel")); },
+       OrvKeyedArchiverErrorClassNotAllowed},
+      {[](json::object& fields) { fields["url"].as_object()["$class"] = "OrvEvil"; }, OrvKeyedArchiverErrorUnknownClass},
+      {[](json::object& fields) { fields["kaleth"].as_object().erase("$fields"); }, OrvKeyedArchiverErrorCorrupt},
+  };
+  for (std::size_t i = 0; i < std::size(refused); ++i) {
+    EXPECT_EQ(refusal(edited(data, refused[i].first)), refused[i].second) << "edit " << i;
+  }
   EXPECT_EQ(refusal(data.substr(0, data.size() / 2)), OrvKeyedArchiverErrorCorrupt);
 
   // A missing key is nil, not an error.
@@ -283,9 +276,7 @@ TEST(OrvAppConfigSettingsRecord, GroupsKeepTheirPlatformClass) {
   auto decoded = OrvKeyedUnarchiver::unarchivedObjectOfClass<OrvAppConfigCommonSettings>(archive(ios), &error);
   ASSERT_TRUE(decoded) << error->description();
   EXPECT_EQ(decoded->className(), "OrvAppConfigSettingsIos");
-  EXPECT_EQ(*decoded, *ios);
-  EXPECT_FALSE(OrvKeyedUnarchiver::unarchivedObjectOfClass<OrvAppConfigSettingsIos>(archive(macos), &error));
-  EXPECT_EQ(error->code(), OrvKeyedArchiverErrorClassNotAllowed);
+  EXPECT_EQ(*decoded, *ios);  // the other way round: the hand-edited archives
 }
 
 TEST(OrvAppConfigSettingsRecord, ArchivingRefusesWhatCouldNotBeReadBack) {

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 #include <openssl/pem.h>
 
-#include <condition_variable>
+#include <atomic>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -9,6 +9,7 @@
 #include "OrvOpenSSLHandles.h"
 #include "OrvSDKStringUtils.h"
 #include "SecurityTestMaterial.h"
+#include "TestSupport.h"
 
 namespace orv::test {
 namespace {
@@ -37,37 +38,32 @@ std::string derFromRaw(std::string_view raw) {
   return std::string(reinterpret_cast<const char*>(der), static_cast<std::size_t>(length));
 }
 
-// Completions recorded from whichever threads deliver them; owned jointly by the test and the blocks.
-class CompletionLog : public std::enable_shared_from_this<CompletionLog> {
- public:
+// Completions from whichever threads deliver them; shared with the blocks, which may outlive a failed wait.
+struct CompletionLog {
   struct Completion {
     std::int64_t result;
-    std::optional<OrvError> error;
+    bool hasError;
     std::thread::id thread;
   };
+  std::mutex mutex;
+  std::map<int, Completion> byTag;
+  std::atomic<std::size_t> count{0};
 
-  OrvJWTValidationCompletionBlock recorder(int tag) {
-    return [self = shared_from_this(), tag](std::int64_t result, std::optional<OrvError> error) {
-      std::lock_guard lock(self->mutex_);
-      self->completions_.insert_or_assign(tag, Completion{result, std::move(error), std::this_thread::get_id()});
-      ++self->count_;
-      self->changed_.notify_all();
+  static OrvJWTValidationCompletionBlock recorder(const std::shared_ptr<CompletionLog>& log, int tag) {
+    return [log, tag](std::int64_t result, std::optional<OrvError> error) {
+      std::lock_guard lock(log->mutex);
+      log->byTag.insert_or_assign(tag, Completion{result, error.has_value(), std::this_thread::get_id()});
+      ++log->count;
     };
   }
-  bool waitForCount(std::size_t count) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, 120s, [&] { return count_ >= count; }) && count_ == count;
+  // Exactly count completions, each delivered once.
+  std::map<int, Completion> waitForCount(std::size_t expected) {
+    EXPECT_TRUE(pollUntil([&] { return count >= expected; }, 120s));
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(count, expected);
+    EXPECT_EQ(byTag.size(), expected);
+    return byTag;
   }
-  std::map<int, Completion> completions() {
-    std::lock_guard lock(mutex_);
-    return completions_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::map<int, Completion> completions_;
-  std::size_t count_ = 0;
 };
 
 std::shared_ptr<const AdditionalCertificateValidationOptions> issuerOptions() {
@@ -282,8 +278,7 @@ TEST_F(SecurityUtilsServiceTest, TrustAnchorsRefuseCertificatesThatOnlyCarryTheR
   EXPECT_EQ(verifyResult(*anchored, jws, m.rsaLeaf), OrvSecurityUtilsResultSuccess);
   EXPECT_EQ(verifyResult(*anchored, jws, m.selfSigned), OrvSecurityUtilsResultUntrustedChain);
   EXPECT_EQ(verifyResult(*anchored, jws, m.leafOfOtherRoot), OrvSecurityUtilsResultUntrustedChain);
-  // Without anchors the same certificates are judged on their own.
-  EXPECT_EQ(check(jws, m.selfSigned), OrvSecurityUtilsResultSuccess);
+  // Without anchors the same certificates are judged on their own (the self-signed one: above).
   EXPECT_EQ(check(jws, m.leafOfOtherRoot), OrvSecurityUtilsResultSuccess);
 
   OrvSecurityUtilsService::Configuration configuration;
@@ -310,16 +305,17 @@ TEST_F(SecurityUtilsServiceTest, CompletesOnAWorkerThreadEvenAfterTheServiceIsGo
   auto log = std::make_shared<CompletionLog>();
   auto transient = serviceAt(m.now);
   transient->asyncValidateJWTWithJwtPayload(std::string(kPayload), jws.header, jws.signature, m.rsaLeaf, issuerOptions(),
-                                            log->recorder(0));
-  transient->asyncValidateJWTWithJwtPayload("other", jws.header, jws.signature, m.rsaLeaf, issuerOptions(), log->recorder(1));
+                                            CompletionLog::recorder(log, 0));
+  transient->asyncValidateJWTWithJwtPayload("other", jws.header, jws.signature, m.rsaLeaf, issuerOptions(),
+                                            CompletionLog::recorder(log, 1));
   transient->asyncValidateJWTWithJwtPayload(std::string(kPayload), jws.header, jws.signature, m.rsaLeaf, issuerOptions(), {});
   transient.reset();
-  ASSERT_TRUE(log->waitForCount(2));
-  const auto completions = log->completions();
+  const auto completions = log->waitForCount(2);
+  ASSERT_EQ(completions.size(), 2u);
   EXPECT_EQ(completions.at(0).result, OrvSecurityUtilsResultSuccess);
-  EXPECT_FALSE(completions.at(0).error.has_value());
+  EXPECT_FALSE(completions.at(0).hasError);
   EXPECT_EQ(completions.at(1).result, OrvSecurityUtilsResultSignatureMismatch);
-  EXPECT_TRUE(completions.at(1).error.has_value());
+  EXPECT_TRUE(completions.at(1).hasError);
   for (const auto& [tag, completion] : completions) EXPECT_NE(completion.thread, std::this_thread::get_id());
 }
 
@@ -335,16 +331,14 @@ TEST_F(SecurityUtilsServiceTest, ManyVerificationsInParallelShareOneCertificate)
     callers.emplace_back([&, caller] {
       for (int i = 0; i < kPerCaller; ++i) {
         const int which = (caller + i) % 3;
-        const bool tamper = i % 4 == 0;
-        anchored->asyncValidateJWTWithJwtPayload(tamper ? "tampered" : std::string(kPayload), signatures[which].header,
+        anchored->asyncValidateJWTWithJwtPayload(i % 4 == 0 ? "tampered" : std::string(kPayload), signatures[which].header,
                                                  signatures[which].signature, certificates[which], issuerOptions(),
-                                                 log->recorder(caller * kPerCaller + i));
+                                                 CompletionLog::recorder(log, caller * kPerCaller + i));
       }
     });
   }
   for (auto& thread : callers) thread.join();
-  ASSERT_TRUE(log->waitForCount(kCallers * kPerCaller));
-  for (const auto& [tag, completion] : log->completions()) {
+  for (const auto& [tag, completion] : log->waitForCount(kCallers * kPerCaller)) {
     EXPECT_EQ(completion.result,
               tag % kPerCaller % 4 == 0 ? OrvSecurityUtilsResultSignatureMismatch : OrvSecurityUtilsResultSuccess)
         << tag;

@@ -56,45 +56,31 @@ std::size_t countPaths(const std::vector<std::string>& paths, std::string_view p
       std::count_if(paths.begin(), paths.end(), [&](const auto& p) { return p.starts_with(prefix); }));
 }
 
-// Replaces the emulator's signing certificate before it starts. The emulator goes on signing with its
-// own key and names the new certificate in "x5t#S256", so only the certificate checks can refuse it
-// (or the signature, when the certificate carries another key).
-std::function<void(const TemporaryDirectory&)> replaceSigningCertificate(orv::emulator::CertificateProfile leaf,
-                                                                         std::string caName, bool selfSigned = false,
-                                                                         bool otherKey = false) {
+// Replaces the emulator's signing certificate, keeping its key, by one from a CA of the given name. The
+// emulator names the new certificate in "x5t#S256", so only the certificate checks can refuse it.
+std::function<void(const TemporaryDirectory&)> replaceSigningCertificate(std::string caName, std::chrono::hours notAfter) {
   return [=](const TemporaryDirectory& material) {
     using namespace orv::emulator;
-    auto signingKey =
-        otherKey ? PrivateKey::generate(KeyKind::rsa2048) : PrivateKey::fromPEM(readFile(material.file(kSigningRSAKeyFile)));
-    ASSERT_TRUE(signingKey);
-    std::optional<std::string> pem;
-    if (selfSigned) {
-      pem = issueCertificate(leaf, *signingKey, nullptr, *signingKey);
-    } else {
-      auto caKey = PrivateKey::generate(KeyKind::ecP256);
-      CertificateProfile ca;
-      ca.organization = caName;
-      ca.commonName = caName;
-      ca.isCA = true;
-      ca.notBefore = std::chrono::system_clock::now() - std::chrono::hours(48);
-      ca.notAfter = std::chrono::system_clock::now() + std::chrono::hours(48);
-      const auto caPEM = issueCertificate(ca, *caKey, nullptr, *caKey);
-      ASSERT_TRUE(caPEM);
-      const auto caCertificate = OrvCertificate::certificateWithContent(*caPEM);
-      pem = issueCertificate(leaf, *signingKey, caCertificate.get(), *caKey);
-    }
+    auto signingKey = PrivateKey::fromPEM(readFile(material.file(kSigningRSAKeyFile)));
+    auto caKey = PrivateKey::generate(KeyKind::ecP256);
+    ASSERT_TRUE(signingKey && caKey);
+    const auto now = std::chrono::system_clock::now();
+    CertificateProfile ca;
+    ca.organization = ca.commonName = caName;
+    ca.isCA = true;
+    ca.notBefore = now - std::chrono::hours(48);
+    ca.notAfter = now + std::chrono::hours(48);
+    CertificateProfile leaf;
+    leaf.organization = "Varnel Systems, Inc.";
+    leaf.commonName = "Varnel AppConfig Signing";
+    leaf.notBefore = now - std::chrono::hours(48);
+    leaf.notAfter = now + notAfter;
+    const auto caPEM = issueCertificate(ca, *caKey, nullptr, *caKey);
+    ASSERT_TRUE(caPEM);
+    const auto pem = issueCertificate(leaf, *signingKey, OrvCertificate::certificateWithContent(*caPEM).get(), *caKey);
     ASSERT_TRUE(pem);
     writeFile(material.file(kSigningRSAFile), *pem);
   };
-}
-
-orv::emulator::CertificateProfile leafProfile(std::chrono::hours notBeforeOffset, std::chrono::hours notAfterOffset) {
-  orv::emulator::CertificateProfile leaf;
-  leaf.organization = "Varnel Systems, Inc.";
-  leaf.commonName = "Varnel AppConfig Signing";
-  leaf.notBefore = std::chrono::system_clock::now() + notBeforeOffset;
-  leaf.notAfter = std::chrono::system_clock::now() + notAfterOffset;
-  return leaf;
 }
 
 // Flips one byte of every auto-discover body after it was received: the signature no longer covers it.
@@ -220,26 +206,15 @@ TEST(AutoDiscoveryWorkflowTest, SignatureFailures) {
     expectRefused(harness, "tampered body", OrvSecurityUtilsResultSignatureMismatch);
   }
 
-  const auto withCertificate = [&](const char* what, std::int64_t code, std::function<void(const TemporaryDirectory&)> prepare,
-                                   bool anchors = false) {
+  // The service asks for the issuer's name and checks the period (bad keys and chains: the security tests).
+  for (const auto& [what, code, notAfter, caName] :
+       {std::tuple{"wrong issuer", OrvSecurityUtilsResultIssuerMismatch, 1, "Varnel Systems Inc"},
+        std::tuple{"expired certificate", OrvSecurityUtilsResultCertificateExpired, -1, "Varnel Systems, Inc."}}) {
     HarnessOptions options{kCatalog};
-    options.prepareMaterial = std::move(prepare);
-    options.useTrustAnchors = anchors;
+    options.prepareMaterial = replaceSigningCertificate(caName, std::chrono::hours(notAfter));
     EmulatorHarness harness(options);
     expectRefused(harness, what, code);
-  };
-  withCertificate("wrong key", OrvSecurityUtilsResultSignatureMismatch,
-                  replaceSigningCertificate(leafProfile(std::chrono::hours(-1), std::chrono::hours(1)), "Varnel Systems, Inc.",
-                                            false, /*otherKey=*/true));
-  withCertificate("wrong issuer", OrvSecurityUtilsResultIssuerMismatch,
-                  replaceSigningCertificate(leafProfile(std::chrono::hours(-1), std::chrono::hours(1)), "Varnel Systems Inc"));
-  withCertificate(
-      "expired certificate", OrvSecurityUtilsResultCertificateExpired,
-      replaceSigningCertificate(leafProfile(std::chrono::hours(-48), std::chrono::hours(-1)), "Varnel Systems, Inc."));
-  auto selfIssued = leafProfile(std::chrono::hours(-1), std::chrono::hours(1));
-  selfIssued.commonName = "Varnel Systems, Inc.";
-  withCertificate("untrusted chain", OrvSecurityUtilsResultUntrustedChain,
-                  replaceSigningCertificate(selfIssued, "", /*selfSigned=*/true), /*anchors=*/true);
+  }
 }
 
 TEST(AutoDiscoveryWorkflowTest, ValidityWindowBoundariesWithAnInjectedClock) {
@@ -285,16 +260,15 @@ TEST(AutoDiscoveryWorkflowTest, RequestsOfOneServiceRunStrictlyOneAfterTheOther)
   harness.emulator().setFault("/ads/root/domain/example.com/", slow);
   std::vector<int> order;
   std::atomic<int> done{0};
-  harness.service->asyncStartAutodiscoveryForUserInput("user@example.com", 0, [&](auto status, auto, auto) {
-    EXPECT_EQ(status, 0u);
-    order.push_back(1);
-    ++done;
-  });
-  harness.service->asyncStartAutodiscoveryForUserInput("user@upper.example", 0, [&](auto status, auto, auto) {
-    EXPECT_EQ(status, 0u);
-    order.push_back(2);
-    ++done;
-  });
+  const auto completion = [&](int id) {
+    return [&, id](auto status, auto, auto) {
+      EXPECT_EQ(status, 0u) << id;
+      order.push_back(id);
+      ++done;
+    };
+  };
+  harness.service->asyncStartAutodiscoveryForUserInput("user@example.com", 0, completion(1));
+  harness.service->asyncStartAutodiscoveryForUserInput("user@upper.example", 0, completion(2));
   ASSERT_TRUE(runMainQueueUntil([&] { return done == 2; }));
   EXPECT_THAT(order, ::testing::ElementsAre(1, 2));
   // The second query went out only after the first request had fetched its certificate.

@@ -132,17 +132,15 @@ TEST(SettingsWorkflowTest, ManyStoresAtOnce) {
   // Two requests in flight together, on top of an auto-discovery that fails on its own.
   std::atomic<int> done{0};
   std::optional<std::size_t> firstCount, secondCount;
-  harness.service->asyncStartSettingsRetrievalForStoreUrls(stores, 0, 0, [&](auto status, auto settings, auto) {
-    EXPECT_EQ(status, 0u);
-    firstCount = settings ? settings->size() : 0;
-    ++done;
-  });
-  harness.service->asyncStartSettingsRetrievalForStoreUrls(stores, 0, 0, std::string("beta"),
-                                                           [&](auto status, auto settings, auto) {
-                                                             EXPECT_EQ(status, 0u);
-                                                             secondCount = settings ? settings->size() : 0;
-                                                             ++done;
-                                                           });
+  const auto completion = [&](std::optional<std::size_t>& count) {
+    return [&](auto status, auto settings, auto) {
+      EXPECT_EQ(status, 0u);
+      count = settings ? settings->size() : 0;
+      ++done;
+    };
+  };
+  harness.service->asyncStartSettingsRetrievalForStoreUrls(stores, 0, 0, completion(firstCount));
+  harness.service->asyncStartSettingsRetrievalForStoreUrls(stores, 0, 0, std::string("beta"), completion(secondCount));
   harness.service->asyncStartAutodiscoveryForUserInput("user@unknown.example", 0, [&](auto status, auto, auto) {
     EXPECT_EQ(status, 2u);
     ++done;
