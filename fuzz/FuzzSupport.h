@@ -29,7 +29,7 @@ inline void fuzzRequire(bool holds, const char* what) {
 
 // Touches every byte of every line so that the formatting cannot be optimised away.
 class FuzzConsumingLoggerDelegate final : public OrvSdkLoggerDelegate {
-public:
+ public:
   void logWithModule(std::string_view module, std::int64_t, std::string_view fileName, std::string_view functionName,
                      std::int64_t lineNumber, std::string_view message) override {
     std::size_t sum = module.size() + fileName.size() + functionName.size() + static_cast<std::size_t>(lineNumber);
@@ -37,7 +37,7 @@ public:
     checksum_.fetch_add(sum, std::memory_order_relaxed);
   }
 
-private:
+ private:
   std::atomic<std::size_t> checksum_{0};
 };
 

@@ -58,7 +58,8 @@ void useUserInput(const std::string& text) {
 void useChannelName(const std::string& text, const std::string& rest) {
   const auto store = OrvURL::URLWithString("https://store.example.com:443/Store");
   for (std::uint64_t platform = 0; platform <= 2; ++platform) {
-    requireReadsBack(OrvAppConfigSettingsQueryURLGenerator::generateSettingsQueryURLForStoreURL(store, platform & 1, platform, text));
+    requireReadsBack(
+        OrvAppConfigSettingsQueryURLGenerator::generateSettingsQueryURLForStoreURL(store, platform & 1, platform, text));
     requireReadsBack(OrvAppConfigSettingsQueryURLGenerator::settingsQueryURLWithHostType(0, platform, text, rest));
   }
   const OrvAppConfigServiceSettingsRetrievalContext context({}, 0, 0, text, nullptr);

@@ -61,7 +61,8 @@ void OrvAppConfigQueryOperation::coreStart() {
   const auto session = urlSession();
   if (!session) {
     // A service built without a session cannot reach the network; say so instead of crashing.
-    const OrvError noSession(OrvURLErrorDomain, OrvURLErrorNoSession, {{OrvLocalizedDescriptionKey, "No URL session was provided"}});
+    const OrvError noSession(OrvURLErrorDomain, OrvURLErrorNoSession,
+                             {{OrvLocalizedDescriptionKey, "No URL session was provided"}});
     ORV_LOG_ERROR("URL request for %@ failed with error: %@", appConfigQueryOperationFriendlyName(), noSession);
     completeOperationWithStatus(OrvAppConfigQueryOperationCompletionStatusInvalidResponse, noSession);
     return;

@@ -9,8 +9,8 @@
 #include <map>
 #include <mutex>
 #include <random>
-#include <thread>
 #include <sstream>
+#include <thread>
 
 #include "OrvAppConfigAutoDiscoverRecord.h"
 #include "OrvAppConfigDiscoveryHosts.h"
