@@ -70,7 +70,18 @@ void OrvAppConfigQueryOperation::coreStart() {
   auto task = session->dataTaskWithRequest(
       request,
       [weakSelf](std::optional<OrvData> data, std::shared_ptr<const OrvHTTPURLResponse> response, std::optional<OrvError> error) {
-        if (auto self = weakSelf.lock()) self->didCompleteUrlTaskWithData(std::move(data), std::move(response), std::move(error));
+        auto self = weakSelf.lock();
+        if (!self) return;
+        try {
+          self->didCompleteUrlTaskWithData(std::move(data), std::move(response), std::move(error));
+        } catch (...) {
+          // Handling the answer ran out of memory. The operation still owes its workflow an end, and
+          // one that says why, rather than none.
+          self->completeOperationWithStatus(
+              OrvAppConfigQueryOperationCompletionStatusInvalidResponse,
+              OrvError(OrvURLErrorDomain, OrvURLErrorOutOfMemory,
+                       {{OrvLocalizedDescriptionKey, "The response could not be handled: out of memory"}}));
+        }
       });
   setSessionTaskOperationHandle(task);
   ORV_LOG_INFO("Starting URL request for %@", appConfigQueryOperationFriendlyName());

@@ -19,13 +19,12 @@ struct MainQueueScope {
   MainQueueScope& operator=(const MainQueueScope&) = delete;
 };
 
+// An exception thrown by a task (a host's completion block) is the host's: it leaves the drain, run,
+// runUntil or bridged call that ran the task. The task was taken off the queue before it ran, so the
+// queue stays intact and the next call carries on with the following task.
 void runTask(const OrvMainQueue::Task& task) {
   MainQueueScope scope;
-  try {
-    if (task) task();
-  } catch (...) {
-    // A throwing task must not unwind through the host's loop.
-  }
+  if (task) task();
 }
 
 class MainQueue {

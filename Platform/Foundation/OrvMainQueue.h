@@ -2,6 +2,10 @@
 // The main queue: one process-wide serial executor for everything the library hands back to the
 // host. The host either drains it on its main thread (run, runUntil, drain) or bridges it to its own
 // event loop with setBridge. dispatchAsync never runs the task on the calling thread.
+//
+// A task that throws (a host's completion block) propagates its exception out of the call that ran
+// it (drain, runUntil, run, or the host's invocation of a bridged task); the task has already left the
+// queue, and every other task is still there for the next call.
 #include <chrono>
 #include <cstddef>
 #include <functional>

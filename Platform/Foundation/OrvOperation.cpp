@@ -67,7 +67,16 @@ void OrvOperation::moveToFinishedState() {
   }
   if (block) {
     // The block reads the operation's results, so the operation lives until the block has run.
-    orv::detail::dispatchToWorkerPool([self, block = std::move(block)] { block(); });
+    try {
+      orv::detail::dispatchToWorkerPool([self, block] { block(); });
+    } catch (...) {
+      // Out of memory for the hand-off: run the block here rather than never. Whoever waits on it
+      // (a workflow's next step) must hear that the operation finished.
+      try {
+        block();
+      } catch (...) {
+      }
+    }
   }
   if (const auto state = queue.lock()) state->operationFinished(this);
 }

@@ -1,8 +1,12 @@
 #include "OrvOperationQueue.h"
 
+#include <openssl/crypto.h>
+
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <deque>
+#include <new>
 #include <system_error>
 #include <thread>
 
@@ -11,40 +15,75 @@
 namespace orv::detail {
 namespace {
 
-// One pool for the process. It is created on first use and deliberately never destroyed: its
-// detached workers may still be running completion blocks while static destructors run at exit.
+// One pool for the process. Its threads are joined when the process exits (after main returns, before
+// OpenSSL's own clean-up, which is set up first for that reason): work still queued then, such as the
+// cancelled transfers of a service released just before, runs to its end first, so that no curl or
+// OpenSSL state is ever freed by a thread nobody waits for. The object itself stays allocated: a
+// static destroyed after it may still hand it work, which is then dropped.
 class WorkerPool {
  public:
   static WorkerPool& shared() {
-    static WorkerPool* const pool = new WorkerPool(std::max<std::size_t>(4, 2 * std::thread::hardware_concurrency()));
+    static WorkerPool* const pool = [] {
+      OPENSSL_init_crypto(0, nullptr);
+      return new WorkerPool(std::max<std::size_t>(4, 2 * std::thread::hardware_concurrency()));
+    }();
+    static const ExitJoiner joiner{*pool};
     return *pool;
   }
 
   void post(std::function<void()> task) {
+    if (failuresToInject_.load(std::memory_order_relaxed) > 0 && failuresToInject_.fetch_sub(1) > 0) throw std::bad_alloc();
     {
       std::lock_guard lock(mutex_);
+      if (joined_) return;
       tasks_.push_back(std::move(task));
     }
     available_.notify_one();
   }
 
+  void injectFailures(int count) { failuresToInject_.store(count); }
+
  private:
+  struct ExitJoiner {
+    WorkerPool& pool;
+    ~ExitJoiner() { pool.stopAndJoin(); }
+  };
+
   explicit WorkerPool(std::size_t workers) {
     for (std::size_t i = 0; i < workers; ++i) {
       try {
-        std::thread([this] { work(); }).detach();
+        threads_.emplace_back([this] { work(); });
       } catch (const std::system_error&) {
         // Fewer workers than asked for still drain the queue.
       }
     }
   }
 
-  [[noreturn]] void work() {
+  void stopAndJoin() {
+    {
+      std::lock_guard lock(mutex_);
+      stopping_ = true;
+    }
+    available_.notify_all();
+    for (auto& thread : threads_) {
+      if (thread.joinable() && thread.get_id() != std::this_thread::get_id()) thread.join();
+    }
+    std::deque<std::function<void()>> dropped;
+    {
+      std::lock_guard lock(mutex_);
+      joined_ = true;
+      dropped.swap(tasks_);
+    }
+  }
+
+  void work() {
     for (;;) {
       std::function<void()> task;
       {
         std::unique_lock lock(mutex_);
-        available_.wait(lock, [this] { return !tasks_.empty(); });
+        available_.wait(lock, [this] { return stopping_ || !tasks_.empty(); });
+        // Stopping drains first: what was queued is owed to someone.
+        if (tasks_.empty()) return;
         task = std::move(tasks_.front());
         tasks_.pop_front();
       }
@@ -59,11 +98,17 @@ class WorkerPool {
   std::mutex mutex_;
   std::condition_variable available_;
   std::deque<std::function<void()>> tasks_;
+  std::vector<std::thread> threads_;
+  bool stopping_ = false;
+  bool joined_ = false;
+  std::atomic<int> failuresToInject_{0};
 };
 
 }  // namespace
 
 void dispatchToWorkerPool(std::function<void()> task) { WorkerPool::shared().post(std::move(task)); }
+
+void failNextWorkerPoolDispatchesForTesting(int count) { WorkerPool::shared().injectFailures(count); }
 
 std::vector<std::shared_ptr<OrvOperation>> OperationQueueState::add(
     const std::vector<std::shared_ptr<OrvOperation>>& operations) {

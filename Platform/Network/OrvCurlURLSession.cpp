@@ -90,7 +90,20 @@ struct CurlTransfer {
   CURLM* multi;
   std::shared_ptr<CurlDataTask> task;
   std::size_t bodyLimit;
+  std::size_t headerCountLimit = 0;
+  std::size_t headerBytesLimit = 0;
   std::string body;
+  // The header fields of the response being received; a redirect hop's are dropped when the next
+  // response begins.
+  std::vector<std::pair<std::string, std::string>> fields;
+  std::size_t headerCount = 0;
+  std::size_t headerBytes = 0;
+  bool headerBlockComplete = false;
+  // Any byte of any response arrived: a request that got an answer is never sent again.
+  bool receivedAnything = false;
+  bool retried = false;
+  // Why the header callback stopped the transfer, and the code to report it with.
+  std::optional<std::pair<CURLcode, std::string>> refusal;
   bool overflowed = false;
   bool attached = false;
   char errorBuffer[CURL_ERROR_SIZE] = {};
@@ -99,7 +112,7 @@ struct CurlTransfer {
   CurlEasyHandle easy;
 };
 
-class CurlSessionCore {
+class CurlSessionCore : public std::enable_shared_from_this<CurlSessionCore> {
  public:
   explicit CurlSessionCore(OrvCurlURLSessionConfiguration configuration) : configuration_(std::move(configuration)) {}
   ~CurlSessionCore() { shutdown(); }
@@ -122,7 +135,9 @@ class CurlSessionCore {
   void run();
   void startTransfer(const std::shared_ptr<CurlDataTask>& task);
   void finishTransfer(CURL* easy, CURLcode result);
+  bool retryOnFreshConnection(CurlTransfer& transfer, CURLcode result);
   static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* user);
+  static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* user);
 
   const OrvCurlURLSessionConfiguration configuration_;
   std::atomic<std::uint64_t> nextTaskIdentifier_{1};
@@ -171,15 +186,19 @@ class CurlDataTask final : public OrvURLSessionDataTask, public std::enable_shar
   bool complete(std::optional<OrvData> data, std::shared_ptr<const OrvHTTPURLResponse> response,
                 std::optional<OrvError> error) noexcept {
     if (finished_.exchange(true, std::memory_order_acq_rel)) return false;
+    auto handler = std::move(handler_);
+    if (!handler) return true;
     try {
-      auto handler = std::move(handler_);
-      if (handler) {
-        dispatchToWorkerPool(
-            [handler = std::move(handler), data = std::move(data), response = std::move(response),
-             error = std::move(error)]() mutable { handler(std::move(data), std::move(response), std::move(error)); });
-      }
+      dispatchToWorkerPool([handler, data = std::move(data), response = std::move(response), error = std::move(error)]() mutable {
+        handler(std::move(data), std::move(response), std::move(error));
+      });
     } catch (...) {
-      // Only allocation can fail here; there is no thread left to report it on.
+      // The hand-off itself could not be allocated. A late answer on this thread beats none at all:
+      // the caller is owed exactly one completion, and it says what went wrong.
+      try {
+        handler(std::nullopt, nullptr, transportError(CURLE_OUT_OF_MEMORY, "the completion could not be scheduled"));
+      } catch (...) {
+      }
     }
     return true;
   }
@@ -205,7 +224,9 @@ bool CurlSessionCore::start() {
   if (configuration_.maxConnectionsPerHost > 0) {
     curl_multi_setopt(multi_.get(), CURLMOPT_MAX_HOST_CONNECTIONS, configuration_.maxConnectionsPerHost);
   }
-  thread_ = std::thread([this] { run(); });
+  // The thread keeps the core (and with it the multi handle) alive until run() has returned, so that
+  // whoever lets go of the session last never frees curl state under the thread's feet.
+  thread_ = std::thread([self = shared_from_this()] { self->run(); });
   return true;
 }
 
@@ -216,7 +237,19 @@ void CurlSessionCore::shutdown() {
       stopping_ = true;
     }
     if (multi_) curl_multi_wakeup(multi_.get());
-    if (thread_.joinable()) thread_.join();
+    if (!thread_.joinable()) return;
+    if (thread_.get_id() != std::this_thread::get_id()) {
+      thread_.join();
+      return;
+    }
+    // The last reference went on the I/O thread itself (a completion handler that held its own
+    // session, run in place because it could not be handed off). That thread cannot join itself; a
+    // worker joins it once run() has returned, and the thread's own reference frees the core after.
+    try {
+      dispatchToWorkerPool([thread = std::make_shared<std::thread>(std::move(thread_))] { thread->join(); });
+    } catch (...) {
+      thread_.detach();
+    }
   });
 }
 
@@ -300,11 +333,85 @@ std::size_t CurlSessionCore::onBody(char* data, std::size_t size, std::size_t co
   return bytes;
 }
 
+namespace {
+
+std::size_t refuseHeader(CurlTransfer& transfer, CURLcode code, std::string reason) {
+  transfer.refusal.emplace(code, std::move(reason));
+  return 0;  // curl ends the transfer at once and closes its connection or stream
+}
+
+bool isFieldWhitespace(char c) noexcept { return c == ' ' || c == '\t'; }
+
+}  // namespace
+
+// Collects only the final response's fields, bounded, and refuses what could be read two ways: a bare
+// CR or NUL, a folded line, a line without a name. Runs once per header line on the I/O thread, so its
+// cost is linear in what the server sends whatever the server sends.
+std::size_t CurlSessionCore::onHeader(char* data, std::size_t size, std::size_t count, void* user) {
+  auto& transfer = *static_cast<CurlTransfer*>(user);
+  const std::size_t bytes = size * count;
+  std::string_view line(data, bytes);
+  transfer.receivedAnything = true;
+  if (line.starts_with("HTTP/")) {
+    // A new response: the next hop of a redirect, or the final answer after an interim 1xx.
+    transfer.fields.clear();
+    transfer.headerCount = 0;
+    transfer.headerBytes = 0;
+    transfer.headerBlockComplete = false;
+  } else if (transfer.headerBlockComplete) {
+    // Trailers come after the body was already streamed; they are not part of the answer.
+    return bytes;
+  }
+  transfer.headerBytes += bytes;
+  if (transfer.headerBytes > transfer.headerBytesLimit) {
+    return refuseHeader(transfer, CURLE_FILESIZE_EXCEEDED,
+                        "response header block exceeds " + std::to_string(transfer.headerBytesLimit) + " bytes");
+  }
+  if (line.ends_with("\r\n")) {
+    line.remove_suffix(2);
+  } else if (line.ends_with('\n')) {
+    line.remove_suffix(1);
+  }
+  if (line.find('\0') != std::string_view::npos) {
+    return refuseHeader(transfer, CURLE_WEIRD_SERVER_REPLY, "response header contains a NUL byte");
+  }
+  if (line.find('\r') != std::string_view::npos) {
+    return refuseHeader(transfer, CURLE_WEIRD_SERVER_REPLY, "response header contains a bare CR");
+  }
+  if (line.empty()) {
+    transfer.headerBlockComplete = true;
+    return bytes;
+  }
+  if (line.starts_with("HTTP/")) return bytes;
+  if (isFieldWhitespace(line.front())) {
+    return refuseHeader(transfer, CURLE_WEIRD_SERVER_REPLY, "response header uses obsolete line folding");
+  }
+  const std::size_t colon = line.find(':');
+  if (colon == 0 || colon == std::string_view::npos) {
+    return refuseHeader(transfer, CURLE_WEIRD_SERVER_REPLY, "response header line has no field name");
+  }
+  if (++transfer.headerCount > transfer.headerCountLimit) {
+    return refuseHeader(transfer, CURLE_FILESIZE_EXCEEDED,
+                        "response has more than " + std::to_string(transfer.headerCountLimit) + " header fields");
+  }
+  std::string_view value = line.substr(colon + 1);
+  while (!value.empty() && isFieldWhitespace(value.front())) value.remove_prefix(1);
+  while (!value.empty() && isFieldWhitespace(value.back())) value.remove_suffix(1);
+  try {
+    transfer.fields.emplace_back(std::string(line.substr(0, colon)), std::string(value));
+  } catch (...) {
+    return refuseHeader(transfer, CURLE_OUT_OF_MEMORY, "response header could not be stored");
+  }
+  return bytes;
+}
+
 void CurlSessionCore::startTransfer(const std::shared_ptr<CurlDataTask>& task) {
   if (task->isFinished()) return;
   const std::uint64_t identifier = task->taskIdentifier();
   try {
     auto transfer = std::make_unique<CurlTransfer>(multi_.get(), task, configuration_.maxResponseBytes);
+    transfer->headerCountLimit = configuration_.maxHeaderCount;
+    transfer->headerBytesLimit = configuration_.maxHeaderBytes;
     transfer->easy.reset(curl_easy_init());
     CURL* easy = transfer->easy.get();
     if (!easy) {
@@ -360,6 +467,8 @@ void CurlSessionCore::startTransfer(const std::shared_ptr<CurlDataTask>& task) {
     set(CURLOPT_MAXFILESIZE_LARGE, curl_off_t(config.maxResponseBytes));
     set(CURLOPT_WRITEFUNCTION, &CurlSessionCore::onBody);
     set(CURLOPT_WRITEDATA, static_cast<void*>(transfer.get()));
+    set(CURLOPT_HEADERFUNCTION, &CurlSessionCore::onHeader);
+    set(CURLOPT_HEADERDATA, static_cast<void*>(transfer.get()));
     set(CURLOPT_HTTPHEADER, transfer->headers.get());
     set(CURLOPT_SHARE, share_.get());
     if (request.HTTPMethod() == "GET") {
@@ -386,15 +495,47 @@ void CurlSessionCore::startTransfer(const std::shared_ptr<CurlDataTask>& task) {
   }
 }
 
+// A request that died before any byte of its answer on a connection reused from an earlier request
+// most likely met a connection the server had already closed (idle time-out, GOAWAY, a reset). HTTP
+// lets an idempotent request be sent again, once, on a new connection; nothing else is retried.
+bool CurlSessionCore::retryOnFreshConnection(CurlTransfer& transfer, CURLcode result) {
+  switch (result) {
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+    case CURLE_GOT_NOTHING:
+    case CURLE_HTTP2:
+    case CURLE_HTTP2_STREAM:
+      break;
+    default:
+      return false;
+  }
+  if (transfer.retried || transfer.receivedAnything || !transfer.body.empty() || transfer.refusal) return false;
+  if (transfer.task->request().HTTPMethod() != "GET" || transfer.task->isFinished()) return false;
+  long newConnections = 0;
+  curl_easy_getinfo(transfer.easy.get(), CURLINFO_NUM_CONNECTS, &newConnections);
+  if (newConnections != 0) return false;
+  transfer.retried = true;
+  curl_multi_remove_handle(multi_.get(), transfer.easy.get());
+  transfer.attached = false;
+  transfer.errorBuffer[0] = '\0';
+  curl_easy_setopt(transfer.easy.get(), CURLOPT_FRESH_CONNECT, 1L);
+  if (curl_multi_add_handle(multi_.get(), transfer.easy.get()) != CURLM_OK) return false;
+  transfer.attached = true;
+  return true;
+}
+
 void CurlSessionCore::finishTransfer(CURL* easy, CURLcode result) {
   void* user = nullptr;
   curl_easy_getinfo(easy, CURLINFO_PRIVATE, &user);
   auto* transfer = static_cast<CurlTransfer*>(user);
   if (!transfer) return;
   const std::uint64_t identifier = transfer->task->taskIdentifier();
+  if (result != CURLE_OK && retryOnFreshConnection(*transfer, result)) return;
 
   try {
-    if (result != CURLE_OK) {
+    if (transfer->refusal) {
+      transfer->task->complete(std::nullopt, nullptr, transportError(transfer->refusal->first, transfer->refusal->second));
+    } else if (result != CURLE_OK) {
       if (transfer->overflowed) {
         transfer->task->complete(
             std::nullopt, nullptr,
@@ -409,15 +550,7 @@ void CurlSessionCore::finishTransfer(CURL* easy, CURLcode result) {
       curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &effectiveURL);
       std::optional<OrvURL> url = effectiveURL ? OrvURL::URLWithString(effectiveURL) : std::nullopt;
       if (!url) url = transfer->task->request().URL();
-
-      // Request -1 is the last one of a redirect chain: only the final response's fields count.
-      std::vector<std::pair<std::string, std::string>> fields;
-      curl_header* previous = nullptr;
-      while (curl_header* header = curl_easy_nextheader(easy, CURLH_HEADER, -1, previous)) {
-        fields.emplace_back(header->name, header->value);
-        previous = header;
-      }
-      auto response = std::make_shared<const OrvHTTPURLResponse>(std::move(url), status, std::move(fields));
+      auto response = std::make_shared<const OrvHTTPURLResponse>(std::move(url), status, std::move(transfer->fields));
       transfer->task->complete(std::move(transfer->body), std::move(response), std::nullopt);
     }
   } catch (...) {
@@ -433,6 +566,8 @@ OrvCurlURLSession::OrvCurlURLSession(OrvCurlURLSessionConfiguration configuratio
     : configuration_(std::move(configuration)), core_(std::move(core)) {}
 
 OrvCurlURLSession::~OrvCurlURLSession() { core_->shutdown(); }
+
+void OrvCurlURLSession::invalidateAndCancel() { core_->shutdown(); }
 
 std::shared_ptr<OrvCurlURLSession> OrvCurlURLSession::create(OrvCurlURLSessionConfiguration configuration) {
   try {

@@ -27,6 +27,10 @@ struct OrvCurlURLSessionConfiguration {
   std::optional<std::chrono::milliseconds> totalTimeout;
   // A body longer than this fails the task with a transport error and is never buffered past it.
   std::size_t maxResponseBytes = 8u * 1024u * 1024u;
+  // Header fields and header bytes of one response (each redirect hop counted afresh). A response past
+  // either fails at once with a transport error that names the limit.
+  std::size_t maxHeaderCount = 100;
+  std::size_t maxHeaderBytes = 64u * 1024u;
   long maxRedirects = 3;
   // Connections per host; HTTP/2 streams share one connection and are not counted here.
   long maxConnectionsPerHost = 6;
@@ -43,6 +47,11 @@ class OrvCurlURLSession final : public OrvURLSession {
 
   // Completes the tasks still in flight with the cancel error and joins the I/O thread.
   ~OrvCurlURLSession() override;
+
+  // Aborts every task of the session (each completes with the cancel error; their connections are
+  // closed or their streams reset), refuses new ones the same way, and returns once the I/O thread has
+  // stopped. Blocking; safe to call more than once and from any thread but the session's own.
+  void invalidateAndCancel();
   OrvCurlURLSession(const OrvCurlURLSession&) = delete;
   OrvCurlURLSession& operator=(const OrvCurlURLSession&) = delete;
 

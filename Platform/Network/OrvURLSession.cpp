@@ -47,5 +47,14 @@ void OrvURLRequest::setHeaders(const OrvHTTPHeaderDictionary& headers) {
 }
 
 std::optional<std::string> OrvHTTPURLResponse::valueForHTTPHeaderField(std::string_view field) const {
-  return firstValue(headerFields_, field);
+  std::optional<std::string> combined;
+  for (const auto& [name, value] : headerFields_) {
+    if (!fieldNamesEqual(name, field)) continue;
+    if (combined) {
+      combined->append(", ").append(value);
+    } else {
+      combined = value;
+    }
+  }
+  return combined;
 }

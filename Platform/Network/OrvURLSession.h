@@ -25,6 +25,8 @@ inline constexpr const char* OrvURLErrorDomain = "com.varnel.OrvNetwork.URLError
 inline constexpr std::int64_t OrvURLErrorCancelled = -999;
 // Code of a request that had no session to run on.
 inline constexpr std::int64_t OrvURLErrorNoSession = -1000;
+// Code of a response that arrived but could not be handled for want of memory.
+inline constexpr std::int64_t OrvURLErrorOutOfMemory = -1001;
 
 class OrvURLRequest {
  public:
@@ -58,7 +60,8 @@ class OrvHTTPURLResponse {
   const std::optional<OrvURL>& URL() const noexcept { return url_; }
   std::int64_t statusCode() const noexcept { return statusCode_; }
   const std::vector<std::pair<std::string, std::string>>& allHeaderFields() const noexcept { return headerFields_; }
-  // Case-insensitive; the first field of that name.
+  // Case-insensitive. A field sent more than once reads as one value, its values joined by ", " in
+  // the order received, as HTTP combines repeated fields: a reader never silently sees only one.
   std::optional<std::string> valueForHTTPHeaderField(std::string_view field) const;
 
  private:

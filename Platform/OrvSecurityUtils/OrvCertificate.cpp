@@ -117,6 +117,7 @@ std::unique_ptr<CertificateHandle> parseDER(std::string_view der) {
   if (flags & EXFLAG_INVALID) return nullptr;
   handle->hasKeyUsage = (flags & EXFLAG_KUSAGE) != 0;
   handle->keyUsage = X509_get_key_usage(certificate.get());
+  handle->isCertificateAuthority = (flags & EXFLAG_BCONS) && (flags & EXFLAG_CA);
 
   const X509_NAME* subject = X509_get_subject_name(certificate.get());
   const X509_NAME* issuer = X509_get_issuer_name(certificate.get());

@@ -30,6 +30,8 @@ struct CertificateHandle {
   CertificateTime notAfter;
   bool hasKeyUsage = false;
   std::uint32_t keyUsage = 0;
+  // basicConstraints says cA=TRUE.
+  bool isCertificateAuthority = false;
 };
 
 // The time of an ASN1_TIME, or nothing when it does not parse.

@@ -114,9 +114,14 @@ std::variant<ParsedHeader, Verdict> parseHeader(std::string_view headerJson) {
   }
   if (const auto* b64 = header.if_contains("b64")) {
     if (!b64->is_bool()) return reject(OrvSecurityUtilsResultInvalidHeader, "The JWT header's \"b64\" is not a boolean");
-    // An unencoded payload changes what was signed; a signer may only ask for it as a critical parameter,
-    // so that a verifier that does not know "b64" refuses instead of checking the wrong input.
-    parsed.unencodedPayload = b64Critical && !b64->get_bool();
+    // "b64" changes what was signed. Unless it is critical, a verifier that does not know it checks
+    // another input than one that does; whichever reading is taken, someone is fooled. So "b64" is
+    // honoured only as a critical parameter and refused otherwise, even as true.
+    if (!b64Critical) {
+      return reject(OrvSecurityUtilsResultUncriticalUnencodedPayload,
+                    "The JWT header carries \"b64\" without listing it in \"crit\"");
+    }
+    parsed.unencodedPayload = !b64->get_bool();
   }
   if (const auto* x5t = header.if_contains("x5t#S256")) {
     if (!x5t->is_string()) {
@@ -136,6 +141,12 @@ bool carriesName(const std::vector<std::string>& values, const std::string& name
 
 std::optional<Verdict> checkCertificate(const SecurityServiceConfiguration& configuration, const CertificateHandle& certificate,
                                         const std::optional<std::string>& issuer, OrvDate now) {
+  // An issuer with two organisations (or two common names) could satisfy the name check with one
+  // entry while meaning the other.
+  if (certificate.issuerOrganizations.size() > 1 || certificate.issuerCommonNames.size() > 1) {
+    return reject(OrvSecurityUtilsResultAmbiguousIssuer,
+                  "The certificate's issuer names more than one organisation or more than one common name");
+  }
   if (issuer && !carriesName(certificate.issuerOrganizations, *issuer) && !carriesName(certificate.issuerCommonNames, *issuer)) {
     return reject(OrvSecurityUtilsResultIssuerMismatch,
                   "The certificate's issuer is not \"" + *issuer + "\" (neither its organisation nor its common name)");
@@ -145,6 +156,10 @@ std::optional<Verdict> checkCertificate(const SecurityServiceConfiguration& conf
   }
   if (isDateAfter(now, certificate.notAfter)) {
     return reject(OrvSecurityUtilsResultCertificateExpired, "The certificate has expired");
+  }
+  if (certificate.isCertificateAuthority) {
+    return reject(OrvSecurityUtilsResultCertificateIsAuthority,
+                  "The signing certificate is a certificate authority (basicConstraints cA=TRUE)");
   }
   if (certificate.hasKeyUsage && !(certificate.keyUsage & KU_DIGITAL_SIGNATURE)) {
     return reject(OrvSecurityUtilsResultKeyUsageForbidsSignature,
@@ -324,6 +339,12 @@ std::string OrvSecurityUtilsResultDescription(std::int64_t result) {
       return "OrvSecurityUtilsResultSignatureMismatch";
     case OrvSecurityUtilsResultInternalError:
       return "OrvSecurityUtilsResultInternalError";
+    case OrvSecurityUtilsResultUncriticalUnencodedPayload:
+      return "OrvSecurityUtilsResultUncriticalUnencodedPayload";
+    case OrvSecurityUtilsResultCertificateIsAuthority:
+      return "OrvSecurityUtilsResultCertificateIsAuthority";
+    case OrvSecurityUtilsResultAmbiguousIssuer:
+      return "OrvSecurityUtilsResultAmbiguousIssuer";
     default:
       return "Unknown OrvSecurityUtilsResult of " + std::to_string(result);
   }
@@ -441,3 +462,17 @@ std::pair<std::int64_t, std::optional<OrvError>> OrvSecurityUtilsService::valida
 }
 
 std::size_t OrvSecurityUtilsService::trustAnchorCount() const noexcept { return configuration_->trustAnchors.size(); }
+
+bool orv::detail::verifyJwsSignatureForTesting(std::string_view algorithm, EVP_PKEY* key, std::string_view message,
+                                               std::string_view signature) {
+  const JwsAlgorithm* found = findJwsAlgorithm(algorithm);
+  bool accepted = false;
+  try {
+    accepted = found && key && keyFitsAlgorithm(keyTraitsOf(key), *found) &&
+               verifySignature(*found, key, message, signature).first == OrvSecurityUtilsResultSuccess;
+  } catch (const std::exception&) {
+    // Refused, as the verifier itself refuses when it runs out of memory.
+  }
+  drainOpenSSLErrors();
+  return accepted;
+}

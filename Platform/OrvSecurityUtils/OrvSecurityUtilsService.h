@@ -53,6 +53,12 @@ enum OrvSecurityUtilsResult : std::int64_t {
   OrvSecurityUtilsResultSignatureMismatch = 15,
   // The crypto library failed for a reason of its own (out of memory, provider missing).
   OrvSecurityUtilsResultInternalError = 16,
+  // The header carries "b64" without listing it in "crit": verifiers could disagree on what was signed.
+  OrvSecurityUtilsResultUncriticalUnencodedPayload = 17,
+  // The signing certificate is itself a certificate authority (basicConstraints cA=TRUE).
+  OrvSecurityUtilsResultCertificateIsAuthority = 18,
+  // The issuer names more than one organisation or more than one common name.
+  OrvSecurityUtilsResultAmbiguousIssuer = 19,
 };
 
 // The enumerator's name, or "Unknown OrvSecurityUtilsResult of <value>".
@@ -112,3 +118,13 @@ class OrvSecurityUtilsService : public OrvSecurityServiceProtocol {
   mutable std::mutex parsedCertificatesMutex_;
   std::deque<std::pair<std::string, OrvCertificateRef>> parsedCertificates_;
 };
+
+struct evp_pkey_st;  // OpenSSL's EVP_PKEY, kept out of the headers a host sees
+
+namespace orv::detail {
+// The verifier's signature step alone: the algorithm's key check and the primitive over message as the
+// signing input, with no header, certificate or encoding around it. Published test vectors come as bare
+// keys and messages; this lets them reach the same code that judges a JWS. Tests only.
+bool verifyJwsSignatureForTesting(std::string_view algorithm, evp_pkey_st* key, std::string_view message,
+                                  std::string_view signature);
+}  // namespace orv::detail

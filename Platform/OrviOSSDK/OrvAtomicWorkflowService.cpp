@@ -7,8 +7,10 @@ OrvAtomicWorkflowService::OrvAtomicWorkflowService(std::string operationQueueNam
     : operationQueue_(std::make_unique<OrvOperationQueue>(std::move(operationQueueName))) {}
 
 OrvAtomicWorkflowService::~OrvAtomicWorkflowService() {
-  // Workflows that never got their turn end like operations a destroyed queue never started:
-  // cancelled, yet run to their end, so their completion blocks still see them finish.
+  // Nobody is left to hear the answers. Every operation of the queue is cancelled, which aborts
+  // transfers in flight at once rather than letting them hold their session and connection until the
+  // server answers or times out; workflows that never got their turn end cancelled without running,
+  // so their completion blocks still see them finish.
   std::deque<std::shared_ptr<OrvOperation>> pending;
   {
     std::lock_guard lock(mutex_);
@@ -19,6 +21,7 @@ OrvAtomicWorkflowService::~OrvAtomicWorkflowService() {
     operation->cancel();
     operations.push_back(std::move(operation));
   }
+  operationQueue_->cancelAllOperations();
   if (!operations.empty()) operationQueue_->addOperations(std::move(operations));
 }
 

@@ -12,6 +12,7 @@
 class OrvAtomicWorkflowService {
  public:
   explicit OrvAtomicWorkflowService(std::string operationQueueName);
+  // Cancels every operation of the queue, running ones included; workflows still waiting end cancelled.
   virtual ~OrvAtomicWorkflowService();
 
   // Starts the operation now if no workflow is active, otherwise after the workflows queued before it.

@@ -10,7 +10,6 @@
 #include <mutex>
 #include <random>
 #include <sstream>
-#include <thread>
 
 #include "OrvAppConfigAutoDiscoverRecord.h"
 #include "OrvAppConfigDiscoveryHosts.h"
@@ -107,16 +106,6 @@ void printRecord(const OrvAppConfigAutoDiscoverRecord& record) {
 struct Connection {
   std::shared_ptr<CommandLogger> logger;
   std::shared_ptr<OrvAppConfigService> service;
-  std::weak_ptr<OrvURLSession> session;
-
-  Connection() = default;
-  Connection(Connection&&) = default;
-  // The session's I/O thread must be gone before the process tears down OpenSSL and curl: let go of
-  // the service and wait (briefly) for the last holder of the session to let go too.
-  ~Connection() {
-    service.reset();
-    for (int i = 0; i < 200 && !session.expired(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
 };
 
 std::optional<Connection> connect(const ConnectionOptions& options) {
@@ -142,7 +131,6 @@ std::optional<Connection> connect(const ConnectionOptions& options) {
     }
     securityConfiguration.trustAnchors.insert(securityConfiguration.trustAnchors.end(), anchors->begin(), anchors->end());
   }
-  connection.session = session;
   connection.service = OrvAppConfigService::initWithURLSession(session, std::make_shared<OrvHttpHeaderProviderService>(),
                                                                OrvSecurityUtilsService::create(securityConfiguration), nullptr);
   if (!connection.service) return std::nullopt;

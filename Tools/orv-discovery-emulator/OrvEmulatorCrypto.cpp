@@ -165,6 +165,9 @@ std::optional<std::string> issueCertificate(const CertificateProfile& profile, c
     if (!addNameEntry(subject, "O", profile.organization) || !addNameEntry(subject, "CN", profile.commonName)) {
       return std::nullopt;
     }
+    for (const auto& organization : profile.additionalOrganizations) {
+      if (!addNameEntry(subject, "O", organization)) return std::nullopt;
+    }
     const X509_NAME* issuerName = issuerCertificate ? X509_get_subject_name(issuerCertificate.get()) : subject;
     if (X509_set_issuer_name(certificate.get(), issuerName) != 1) return std::nullopt;
     if (!setTime(X509_getm_notBefore(certificate.get()), profile.notBefore) ||

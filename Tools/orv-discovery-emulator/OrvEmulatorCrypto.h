@@ -39,6 +39,8 @@ class PrivateKey {
 struct CertificateProfile {
   std::optional<std::string> organization;
   std::optional<std::string> commonName;
+  // Further organisation entries after the first, for names a careful verifier must refuse.
+  std::vector<std::string> additionalOrganizations;
   OrvDate notBefore;
   OrvDate notAfter;
   bool isCA = false;

@@ -193,3 +193,27 @@ TEST(OrvAppConfigGetSigningCertificateOperationTest, HostTypesAndAnswers) {
   OrvAppConfigDiscoveryHosts::setProductionHost(std::nullopt);
   OrvAppConfigDiscoveryHosts::setStagingHost(std::nullopt);
 }
+
+// Running out of memory while an answer is handled, or while the operation's end is handed to the
+// pool, still ends the operation exactly once, with an error that says so.
+TEST(OrvAppConfigQueryOperationTest, AllocationFailuresWhileCompletingStillEndTheOperation) {
+  struct Starved : OrvAppConfigQueryOperation {
+    using OrvAppConfigQueryOperation::OrvAppConfigQueryOperation;
+    std::optional<OrvURL> appConfigRequestURL() override { return OrvURL::URLWithString("https://prod.example.net/x"); }
+    bool parseHttp200ResponseData(const OrvData&, std::optional<OrvError>*) override { throw std::bad_alloc(); }
+  };
+  auto session = std::make_shared<FakeURLSession>([](const OrvURLRequest&) { return FakeResponse{OrvData("{}"), 200, {}}; });
+  auto operation = std::make_shared<Starved>(session, 0, nullptr);
+  runToCompletion(operation);
+  EXPECT_EQ(operation->completionStatus(), OrvAppConfigQueryOperationCompletionStatusInvalidResponse);
+  ASSERT_TRUE(operation->completionError());
+  EXPECT_EQ(operation->completionError()->code(), OrvURLErrorOutOfMemory);
+
+  // The completion block cannot be handed to the pool: it runs in place rather than never.
+  auto calls = std::make_shared<std::atomic<int>>(0);
+  auto plain = OrvBlockOperation::blockOperationWithBlock([] {});
+  plain->setCompletionBlock([calls] { ++*calls; });
+  orv::detail::failNextWorkerPoolDispatchesForTesting(1);
+  plain->start();
+  EXPECT_EQ(calls->load(), 1);
+}

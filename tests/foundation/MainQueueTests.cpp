@@ -51,15 +51,25 @@ TEST_F(OrvMainQueueTest, NeverInlineFirstInFirstOut) {
   EXPECT_FALSE(OrvMainQueue::runUntil([] { return false; }, 0ms));
 }
 
-TEST_F(OrvMainQueueTest, RunStopsWhenATaskSaysSo) {
+TEST_F(OrvMainQueueTest, RunStopsWhenATaskSaysSoAndAThrowingTaskLeavesTheQueueUsable) {
   int ran = 0;
   OrvMainQueue::dispatchAsync([&] { ++ran; });
-  OrvMainQueue::dispatchAsync([] { throw std::runtime_error("does not escape the loop"); });
+  OrvMainQueue::dispatchAsync([] { throw std::runtime_error("the host's own"); });
   OrvMainQueue::dispatchAsync([] { OrvMainQueue::stop(); });
   OrvMainQueue::dispatchAsync([&] { ++ran; });
+  // The host's exception reaches the host's call; the tasks after it wait for the next call.
+  EXPECT_THROW(OrvMainQueue::run(), std::runtime_error);
+  EXPECT_EQ(ran, 1);
+  EXPECT_FALSE(OrvMainQueue::isCurrent());
   OrvMainQueue::run();
   EXPECT_EQ(ran, 1);
   EXPECT_EQ(OrvMainQueue::drain(), 1u);
+  EXPECT_EQ(ran, 2);
+  OrvMainQueue::dispatchAsync([] { throw std::runtime_error("again"); });
+  OrvMainQueue::dispatchAsync([&] { ++ran; });
+  EXPECT_THROW(OrvMainQueue::drain(), std::runtime_error);
+  EXPECT_EQ(OrvMainQueue::drain(), 1u);
+  EXPECT_EQ(ran, 3);
 }
 
 TEST_F(OrvMainQueueTest, BridgeTakesQueuedThenFutureTasksInOrder) {

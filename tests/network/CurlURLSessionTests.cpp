@@ -6,6 +6,7 @@
 
 #include "../emulator/EmulatorTestSupport.h"
 #include "OrvCurlURLSession.h"
+#include "OrvOperationQueue.h"
 
 using namespace orv::test;
 using orv::emulator::DiscoveryEmulator;
@@ -144,6 +145,14 @@ TEST(OrvCurlURLSessionTest, CancelCompletesOnceWithTheCancelError) {
   expectCancelled(*during);
   EXPECT_NE(idle->taskIdentifier(), running->taskIdentifier());
 
+  // When the hand-off to the pool cannot be allocated, the completion still comes, in place.
+  auto starved = TaskOutcome::make();
+  auto unlucky = session->dataTaskWithRequest(requestFor(emulator->baseURL() + "/starved"), TaskOutcome::handler(starved));
+  orv::detail::failNextWorkerPoolDispatchesForTesting(1);
+  unlucky->cancel();
+  EXPECT_EQ(starved->callCount(), 1);
+  EXPECT_EQ(errorCode(*starved), CURLE_OUT_OF_MEMORY);
+
   // The session still works afterwards, and nothing was delivered twice.
   EXPECT_EQ(fetch(*session, emulator->baseURL() + "/ads/root/publickey")->status(), 200);
   EXPECT_EQ(early->callCount(), 1);
@@ -151,26 +160,35 @@ TEST(OrvCurlURLSessionTest, CancelCompletesOnceWithTheCancelError) {
   for (const auto& request : emulator->requests()) EXPECT_NE(request.target, "/early");
 }
 
-TEST(OrvCurlURLSessionTest, DestroyingTheSessionCancelsWhatIsInFlight) {
+TEST(OrvCurlURLSessionTest, DestroyingOrInvalidatingTheSessionCancelsWhatIsInFlight) {
   auto emulator = startEmulator();
   ASSERT_TRUE(emulator);
-  auto session = sessionFor(*emulator);
   holdAnswers(*emulator, kDomainPath);
-
-  auto inFlight = TaskOutcome::make();
-  auto task = session->dataTaskWithRequest(requestFor(emulator->baseURL() + kDomainPath), TaskOutcome::handler(inFlight));
-  task->resume();
-  auto notStarted = TaskOutcome::make();
-  auto later = session->dataTaskWithRequest(requestFor(emulator->baseURL() + kDomainPath), TaskOutcome::handler(notStarted));
-  ASSERT_TRUE(requestArrived(*emulator, kDomainPath));
-  session.reset();
-  expectCancelled(*inFlight);
-  // A task that outlives its session can still be resumed and cancelled; it completes once, cancelled.
-  later->resume();
-  expectCancelled(*notStarted);
-  task->cancel();
-  EXPECT_EQ(inFlight->callCount(), 1);
-  EXPECT_EQ(notStarted->callCount(), 1);
+  for (const bool invalidate : {false, true}) {
+    auto session = sessionFor(*emulator);
+    auto inFlight = TaskOutcome::make();
+    auto task = session->dataTaskWithRequest(requestFor(emulator->baseURL() + kDomainPath), TaskOutcome::handler(inFlight));
+    task->resume();
+    auto notStarted = TaskOutcome::make();
+    auto later = session->dataTaskWithRequest(requestFor(emulator->baseURL() + kDomainPath), TaskOutcome::handler(notStarted));
+    emulator->clearRequests();
+    ASSERT_TRUE(requestArrived(*emulator, kDomainPath));
+    if (invalidate) {
+      // Blocking: by the time it returns, the I/O thread is gone and the task has been answered.
+      session->invalidateAndCancel();
+      session->invalidateAndCancel();
+    } else {
+      session.reset();
+    }
+    expectCancelled(*inFlight);
+    // A task that outlives its session (or its session's invalidation) can still be resumed and
+    // cancelled; it completes once, cancelled.
+    later->resume();
+    expectCancelled(*notStarted);
+    task->cancel();
+    EXPECT_EQ(inFlight->callCount(), 1);
+    EXPECT_EQ(notStarted->callCount(), 1);
+  }
 }
 
 TEST(OrvCurlURLSessionTest, TransportFailuresBecomeURLErrors) {

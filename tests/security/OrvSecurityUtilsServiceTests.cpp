@@ -103,9 +103,12 @@ TEST_F(SecurityUtilsServiceTest, AcceptsEveryAlgorithmWithAndWithoutTrustAnchors
     EXPECT_EQ(check(jws, c.certificate), OrvSecurityUtilsResultSuccess);
     EXPECT_EQ(verifyResult(*anchored, jws, c.certificate), OrvSecurityUtilsResultSuccess);
   }
-  // An anchor may sign as it stands, and an empty payload is still a payload.
+  // A certificate authority never signs answers itself, not even a configured anchor.
   const auto byRoot = signJws(m.rootKey, "ES256", header("ES256"), "");
-  EXPECT_EQ(verifyResult(*anchored, byRoot, m.root, ""), OrvSecurityUtilsResultSuccess);
+  EXPECT_EQ(verifyResult(*anchored, byRoot, m.root, ""), OrvSecurityUtilsResultCertificateIsAuthority);
+  EXPECT_EQ(verifyResult(*anchored, signJws(m.p256Key, "ES256", header("ES256"), ""), m.p256Leaf, ""),
+            OrvSecurityUtilsResultSuccess)
+      << "an empty payload is still a payload";
 }
 
 TEST_F(SecurityUtilsServiceTest, RefusesAlgorithmsThatAreNotAsymmetricSignatures) {
@@ -197,13 +200,16 @@ TEST_F(SecurityUtilsServiceTest, RefusesCriticalParametersItDoesNotUnderstand) {
   }
 }
 
-TEST_F(SecurityUtilsServiceTest, UnencodedPayloadOnlyWhenB64IsCritical) {
+TEST_F(SecurityUtilsServiceTest, B64OnlyAsACriticalParameter) {
   constexpr const char* critical = R"({"alg":"ES256","b64":false,"crit":["b64"]})";
   constexpr const char* notCritical = R"({"alg":"ES256","b64":false})";
   EXPECT_EQ(check(signJws(m.p256Key, "ES256", critical, kPayload, true), m.p256Leaf), OrvSecurityUtilsResultSuccess);
   EXPECT_EQ(check(signJws(m.p256Key, "ES256", critical, kPayload, false), m.p256Leaf), OrvSecurityUtilsResultSignatureMismatch);
-  EXPECT_EQ(check(signJws(m.p256Key, "ES256", notCritical, kPayload, true), m.p256Leaf), OrvSecurityUtilsResultSignatureMismatch);
-  EXPECT_EQ(check(signJws(m.p256Key, "ES256", notCritical, kPayload, false), m.p256Leaf), OrvSecurityUtilsResultSuccess);
+  // Without "crit", "b64" is refused whichever input was signed: verifiers could disagree on it.
+  for (const bool unencoded : {true, false}) {
+    EXPECT_EQ(check(signJws(m.p256Key, "ES256", notCritical, kPayload, unencoded), m.p256Leaf),
+              OrvSecurityUtilsResultUncriticalUnencodedPayload);
+  }
   // "b64": true in "crit" keeps the ordinary form.
   EXPECT_EQ(verifyResult(*service, signJws(m.p256Key, "ES256", R"({"alg":"ES256","b64":true,"crit":["b64"]})", kPayload, false),
                          m.p256Leaf),

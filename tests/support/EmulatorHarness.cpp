@@ -63,13 +63,8 @@ EmulatorHarness::EmulatorHarness(HarnessOptions options) {
 }
 
 EmulatorHarness::~EmulatorHarness() {
-  // A worker finishing the last step of a request may still hold the service for a moment after the
-  // completion was delivered; the session (and curl's I/O thread) must be gone before the process
-  // tears OpenSSL down.
-  std::weak_ptr<OrvURLSession> lastSession = session;
   service.reset();
   session.reset();
-  pollUntil([&] { return lastSession.expired(); }, std::chrono::seconds(5));
   emulator_.reset();
   OrvAppConfigDiscoveryHosts::setProductionHost(std::nullopt);
   OrvAppConfigDiscoveryHosts::setStagingHost(std::nullopt);

@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <strings.h>
+
 #include <boost/json.hpp>
 
 #include "EmulatorHarness.h"
@@ -58,7 +60,14 @@ std::size_t countPaths(const std::vector<std::string>& paths, std::string_view p
 
 // Replaces the emulator's signing certificate, keeping its key, by one from a CA of the given name. The
 // emulator names the new certificate in "x5t#S256", so only the certificate checks can refuse it.
-std::function<void(const TemporaryDirectory&)> replaceSigningCertificate(std::string caName, std::chrono::hours notAfter) {
+struct SigningCertificateChange {
+  std::string caName = "Varnel Systems, Inc.";
+  std::chrono::hours notAfter{1};
+  std::vector<std::string> additionalCAOrganizations;
+  bool leafIsCA = false;
+};
+
+std::function<void(const TemporaryDirectory&)> replaceSigningCertificate(SigningCertificateChange change) {
   return [=](const TemporaryDirectory& material) {
     using namespace orv::emulator;
     auto signingKey = PrivateKey::fromPEM(readFile(material.file(kSigningRSAKeyFile)));
@@ -66,15 +75,17 @@ std::function<void(const TemporaryDirectory&)> replaceSigningCertificate(std::st
     ASSERT_TRUE(signingKey && caKey);
     const auto now = std::chrono::system_clock::now();
     CertificateProfile ca;
-    ca.organization = ca.commonName = caName;
+    ca.organization = ca.commonName = change.caName;
+    ca.additionalOrganizations = change.additionalCAOrganizations;
     ca.isCA = true;
     ca.notBefore = now - std::chrono::hours(48);
     ca.notAfter = now + std::chrono::hours(48);
     CertificateProfile leaf;
     leaf.organization = "Varnel Systems, Inc.";
     leaf.commonName = "Varnel AppConfig Signing";
+    leaf.isCA = change.leafIsCA;
     leaf.notBefore = now - std::chrono::hours(48);
-    leaf.notAfter = now + notAfter;
+    leaf.notAfter = now + change.notAfter;
     const auto caPEM = issueCertificate(ca, *caKey, nullptr, *caKey);
     ASSERT_TRUE(caPEM);
     const auto pem = issueCertificate(leaf, *signingKey, OrvCertificate::certificateWithContent(*caPEM).get(), *caKey);
@@ -83,21 +94,30 @@ std::function<void(const TemporaryDirectory&)> replaceSigningCertificate(std::st
   };
 }
 
-// Flips one byte of every auto-discover body after it was received: the signature no longer covers it.
-class TamperingSession : public OrvURLSession {
+// Rewrites every auto-discover answer after it was received, the way a man in the middle (or a
+// confused proxy) could.
+class RewritingSession : public OrvURLSession {
  public:
-  explicit TamperingSession(std::shared_ptr<OrvURLSession> inner) : inner_(std::move(inner)) {}
+  using Rewrite = std::function<void(OrvData& body, std::vector<std::pair<std::string, std::string>>& fields)>;
+  RewritingSession(std::shared_ptr<OrvURLSession> inner, Rewrite rewrite)
+      : inner_(std::move(inner)), rewrite_(std::move(rewrite)) {}
   std::shared_ptr<OrvURLSessionDataTask> dataTaskWithRequest(const OrvURLRequest& request,
                                                              OrvURLSessionDataTaskCompletionHandler handler) override {
-    const bool tamper = request.URL().path().starts_with("/ads/root/domain/");
-    return inner_->dataTaskWithRequest(request, [tamper, handler = std::move(handler)](auto data, auto response, auto error) {
-      if (tamper && data && !data->empty()) (*data)[data->size() / 2] ^= 0x01;
-      handler(std::move(data), std::move(response), std::move(error));
-    });
+    if (!request.URL().path().starts_with("/ads/root/domain/")) return inner_->dataTaskWithRequest(request, std::move(handler));
+    return inner_->dataTaskWithRequest(
+        request, [rewrite = rewrite_, handler = std::move(handler)](auto data, auto response, auto error) {
+          if (data && response) {
+            auto fields = response->allHeaderFields();
+            rewrite(*data, fields);
+            response = std::make_shared<const OrvHTTPURLResponse>(response->URL(), response->statusCode(), std::move(fields));
+          }
+          handler(std::move(data), std::move(response), std::move(error));
+        });
   }
 
  private:
   std::shared_ptr<OrvURLSession> inner_;
+  Rewrite rewrite_;
 };
 
 }  // namespace
@@ -202,16 +222,52 @@ TEST(AutoDiscoveryWorkflowTest, SignatureFailures) {
     harness.emulator().clearFaults();
 
     // The body changed after signing.
-    harness.rebuildService(std::make_shared<TamperingSession>(harness.session), harness.security);
+    const auto rewriteWith = [&](RewritingSession::Rewrite rewrite) {
+      harness.rebuildService(std::make_shared<RewritingSession>(harness.session, std::move(rewrite)), harness.security);
+    };
+    rewriteWith([](OrvData& body, auto&) { body[body.size() / 2] ^= 0x01; });
     expectRefused(harness, "tampered body", OrvSecurityUtilsResultSignatureMismatch);
+
+    // A second signature field: the two combine into one value that does not split, so neither is
+    // trusted, whichever of them is genuine.
+    harness.emulator().clearRequests();
+    rewriteWith([](OrvData&, auto& fields) {
+      const auto genuine = std::find_if(fields.begin(), fields.end(), [](const auto& field) {
+        return strcasecmp(field.first.c_str(), "Varnel-Signature") == 0;
+      });
+      ASSERT_NE(genuine, fields.end());
+      fields.emplace_back("varnel-signature", genuine->second);
+    });
+    expectRefused(harness, "duplicate signature fields", std::nullopt);
+    EXPECT_EQ(countPaths(harness.requestPaths(), "/ads/root/publickey"), 0u);
+
+    // A genuine signature under a header whose "b64" is not critical.
+    const auto key = orv::emulator::PrivateKey::fromPEM(readFile(harness.material().file(orv::emulator::kSigningRSAKeyFile)));
+    ASSERT_TRUE(key);
+    rewriteWith([&key](OrvData& body, auto& fields) {
+      for (auto& [name, value] : fields) {
+        if (strcasecmp(name.c_str(), "Varnel-Signature") == 0) {
+          auto jws = orv::emulator::signDetachedJws(*key, "RS256", R"({"alg":"RS256","b64":true})",
+                                                    std::string(body.begin(), body.end()));
+          value = jws.value_or("");
+        }
+      }
+    });
+    expectRefused(harness, "b64 not critical", OrvSecurityUtilsResultUncriticalUnencodedPayload);
   }
 
-  // The service asks for the issuer's name and checks the period (bad keys and chains: the security tests).
-  for (const auto& [what, code, notAfter, caName] :
-       {std::tuple{"wrong issuer", OrvSecurityUtilsResultIssuerMismatch, 1, "Varnel Systems Inc"},
-        std::tuple{"expired certificate", OrvSecurityUtilsResultCertificateExpired, -1, "Varnel Systems, Inc."}}) {
+  // The service asks for the issuer's name and checks the period, the signer's role and the issuer's
+  // ambiguity (bad keys and chains: the security tests).
+  for (const auto& [what, code, change] : {
+           std::tuple{"wrong issuer", OrvSecurityUtilsResultIssuerMismatch, SigningCertificateChange{"Varnel Systems Inc"}},
+           std::tuple{"expired certificate", OrvSecurityUtilsResultCertificateExpired,
+                      SigningCertificateChange{.notAfter = std::chrono::hours(-1)}},
+           std::tuple{"signer is a CA", OrvSecurityUtilsResultCertificateIsAuthority, SigningCertificateChange{.leafIsCA = true}},
+           std::tuple{"two issuer organisations", OrvSecurityUtilsResultAmbiguousIssuer,
+                      SigningCertificateChange{.additionalCAOrganizations = {"Someone Else Ltd"}}},
+       }) {
     HarnessOptions options{kCatalog};
-    options.prepareMaterial = replaceSigningCertificate(caName, std::chrono::hours(notAfter));
+    options.prepareMaterial = replaceSigningCertificate(change);
     EmulatorHarness harness(options);
     expectRefused(harness, what, code);
   }
@@ -276,18 +332,26 @@ TEST(AutoDiscoveryWorkflowTest, RequestsOfOneServiceRunStrictlyOneAfterTheOther)
                                                              "/ads/root/domain/upper.example/", "/ads/root/publickey"));
 }
 
-TEST(AutoDiscoveryWorkflowTest, ReleasingTheServiceEndsItsRequestWithoutCompletion) {
+TEST(AutoDiscoveryWorkflowTest, ReleasingTheServiceCancelsItsRequestsWithoutCompletion) {
   EmulatorHarness harness({kCatalog});
   orv::emulator::FaultSpec slow;
-  slow.delay = std::chrono::milliseconds(200);
+  slow.delay = std::chrono::seconds(30);
   harness.emulator().setFault("/ads/root/domain/example.com/", slow);
+  harness.emulator().setFault("/ads/root/domain/example.org/", slow);
   std::weak_ptr<OrvAppConfigService> weak = harness.service;
+  std::weak_ptr<OrvURLSession> weakSession = harness.session;
   std::atomic<int> calls{0};
+  // One request in flight (the emulator holds its answer back), one waiting for its turn, one settings
+  // request running beside them.
   harness.service->asyncStartAutodiscoveryForUserInput("user@example.com", 0, [&](auto, auto, auto) { ++calls; });
-  // The query is in flight (the emulator holds its answer back) when the host lets go of the service.
+  harness.service->asyncStartAutodiscoveryForUserInput("user@example.org", 0, [&](auto, auto, auto) { ++calls; });
+  harness.service->asyncStartSettingsRetrievalForStoreUrls({*OrvURL::URLWithString("https://store.example.com/Store")}, 0, 0,
+                                                           [&](auto, auto, auto) { ++calls; });
   ASSERT_TRUE(pollUntil([&] { return !harness.emulator().requests().empty(); }));
+  harness.session.reset();
   harness.service.reset();
   EXPECT_TRUE(weak.expired()) << "a pending request does not keep the service alive";
-  // The answer arrives after the service has gone; nothing may be delivered.
-  EXPECT_FALSE(runMainQueueUntil([&] { return calls > 0; }, std::chrono::milliseconds(1500)));
+  // The transfer is aborted, not left to the server's 30 s: the session and its I/O thread go with it.
+  EXPECT_TRUE(pollUntil([&] { return weakSession.expired(); }, std::chrono::seconds(10)));
+  EXPECT_FALSE(runMainQueueUntil([&] { return calls > 0; }, std::chrono::milliseconds(300)));
 }
