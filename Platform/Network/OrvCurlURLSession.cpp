@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "OrvHTTPHeaderCollector.h"
 #include "OrvOperationQueue.h"
 
 namespace orv::detail {
@@ -90,20 +91,10 @@ struct CurlTransfer {
   CURLM* multi;
   std::shared_ptr<CurlDataTask> task;
   std::size_t bodyLimit;
-  std::size_t headerCountLimit = 0;
-  std::size_t headerBytesLimit = 0;
   std::string body;
-  // The header fields of the response being received; a redirect hop's are dropped when the next
-  // response begins.
-  std::vector<std::pair<std::string, std::string>> fields;
-  std::size_t headerCount = 0;
-  std::size_t headerBytes = 0;
-  bool headerBlockComplete = false;
-  // Any byte of any response arrived: a request that got an answer is never sent again.
-  bool receivedAnything = false;
+  // The answer's header fields as they arrive.
+  HTTPHeaderCollector received{0, 0};
   bool retried = false;
-  // Why the header callback stopped the transfer, and the code to report it with.
-  std::optional<std::pair<CURLcode, std::string>> refusal;
   bool overflowed = false;
   bool attached = false;
   char errorBuffer[CURL_ERROR_SIZE] = {};
@@ -333,76 +324,11 @@ std::size_t CurlSessionCore::onBody(char* data, std::size_t size, std::size_t co
   return bytes;
 }
 
-namespace {
-
-std::size_t refuseHeader(CurlTransfer& transfer, CURLcode code, std::string reason) {
-  transfer.refusal.emplace(code, std::move(reason));
-  return 0;  // curl ends the transfer at once and closes its connection or stream
-}
-
-bool isFieldWhitespace(char c) noexcept { return c == ' ' || c == '\t'; }
-
-}  // namespace
-
-// Collects only the final response's fields, bounded, and refuses what could be read two ways: a bare
-// CR or NUL, a folded line, a line without a name. Runs once per header line on the I/O thread, so its
-// cost is linear in what the server sends whatever the server sends.
 std::size_t CurlSessionCore::onHeader(char* data, std::size_t size, std::size_t count, void* user) {
   auto& transfer = *static_cast<CurlTransfer*>(user);
   const std::size_t bytes = size * count;
-  std::string_view line(data, bytes);
-  transfer.receivedAnything = true;
-  if (line.starts_with("HTTP/")) {
-    // A new response: the next hop of a redirect, or the final answer after an interim 1xx.
-    transfer.fields.clear();
-    transfer.headerCount = 0;
-    transfer.headerBytes = 0;
-    transfer.headerBlockComplete = false;
-  } else if (transfer.headerBlockComplete) {
-    // Trailers come after the body was already streamed; they are not part of the answer.
-    return bytes;
-  }
-  transfer.headerBytes += bytes;
-  if (transfer.headerBytes > transfer.headerBytesLimit) {
-    return refuseHeader(transfer, CURLE_FILESIZE_EXCEEDED,
-                        "response header block exceeds " + std::to_string(transfer.headerBytesLimit) + " bytes");
-  }
-  if (line.ends_with("\r\n")) {
-    line.remove_suffix(2);
-  } else if (line.ends_with('\n')) {
-    line.remove_suffix(1);
-  }
-  if (line.find('\0') != std::string_view::npos) {
-    return refuseHeader(transfer, CURLE_WEIRD_SERVER_REPLY, "response header contains a NUL byte");
-  }
-  if (line.find('\r') != std::string_view::npos) {
-    return refuseHeader(transfer, CURLE_WEIRD_SERVER_REPLY, "response header contains a bare CR");
-  }
-  if (line.empty()) {
-    transfer.headerBlockComplete = true;
-    return bytes;
-  }
-  if (line.starts_with("HTTP/")) return bytes;
-  if (isFieldWhitespace(line.front())) {
-    return refuseHeader(transfer, CURLE_WEIRD_SERVER_REPLY, "response header uses obsolete line folding");
-  }
-  const std::size_t colon = line.find(':');
-  if (colon == 0 || colon == std::string_view::npos) {
-    return refuseHeader(transfer, CURLE_WEIRD_SERVER_REPLY, "response header line has no field name");
-  }
-  if (++transfer.headerCount > transfer.headerCountLimit) {
-    return refuseHeader(transfer, CURLE_FILESIZE_EXCEEDED,
-                        "response has more than " + std::to_string(transfer.headerCountLimit) + " header fields");
-  }
-  std::string_view value = line.substr(colon + 1);
-  while (!value.empty() && isFieldWhitespace(value.front())) value.remove_prefix(1);
-  while (!value.empty() && isFieldWhitespace(value.back())) value.remove_suffix(1);
-  try {
-    transfer.fields.emplace_back(std::string(line.substr(0, colon)), std::string(value));
-  } catch (...) {
-    return refuseHeader(transfer, CURLE_OUT_OF_MEMORY, "response header could not be stored");
-  }
-  return bytes;
+  // Zero ends the transfer at once and closes its connection or stream.
+  return transfer.received.addLine(std::string_view(data, bytes)) ? bytes : 0;
 }
 
 void CurlSessionCore::startTransfer(const std::shared_ptr<CurlDataTask>& task) {
@@ -410,8 +336,7 @@ void CurlSessionCore::startTransfer(const std::shared_ptr<CurlDataTask>& task) {
   const std::uint64_t identifier = task->taskIdentifier();
   try {
     auto transfer = std::make_unique<CurlTransfer>(multi_.get(), task, configuration_.maxResponseBytes);
-    transfer->headerCountLimit = configuration_.maxHeaderCount;
-    transfer->headerBytesLimit = configuration_.maxHeaderBytes;
+    transfer->received = HTTPHeaderCollector(configuration_.maxHeaderCount, configuration_.maxHeaderBytes);
     transfer->easy.reset(curl_easy_init());
     CURL* easy = transfer->easy.get();
     if (!easy) {
@@ -509,7 +434,7 @@ bool CurlSessionCore::retryOnFreshConnection(CurlTransfer& transfer, CURLcode re
     default:
       return false;
   }
-  if (transfer.retried || transfer.receivedAnything || !transfer.body.empty() || transfer.refusal) return false;
+  if (transfer.retried || transfer.received.receivedAnything() || !transfer.body.empty()) return false;
   if (transfer.task->request().HTTPMethod() != "GET" || transfer.task->isFinished()) return false;
   long newConnections = 0;
   curl_easy_getinfo(transfer.easy.get(), CURLINFO_NUM_CONNECTS, &newConnections);
@@ -533,8 +458,11 @@ void CurlSessionCore::finishTransfer(CURL* easy, CURLcode result) {
   if (result != CURLE_OK && retryOnFreshConnection(*transfer, result)) return;
 
   try {
-    if (transfer->refusal) {
-      transfer->task->complete(std::nullopt, nullptr, transportError(transfer->refusal->first, transfer->refusal->second));
+    if (const auto& refusal = transfer->received.refusal()) {
+      const CURLcode code = refusal->first == HTTPHeaderCollector::Refusal::malformed       ? CURLE_WEIRD_SERVER_REPLY
+                            : refusal->first == HTTPHeaderCollector::Refusal::outOfMemory ? CURLE_OUT_OF_MEMORY
+                                                                                          : CURLE_FILESIZE_EXCEEDED;
+      transfer->task->complete(std::nullopt, nullptr, transportError(code, refusal->second));
     } else if (result != CURLE_OK) {
       if (transfer->overflowed) {
         transfer->task->complete(
@@ -550,7 +478,7 @@ void CurlSessionCore::finishTransfer(CURL* easy, CURLcode result) {
       curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &effectiveURL);
       std::optional<OrvURL> url = effectiveURL ? OrvURL::URLWithString(effectiveURL) : std::nullopt;
       if (!url) url = transfer->task->request().URL();
-      auto response = std::make_shared<const OrvHTTPURLResponse>(std::move(url), status, std::move(transfer->fields));
+      auto response = std::make_shared<const OrvHTTPURLResponse>(std::move(url), status, transfer->received.takeFields());
       transfer->task->complete(std::move(transfer->body), std::move(response), std::nullopt);
     }
   } catch (...) {

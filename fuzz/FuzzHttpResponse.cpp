@@ -1,0 +1,88 @@
+// An HTTP answer as the session hands it to a query operation: header lines as the transport
+// delivers them (collected, bounded, refused when they could be read two ways), a status code and a
+// body, judged by each of the three query operations and, when one keeps it, split into the
+// signature pieces. Input: one byte picking the status, then header lines up to an empty line, then
+// the body.
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+#include "FuzzSupport.h"
+#include "OrvAppConfigAutoDiscoverOperation.h"
+#include "OrvAppConfigGetSigningCertificateOperation.h"
+#include "OrvAppConfigRetrieveStoreSettingsOperation.h"
+#include "OrvAppConfigServiceContext.h"
+#include "OrvHTTPHeaderCollector.h"
+#include "OrvSecurityUtilsService.h"
+
+namespace {
+
+using orv::detail::fuzzRequire;
+
+constexpr std::array<std::int64_t, 8> kStatuses = {200, 204, 301, 404, 500, 0, 199, 999};
+constexpr std::size_t kMaxFields = 32;
+constexpr std::size_t kMaxHeaderBytes = 2048;
+
+void judge(const std::shared_ptr<OrvAppConfigQueryOperation>& operation, const OrvData& body,
+           const std::shared_ptr<const OrvHTTPURLResponse>& response) {
+  operation->didCompleteUrlTaskWithData(body, response, std::nullopt);
+  fuzzRequire(operation->isFinished(), "an answer always finishes the operation");
+  const auto status = operation->completionStatus();
+  fuzzRequire(status == 0 || status == 2 || status == 3, "an answer is good, bad or unparsable");
+  fuzzRequire(status == 0 || !operation->responseData(), "only a good answer is kept");
+  if (status != 0 || !operation->willRequireVarnelSignatureValidation()) return;
+  fuzzRequire(response->statusCode() == 200, "only a 200 is good");
+  fuzzRequire(operation->responseData() == body, "the kept body is the body received");
+  const auto signature = response->valueForHTTPHeaderField("Varnel-Signature");
+  fuzzRequire(operation->varnelSignatureHeader() == signature, "the kept signature is the combined field");
+  const auto payload = OrvAppConfigServicePayloadValidationContext::initWithResponseData(operation->responseData(),
+                                                                                        signature, std::nullopt, std::nullopt);
+  const bool splits = signature && std::count(signature->begin(), signature->end(), '.') == 1;
+  fuzzRequire(splits == (payload->varnelJWTHeader() && payload->varnelJWTSignature()),
+              "the signature splits exactly when it has one full stop");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  orv::detail::installFuzzLogger();
+  if (size == 0) return 0;
+  const std::int64_t status = data[0] < 128 ? 200 : kStatuses[data[0] % kStatuses.size()];
+  std::string_view rest(reinterpret_cast<const char*>(data + 1), size - 1);
+
+  orv::detail::HTTPHeaderCollector collector(kMaxFields, kMaxHeaderBytes);
+  bool accepted = collector.addLine("HTTP/1.1 200 OK\r\n");
+  while (accepted && !rest.empty()) {
+    const std::size_t end = rest.find('\n');
+    const std::string_view line = rest.substr(0, end == std::string_view::npos ? rest.size() : end + 1);
+    rest.remove_prefix(line.size());
+    accepted = collector.addLine(line);
+    if (line == "\r\n" || line == "\n") break;
+  }
+  fuzzRequire(accepted == !collector.refusal(), "a line is refused exactly when the collector says why");
+  if (!accepted) {
+    fuzzRequire(!collector.refusal()->second.empty() || collector.refusal()->first ==
+                                                            orv::detail::HTTPHeaderCollector::Refusal::outOfMemory,
+                "a refusal names its rule");
+    return 0;
+  }
+  auto fields = collector.takeFields();
+  fuzzRequire(fields.size() <= kMaxFields, "the field count stays within its bound");
+  for (const auto& [name, value] : fields) {
+    fuzzRequire(!name.empty() && name.find_first_of(std::string_view("\r\n\0", 3)) == std::string::npos,
+                "a field name is a single clean line");
+    fuzzRequire(value.find_first_of(std::string_view("\r\n\0", 3)) == std::string::npos, "a field value is a single clean line");
+  }
+
+  const auto response = std::make_shared<const OrvHTTPURLResponse>(OrvURL::URLWithString("https://127.0.0.1/x"), status,
+                                                                   std::move(fields));
+  const OrvData body(rest);
+  static const auto security = OrvSecurityUtilsService::create();
+  judge(OrvAppConfigAutoDiscoverOperation::initWithUserInput("user@example.com", 0, 0, nullptr, nullptr), body, response);
+  judge(OrvAppConfigGetSigningCertificateOperation::initWithSecurityService(security, nullptr, 0, nullptr), body, response);
+  judge(OrvAppConfigRetrieveStoreSettingsOperation::initWithStoreURL(OrvURL::URLWithString("https://store.example.com/Store"),
+                                                                    0, 0, std::nullopt, nullptr, nullptr),
+        body, response);
+  return 0;
+}
