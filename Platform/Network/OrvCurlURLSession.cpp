@@ -2,7 +2,9 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -33,7 +35,8 @@ using CurlMultiHandle = std::unique_ptr<CURLM, CurlMultiDeleter>;
 using CurlShareHandle = std::unique_ptr<CURLSH, CurlShareDeleter>;
 using CurlSlistHandle = std::unique_ptr<curl_slist, CurlSlistDeleter>;
 
-// The I/O thread sleeps at most this long when curl has no earlier deadline of its own.
+// The I/O thread sleeps at most this long when curl has no earlier deadline of its own, and a quarter
+// of the inactivity time-out at most, so that a silent transfer is caught close to its deadline.
 constexpr int kPollIntervalMilliseconds = 1000;
 
 bool curlReady() {
@@ -95,6 +98,9 @@ struct CurlTransfer {
   // The answer's header fields as they arrive.
   HTTPHeaderCollector received{0, 0};
   bool retried = false;
+  // Inactivity is counted from when the request goes out, then from each byte received.
+  bool requestSent = false;
+  std::chrono::steady_clock::time_point lastActivity;
   bool overflowed = false;
   bool attached = false;
   char errorBuffer[CURL_ERROR_SIZE] = {};
@@ -127,6 +133,8 @@ class CurlSessionCore : public std::enable_shared_from_this<CurlSessionCore> {
   void startTransfer(const std::shared_ptr<CurlDataTask>& task);
   void finishTransfer(CURL* easy, CURLcode result);
   bool retryOnFreshConnection(CurlTransfer& transfer, CURLcode result);
+  void expireSilentTransfers();
+  int pollInterval() const;
   static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* user);
   static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* user);
 
@@ -302,16 +310,49 @@ void CurlSessionCore::run() {
     while (CURLMsg* message = curl_multi_info_read(multi_.get(), &queued)) {
       if (message->msg == CURLMSG_DONE) finishTransfer(message->easy_handle, message->data.result);
     }
-    curl_multi_poll(multi_.get(), nullptr, 0, kPollIntervalMilliseconds, nullptr);
+    expireSilentTransfers();
+    curl_multi_poll(multi_.get(), nullptr, 0, pollInterval(), nullptr);
   }
 
   for (auto& [identifier, transfer] : transfers_) transfer->task->complete(std::nullopt, nullptr, cancelledError());
   transfers_.clear();
 }
 
+int CurlSessionCore::pollInterval() const {
+  if (transfers_.empty()) return kPollIntervalMilliseconds;
+  const auto quarter = configuration_.inactivityTimeout.count() / 4;
+  return static_cast<int>(std::clamp<std::int64_t>(quarter, 10, kPollIntervalMilliseconds));
+}
+
+// curl's own low-speed check averages the rate over several seconds, so a server that sends headers
+// and falls silent outlives a short time-out by seconds. Counting silence per transfer is exact.
+void CurlSessionCore::expireSilentTransfers() {
+  const auto now = std::chrono::steady_clock::now();
+  std::vector<std::uint64_t> expired;
+  for (auto& [identifier, transfer] : transfers_) {
+    if (!transfer->requestSent) {
+      curl_off_t pretransfer = 0;
+      curl_easy_getinfo(transfer->easy.get(), CURLINFO_PRETRANSFER_TIME_T, &pretransfer);
+      if (pretransfer <= 0) continue;
+      transfer->requestSent = true;
+      transfer->lastActivity = now;
+    }
+    if (now - transfer->lastActivity >= configuration_.inactivityTimeout) expired.push_back(identifier);
+  }
+  for (const auto identifier : expired) {
+    const auto it = transfers_.find(identifier);
+    it->second->task->complete(
+        std::nullopt, nullptr,
+        transportError(CURLE_OPERATION_TIMEDOUT,
+                       "no byte received for " + std::to_string(configuration_.inactivityTimeout.count()) + " ms"));
+    transfers_.erase(it);
+  }
+}
+
 std::size_t CurlSessionCore::onBody(char* data, std::size_t size, std::size_t count, void* user) {
   auto* transfer = static_cast<CurlTransfer*>(user);
   const std::size_t bytes = size * count;
+  transfer->lastActivity = std::chrono::steady_clock::now();
   if (bytes > transfer->bodyLimit - transfer->body.size()) {
     transfer->overflowed = true;
     return 0;
@@ -327,6 +368,7 @@ std::size_t CurlSessionCore::onBody(char* data, std::size_t size, std::size_t co
 std::size_t CurlSessionCore::onHeader(char* data, std::size_t size, std::size_t count, void* user) {
   auto& transfer = *static_cast<CurlTransfer*>(user);
   const std::size_t bytes = size * count;
+  transfer.lastActivity = std::chrono::steady_clock::now();
   // Zero ends the transfer at once and closes its connection or stream.
   return transfer.received.addLine(std::string_view(data, bytes)) ? bytes : 0;
 }
@@ -386,8 +428,6 @@ void CurlSessionCore::startTransfer(const std::shared_ptr<CurlDataTask>& task) {
     // Wait for a connection that may multiplex rather than open a parallel one.
     set(CURLOPT_PIPEWAIT, automaticVersion ? 1L : 0L);
     set(CURLOPT_CONNECTTIMEOUT_MS, long(config.connectTimeout.count()));
-    set(CURLOPT_LOW_SPEED_LIMIT, 1L);
-    set(CURLOPT_LOW_SPEED_TIME, long(config.inactivityTimeout.count()));
     if (config.totalTimeout) set(CURLOPT_TIMEOUT_MS, long(config.totalTimeout->count()));
     set(CURLOPT_MAXFILESIZE_LARGE, curl_off_t(config.maxResponseBytes));
     set(CURLOPT_WRITEFUNCTION, &CurlSessionCore::onBody);
@@ -440,6 +480,7 @@ bool CurlSessionCore::retryOnFreshConnection(CurlTransfer& transfer, CURLcode re
   curl_easy_getinfo(transfer.easy.get(), CURLINFO_NUM_CONNECTS, &newConnections);
   if (newConnections != 0) return false;
   transfer.retried = true;
+  transfer.requestSent = false;
   curl_multi_remove_handle(multi_.get(), transfer.easy.get());
   transfer.attached = false;
   transfer.errorBuffer[0] = '\0';
@@ -459,12 +500,13 @@ void CurlSessionCore::finishTransfer(CURL* easy, CURLcode result) {
 
   try {
     if (const auto& refusal = transfer->received.refusal()) {
-      const CURLcode code = refusal->first == HTTPHeaderCollector::Refusal::malformed       ? CURLE_WEIRD_SERVER_REPLY
+      const CURLcode code = refusal->first == HTTPHeaderCollector::Refusal::malformed     ? CURLE_WEIRD_SERVER_REPLY
                             : refusal->first == HTTPHeaderCollector::Refusal::outOfMemory ? CURLE_OUT_OF_MEMORY
                                                                                           : CURLE_FILESIZE_EXCEEDED;
       transfer->task->complete(std::nullopt, nullptr, transportError(code, refusal->second));
     } else if (result != CURLE_OK) {
-      if (transfer->overflowed) {
+      // Past the limit while streaming, or announced past it by Content-Length before any byte.
+      if (transfer->overflowed || result == CURLE_FILESIZE_EXCEEDED) {
         transfer->task->complete(
             std::nullopt, nullptr,
             transportError(CURLE_FILESIZE_EXCEEDED, "response body exceeds " + std::to_string(transfer->bodyLimit) + " bytes"));

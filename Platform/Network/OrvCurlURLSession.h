@@ -20,8 +20,9 @@ struct OrvCurlURLSessionConfiguration {
   // PEM bundle of the certificate authorities to trust instead of the system store.
   std::optional<std::string> caFile;
   OrvCurlHTTPVersion httpVersion = OrvCurlHTTPVersion::automatic;
-  // A transfer that moves no byte for this long fails (the platform's request time-out).
-  std::chrono::seconds inactivityTimeout{60};
+  // A transfer that receives no byte for this long, once its request is on its way, fails (the
+  // platform's request time-out). Waiting for a free connection does not count.
+  std::chrono::milliseconds inactivityTimeout{std::chrono::seconds(60)};
   std::chrono::milliseconds connectTimeout{std::chrono::seconds(30)};
   // Upper bound of a whole transfer; none by default, as the platform's resource time-out is days.
   std::optional<std::chrono::milliseconds> totalTimeout;

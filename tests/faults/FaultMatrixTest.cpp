@@ -1,0 +1,255 @@
+// The real service, session and security stack against a server that fails in each way a server or
+// a network can: every row says what the host is told, and that it is told exactly once.
+#include <curl/curl.h>
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+#include "FaultServer.h"
+#include "OrvAppConfigDiscoveryHosts.h"
+#include "OrvAppConfigService.h"
+#include "OrvCurlURLSession.h"
+#include "OrvJSONSerialization.h"
+#include "OrvSecurityUtilsService.h"
+#include "TestSupport.h"
+
+using namespace orv::test;
+using namespace std::chrono_literals;
+
+namespace {
+
+const std::string kQuery = "/ads/root/domain/example.com/";
+const std::string kHealthyQuery = "/ads/root/domain/healthy.example/";
+const std::string kPublicKey = "/ads/root/publickey";
+const std::string kNotFound = "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n";
+constexpr std::size_t kBodyLimit = 8u * 1024u * 1024u;
+const std::string kRecord =
+    R"({"domain":{"name":"example.com"},"kaleth":{"serviceUrls":[{"url":"https://store.example.com/Store"}]}})";
+
+struct ExpectedError {
+  std::string domain;
+  std::int64_t code;
+  std::string fragment;
+};
+
+enum class Extra { none, refusedPort, healthyNeighbour };
+
+struct Row {
+  std::string name;
+  FaultSetup server;
+  OrvAppConfigServiceCompletionStatus status;
+  std::optional<ExpectedError> error;
+  std::vector<std::string> targets;  // what the server read, in order
+  Extra extra = Extra::none;
+};
+
+ExpectedError urlError(CURLcode code, std::string fragment) { return {OrvURLErrorDomain, code, std::move(fragment)}; }
+
+FaultSetup onQuery(FaultScript script) { return {FaultTransport::tls, FaultCertificate::trusted, {{kQuery, std::move(script)}}}; }
+
+std::string withLength(std::string_view statusLine, const std::string& body, std::string_view fields = "") {
+  return std::string(statusLine) + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" + std::string(fields) + "\r\n" +
+         body;
+}
+
+std::string redirectTo(std::string_view location) {
+  return "HTTP/1.1 302 Found\r\nLocation: " + std::string(location) + "\r\nContent-Length: 0\r\n\r\n";
+}
+
+// A good record, then spaces: still one valid document, of exactly this many bytes.
+std::string paddedRecord(std::size_t size) {
+  std::string body = kRecord;
+  body.resize(size, ' ');
+  return body;
+}
+
+// The chunks of a chunked body, 1 MiB each, and the last one.
+std::string chunked(const std::string& body) {
+  std::string wire;
+  for (std::size_t at = 0; at < body.size(); at += 1u << 20) {
+    const std::string chunk = body.substr(at, 1u << 20);
+    wire += fmt::format("{:x}\r\n{}\r\n", chunk.size(), chunk);
+  }
+  return wire + "0\r\n\r\n";
+}
+
+FaultScript closeDelimited(const std::string& body) {
+  return {sendBytes("HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n" + body), closeConnection()};
+}
+
+FaultScript drip(const std::string& head, std::string_view body, std::chrono::milliseconds every) {
+  FaultScript script{sendBytes(head)};
+  for (const char byte : body) script.insert(script.end(), {pauseFor(every), sendBytes(std::string(1, byte))});
+  return script;
+}
+
+std::string flood(std::size_t lines) {
+  std::string wire = "HTTP/1.1 200 OK\r\n";
+  for (std::size_t i = 0; i < lines; ++i) wire += "X-Flood-" + std::to_string(i) + ": x\r\n";
+  return wire;
+}
+
+// kQuery redirects to /hop1, /hop1 to /hop2, and so on: `count` redirects in all.
+FaultSetup hops(int count) {
+  FaultSetup setup;
+  for (int hop = 0; hop < count; ++hop) {
+    setup.scripts[hop == 0 ? kQuery : "/hop" + std::to_string(hop)] = {
+        sendBytes(redirectTo("https://127.0.0.1:{port}/hop" + std::to_string(hop + 1)))};
+  }
+  return setup;
+}
+
+FaultSetup serving(FaultCertificate certificate, FaultTransport transport = FaultTransport::tls) {
+  return {transport, certificate, {}};
+}
+
+std::vector<Row> rows() {
+  const auto failed = OrvAppConfigServiceCompletionStatusAutodiscoveryFailed;
+  const std::string ok = "HTTP/1.1 200 OK";
+  const std::string stalledHead = "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n";
+  const std::string chunkedHead = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+  const std::vector<std::string> none, queried{kQuery}, hopped{kQuery, "/hop1", "/hop2", "/hop3"};
+  const auto silent = urlError(CURLE_OPERATION_TIMEDOUT, "no byte received for 1000 ms");
+  const auto tooBig = urlError(CURLE_FILESIZE_EXCEEDED, "response body exceeds 8388608 bytes");
+  const auto badChunk = urlError(CURLE_RECV_ERROR, "chunk");
+  const auto reset = urlError(CURLE_RECV_ERROR, "Connection reset by peer");
+  const auto tooManyHops = urlError(CURLE_TOO_MANY_REDIRECTS, "Maximum (3) redirects followed");
+  const auto signature = [&](int fields) {
+    std::string lines;
+    for (int i = 0; i < fields; ++i) lines += "Varnel-Signature: e30.c2ln\r\n";
+    return FaultScript{sendBytes(withLength(ok, kRecord, lines))};
+  };
+  return {
+      {"connection refused", FaultSetup{}, failed, urlError(CURLE_COULDNT_CONNECT, "Failed to connect"), none,
+       Extra::refusedPort},
+      {"TCP accepted, no TLS handshake", serving(FaultCertificate::trusted, FaultTransport::tcpOnly), failed,
+       urlError(CURLE_OPERATION_TIMEDOUT, "SSL connection timeout"), none},
+      {"reset in the headers", onQuery({sendBytes("HTTP/1.1 200 OK\r\nContent-Le"), resetConnection()}), failed, reset, queried},
+      {"reset in the body", onQuery({sendBytes(stalledHead + "{\"domain\":"), resetConnection()}), failed, reset, queried},
+      {"no answer at all", onQuery({staySilent()}), failed, silent, queried},
+      {"headers, then silence", onQuery({sendBytes(stalledHead), staySilent()}), failed, silent, queried},
+      // Every byte comes within the inactivity time-out: only the total time-out ends it.
+      {"body drips a byte every 400 ms", onQuery(drip(stalledHead, std::string(20, ' '), 400ms)), failed,
+       urlError(CURLE_OPERATION_TIMEDOUT, "Operation timed out after"), queried},
+      {"redirect to http", onQuery({sendBytes(redirectTo("http://127.0.0.1:{port}/plain"))}), failed,
+       urlError(CURLE_UNSUPPORTED_PROTOCOL, "Protocol \"http\" not supported"), queried},
+      {"redirect to another https host", onQuery({sendBytes(redirectTo("https://localhost:{port}/moved"))}), failed, std::nullopt,
+       std::vector<std::string>{kQuery, "/moved"}},
+      {"redirect loop", onQuery({sendBytes(redirectTo("https://127.0.0.1:{port}" + kQuery))}), failed, tooManyHops,
+       std::vector<std::string>(4, kQuery)},
+      {"four hops", hops(4), failed, tooManyHops, hopped},
+      {"three hops, then 404", hops(3), failed, std::nullopt, hopped},
+      {"8 MiB by Content-Length", onQuery({sendBytes(withLength(ok, paddedRecord(kBodyLimit)))}), failed, std::nullopt, queried},
+      // Refused on the announced length, before any body byte.
+      {"8 MiB + 1 by Content-Length", onQuery({sendBytes(withLength(ok, paddedRecord(kBodyLimit + 1)))}), failed, tooBig,
+       queried},
+      {"8 MiB chunked", onQuery({sendBytes(chunkedHead + chunked(paddedRecord(kBodyLimit)))}), failed, std::nullopt, queried},
+      {"8 MiB + 1 chunked", onQuery({sendBytes(chunkedHead + chunked(paddedRecord(kBodyLimit + 1)))}), failed, tooBig, queried},
+      {"8 MiB close-delimited", onQuery(closeDelimited(paddedRecord(kBodyLimit))), failed, std::nullopt, queried},
+      {"8 MiB + 1 close-delimited", onQuery(closeDelimited(paddedRecord(kBodyLimit + 1))), failed, tooBig, queried},
+      {"204", onQuery({sendBytes("HTTP/1.1 204 No Content\r\n\r\n")}), failed, std::nullopt, queried},
+      {"500 with a body", onQuery({sendBytes(withLength("HTTP/1.1 500 Internal Server Error", kRecord))}), failed, std::nullopt,
+       queried},
+      {"empty 200", onQuery({sendBytes(withLength(ok, ""))}), failed,
+       ExpectedError{OrvJSONSerializationErrorDomain, OrvJSONSerializationErrorInvalidJSON, "incomplete JSON"}, queried},
+      {"chunk size zz", onQuery({sendBytes(chunkedHead + "zz\r\nabc\r\n0\r\n\r\n")}), failed, badChunk, queried},
+      {"chunk size overflows", onQuery({sendBytes(chunkedHead + "ffffffffffffffffff\r\nabc\r\n0\r\n\r\n")}), failed, badChunk,
+       queried},
+      {"NUL in a header", onQuery({sendBytes(withLength(ok, kRecord, std::string("X-Odd: a\0b\r\n", 12)))}), failed,
+       urlError(CURLE_WEIRD_SERVER_REPLY, "Nul byte in header"), queried},
+      {"bare CR in a header", onQuery({sendBytes(withLength(ok, kRecord, "X-Odd: a\rb\r\n"))}), failed,
+       urlError(CURLE_WEIRD_SERVER_REPLY, "bare CR"), queried},
+      {"two signature fields", onQuery(signature(2)), failed, std::nullopt, queried},
+      // Silence after the flood: a client that read it all would end on its time-out (28), not here.
+      {"header flood", onQuery({sendBytes(flood(10'000)), staySilent()}), failed,
+       urlError(CURLE_FILESIZE_EXCEEDED, "more than 100 header fields"), queried},
+      {"certificate for another name", serving(FaultCertificate::otherName), failed,
+       urlError(CURLE_PEER_FAILED_VERIFICATION, "no alternative certificate subject name matches"), none},
+      {"expired certificate", serving(FaultCertificate::expired), failed,
+       urlError(CURLE_PEER_FAILED_VERIFICATION, "certificate has expired"), none},
+      {"certificate from an untrusted authority", serving(FaultCertificate::untrustedAuthority), failed,
+       urlError(CURLE_PEER_FAILED_VERIFICATION, "unable to get local issuer certificate"), none},
+      {"server speaks TLS 1.0 only", serving(FaultCertificate::trusted, FaultTransport::tls10Only), failed,
+       urlError(CURLE_SSL_CONNECT_ERROR, "protocol version"), none},
+      // The signing certificate is asked for on the connection the record came over; the server drops
+      // that request unanswered, and only the fresh connection's 404 reaches the service.
+      {"reused connection closed unanswered",
+       FaultSetup{FaultTransport::tls,
+                  FaultCertificate::trusted,
+                  {{kQuery, signature(1)}, {kPublicKey, {closeIfReused(), sendBytes(kNotFound)}}}},
+       failed, std::nullopt, std::vector<std::string>{kQuery, kPublicKey, kPublicKey}},
+      {"stalled request beside a healthy one", onQuery({sendBytes(stalledHead), staySilent()}), failed, silent,
+       std::vector<std::string>{kQuery, kHealthyQuery}, Extra::healthyNeighbour},
+  };
+}
+
+using AutoCapture =
+    Capture<OrvAppConfigServiceCompletionStatus, std::shared_ptr<OrvAppConfigAutoDiscoverRecord>, std::optional<OrvError>>;
+
+struct ProductionHostOverride {
+  ~ProductionHostOverride() { OrvAppConfigDiscoveryHosts::setProductionHost(std::nullopt); }
+};
+
+}  // namespace
+
+TEST(FaultMatrixTest, EachFaultEndsInOneCompletionThatSaysWhatFailed) {
+  FaultServer server;
+  ASSERT_TRUE(server.isListening());
+  OrvCurlURLSessionConfiguration configuration;
+  configuration.caFile = server.caFile();
+  configuration.inactivityTimeout = 1s;
+  configuration.connectTimeout = 1s;
+  configuration.totalTimeout = 2s;
+  configuration.maxHeaderCount = 100;
+  configuration.maxHeaderBytes = 16u * 1024u;
+  ProductionHostOverride restoreHost;
+
+  for (const auto& row : rows()) {
+    SCOPED_TRACE(row.name);
+    server.configure(row.server);
+    const auto port = row.extra == Extra::refusedPort ? server.refusedPort() : server.port();
+    OrvAppConfigDiscoveryHosts::setProductionHost("127.0.0.1:" + std::to_string(port));
+    // A session per row: no connection or TLS session crosses from one row into the next.
+    const auto session = OrvCurlURLSession::create(configuration);
+    ASSERT_NE(session, nullptr);
+    const auto newService = [&] {
+      return OrvAppConfigService::initWithURLSession(session, std::make_shared<OrvHttpHeaderProviderService>(),
+                                                     OrvSecurityUtilsService::create(), nullptr);
+    };
+    const auto service = newService();
+    AutoCapture capture;
+    service->asyncStartAutodiscoveryForUserInput("user@example.com", 0, capture.block());
+
+    if (row.extra == Extra::healthyNeighbour) {
+      // A second service, as one service runs its workflows one at a time: only the session is shared.
+      ASSERT_TRUE(pollUntil([&] { return !server.targets().empty(); }, 5s));
+      const auto neighbour = newService();
+      AutoCapture healthy;
+      neighbour->asyncStartAutodiscoveryForUserInput("user@healthy.example", 0, healthy.block());
+      ASSERT_TRUE(healthy.wait(5s));
+      EXPECT_EQ(capture.calls, 0) << "the healthy request was held up by the stalled one";
+      EXPECT_EQ(std::get<0>(healthy.values), OrvAppConfigServiceCompletionStatusAutodiscoveryFailed);
+      EXPECT_EQ(std::get<2>(healthy.values), std::nullopt);
+    }
+
+    ASSERT_TRUE(capture.wait(10s));
+    // Whatever would deliver a second completion has had its chance once this has drained.
+    runMainQueueUntil([] { return false; }, 100ms);
+    EXPECT_EQ(capture.calls, 1);
+    EXPECT_TRUE(capture.onMainQueue);
+    const auto& [status, record, error] = capture.values;
+    EXPECT_EQ(status, row.status);
+    EXPECT_EQ(record, nullptr);
+    if (row.error) {
+      ASSERT_TRUE(error);
+      EXPECT_EQ(error->domain(), row.error->domain) << error->description();
+      EXPECT_EQ(error->code(), row.error->code) << error->description();
+      EXPECT_THAT(error->description(), ::testing::HasSubstr(row.error->fragment));
+    } else {
+      EXPECT_EQ(error, std::nullopt) << error->description();
+    }
+    EXPECT_EQ(server.targets(), row.targets);
+  }
+}
