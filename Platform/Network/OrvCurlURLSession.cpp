@@ -151,6 +151,7 @@ class CurlSessionCore : public std::enable_shared_from_this<CurlSessionCore> {
   CurlShareHandle share_;
   // I/O thread only.
   std::map<std::uint64_t, std::unique_ptr<CurlTransfer>> transfers_;
+  std::chrono::steady_clock::time_point nextExpiryCheck_;
 };
 
 class CurlDataTask final : public OrvURLSessionDataTask, public std::enable_shared_from_this<CurlDataTask> {
@@ -328,6 +329,10 @@ int CurlSessionCore::pollInterval() const {
 // and falls silent outlives a short time-out by seconds. Counting silence per transfer is exact.
 void CurlSessionCore::expireSilentTransfers() {
   const auto now = std::chrono::steady_clock::now();
+  // The I/O thread wakes for every socket event; walking every transfer each time would make a burst
+  // of many stores quadratic. Once per poll interval is as exact as the poll itself.
+  if (now < nextExpiryCheck_) return;
+  nextExpiryCheck_ = now + std::chrono::milliseconds(pollInterval());
   std::vector<std::uint64_t> expired;
   for (auto& [identifier, transfer] : transfers_) {
     if (!transfer->requestSent) {
