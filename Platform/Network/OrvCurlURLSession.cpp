@@ -100,6 +100,7 @@ struct CurlTransfer {
   bool retried = false;
   // Inactivity is counted from when the request goes out, then from each byte received.
   bool requestSent = false;
+  std::chrono::steady_clock::time_point added;
   std::chrono::steady_clock::time_point lastActivity;
   bool overflowed = false;
   bool attached = false;
@@ -331,16 +332,17 @@ void CurlSessionCore::expireSilentTransfers() {
   const auto now = std::chrono::steady_clock::now();
   // The I/O thread wakes for every socket event; walking every transfer each time would make a burst
   // of many stores quadratic. Once per poll interval is as exact as the poll itself.
-  if (now < nextExpiryCheck_) return;
+  if (transfers_.empty() || now < nextExpiryCheck_) return;
   nextExpiryCheck_ = now + std::chrono::milliseconds(pollInterval());
   std::vector<std::uint64_t> expired;
   for (auto& [identifier, transfer] : transfers_) {
     if (!transfer->requestSent) {
+      // curl's clock of the transfer says when the request went out, however late we look.
       curl_off_t pretransfer = 0;
       curl_easy_getinfo(transfer->easy.get(), CURLINFO_PRETRANSFER_TIME_T, &pretransfer);
       if (pretransfer <= 0) continue;
       transfer->requestSent = true;
-      transfer->lastActivity = now;
+      transfer->lastActivity = std::max(transfer->lastActivity, transfer->added + std::chrono::microseconds(pretransfer));
     }
     if (now - transfer->lastActivity >= configuration_.inactivityTimeout) expired.push_back(identifier);
   }
@@ -455,6 +457,7 @@ void CurlSessionCore::startTransfer(const std::shared_ptr<CurlDataTask>& task) {
         return;
       }
       transfer->attached = true;
+      transfer->added = std::chrono::steady_clock::now();
     } else {
       task->complete(std::nullopt, nullptr, transportError(code, transfer->errorBuffer));
       return;
@@ -486,6 +489,7 @@ bool CurlSessionCore::retryOnFreshConnection(CurlTransfer& transfer, CURLcode re
   if (newConnections != 0) return false;
   transfer.retried = true;
   transfer.requestSent = false;
+  transfer.added = std::chrono::steady_clock::now();
   curl_multi_remove_handle(multi_.get(), transfer.easy.get());
   transfer.attached = false;
   transfer.errorBuffer[0] = '\0';
