@@ -29,8 +29,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::string answer = data[0] & 1 ? rest : boost::json::serialize(boost::json::object{{"certificate", rest}});
 
   auto operation = OrvAppConfigGetSigningCertificateOperation::initWithSecurityService(plainService(), nullptr, 0, nullptr);
-  operation->didCompleteUrlTaskWithData(answer, std::make_shared<const OrvHTTPURLResponse>(std::nullopt, 200, std::vector<std::pair<std::string, std::string>>{}),
-                                        std::nullopt);
+  operation->didCompleteUrlTaskWithData(
+      answer, std::make_shared<const OrvHTTPURLResponse>(std::nullopt, 200, std::vector<std::pair<std::string, std::string>>{}),
+      std::nullopt);
   const auto& certificate = operation->signingCertificate();
   fuzzRequire((operation->completionStatus() == 0) == (certificate != nullptr), "a certificate exactly when the answer was good");
   if (!certificate) return 0;

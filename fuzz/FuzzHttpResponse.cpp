@@ -36,8 +36,8 @@ void judge(const std::shared_ptr<OrvAppConfigQueryOperation>& operation, const O
   fuzzRequire(operation->responseData() == body, "the kept body is the body received");
   const auto signature = response->valueForHTTPHeaderField("Varnel-Signature");
   fuzzRequire(operation->varnelSignatureHeader() == signature, "the kept signature is the combined field");
-  const auto payload = OrvAppConfigServicePayloadValidationContext::initWithResponseData(operation->responseData(),
-                                                                                        signature, std::nullopt, std::nullopt);
+  const auto payload = OrvAppConfigServicePayloadValidationContext::initWithResponseData(operation->responseData(), signature,
+                                                                                         std::nullopt, std::nullopt);
   const bool splits = signature && std::count(signature->begin(), signature->end(), '.') == 1;
   fuzzRequire(splits == (payload->varnelJWTHeader() && payload->varnelJWTSignature()),
               "the signature splits exactly when it has one full stop");
@@ -62,8 +62,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   fuzzRequire(accepted == !collector.refusal(), "a line is refused exactly when the collector says why");
   if (!accepted) {
-    fuzzRequire(!collector.refusal()->second.empty() || collector.refusal()->first ==
-                                                            orv::detail::HTTPHeaderCollector::Refusal::outOfMemory,
+    fuzzRequire(!collector.refusal()->second.empty() ||
+                    collector.refusal()->first == orv::detail::HTTPHeaderCollector::Refusal::outOfMemory,
                 "a refusal names its rule");
     return 0;
   }
@@ -75,14 +75,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     fuzzRequire(value.find_first_of(std::string_view("\r\n\0", 3)) == std::string::npos, "a field value is a single clean line");
   }
 
-  const auto response = std::make_shared<const OrvHTTPURLResponse>(OrvURL::URLWithString("https://127.0.0.1/x"), status,
-                                                                   std::move(fields));
+  const auto response =
+      std::make_shared<const OrvHTTPURLResponse>(OrvURL::URLWithString("https://127.0.0.1/x"), status, std::move(fields));
   const OrvData body(rest);
   static const auto security = OrvSecurityUtilsService::create();
   judge(OrvAppConfigAutoDiscoverOperation::initWithUserInput("user@example.com", 0, 0, nullptr, nullptr), body, response);
   judge(OrvAppConfigGetSigningCertificateOperation::initWithSecurityService(security, nullptr, 0, nullptr), body, response);
-  judge(OrvAppConfigRetrieveStoreSettingsOperation::initWithStoreURL(OrvURL::URLWithString("https://store.example.com/Store"),
-                                                                    0, 0, std::nullopt, nullptr, nullptr),
+  judge(OrvAppConfigRetrieveStoreSettingsOperation::initWithStoreURL(OrvURL::URLWithString("https://store.example.com/Store"), 0,
+                                                                     0, std::nullopt, nullptr, nullptr),
         body, response);
   return 0;
 }
