@@ -99,6 +99,14 @@ std::unique_ptr<CertificateHandle> parseDER(std::string_view der) {
   X509Ptr certificate(d2i_X509(nullptr, &cursor, static_cast<long>(der.size())));
   // Bytes after the certificate are garbage, not a second certificate.
   if (!certificate || cursor != begin + der.size()) return nullptr;
+  // Only canonical DER: the parser is lenient (a signature's unused bits may be set, for instance),
+  // and a certificate with two encodings has two thumbprints, so "x5t#S256" could name either.
+  unsigned char* reencoded = nullptr;
+  const int reencodedLength = i2d_X509(certificate.get(), &reencoded);
+  const OpenSSLBytesPtr reencodedOwner(reencoded);
+  if (reencodedLength <= 0 || std::string_view(reinterpret_cast<const char*>(reencoded), std::size_t(reencodedLength)) != der) {
+    return nullptr;
+  }
 
   auto handle = std::make_unique<CertificateHandle>();
   handle->publicKey.reset(X509_get_pubkey(certificate.get()));

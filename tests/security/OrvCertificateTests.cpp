@@ -68,6 +68,18 @@ TEST(OrvCertificateTest, RefusesAnythingElse) {
   for (const auto& content : contents) {
     EXPECT_EQ(OrvCertificate::certificateWithContent(content), nullptr) << content;
   }
+  // A signature whose unused bits are set: the parser takes it, but the certificate has two encodings,
+  // and so two thumbprints.
+  std::string loose = m.p256Leaf->derData();
+  std::size_t bitString = loose.size() - 2;
+  while (bitString > 0 &&
+         !(loose[bitString] == 0x03 && std::size_t(std::uint8_t(loose[bitString + 1])) == loose.size() - bitString - 2)) {
+    --bitString;
+  }
+  ASSERT_GT(bitString, 0u);
+  loose[bitString + 2] = 7;
+  loose.back() = static_cast<char>(loose.back() | 1);
+  EXPECT_EQ(OrvCertificate::certificateWithDER(loose), nullptr);
   EXPECT_EQ(OrvCertificate::certificateWithDER(""), nullptr);
   EXPECT_EQ(OrvCertificate::certificateWithDER("\x30\x03\x02\x01\x01"), nullptr);
 }
