@@ -10,6 +10,8 @@ packages=(
   # Only the versioned 1.81 names: the unversioned boost packages are 1.74 and would remove these.
   libboost1.81-dev libboost-url1.81-dev libboost-json1.81-dev
   libfmt-dev libcli11-dev libgtest-dev libgmock-dev libbenchmark-dev
+  # The staging-host test serves an exported catalog from stock nginx; one example bridges into GLib.
+  nginx libglib2.0-dev
 )
 missing=()
 for p in "${packages[@]}"; do
