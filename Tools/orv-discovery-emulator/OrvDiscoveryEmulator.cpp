@@ -17,11 +17,10 @@
 #include <boost/beast/ssl.hpp>
 
 #include <atomic>
-#include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <thread>
 
+#include "OrvEmulatorCatalog.h"
 #include "OrvEmulatorResponder.h"
 
 namespace orv::emulator {
@@ -238,26 +237,10 @@ std::unique_ptr<DiscoveryEmulator> DiscoveryEmulator::start(const Options& optio
     auto material = detail::loadMaterial(options.materialDir, options.algorithm, error);
     if (!material) return nullptr;
 
-    std::string catalog = R"({"domains":{},"stores":{}})";
-    std::optional<std::string> catalogFile = options.catalogFile;
-    if (!catalogFile && !options.catalogJSON) {
-      const auto fallback = std::filesystem::path(options.materialDir) / kCatalogFile;
-      if (std::filesystem::exists(fallback)) catalogFile = fallback.string();
-    }
-    if (options.catalogJSON) {
-      catalog = *options.catalogJSON;
-    } else if (catalogFile) {
-      std::ifstream in(*catalogFile, std::ios::binary);
-      if (!in) {
-        if (error) *error = "cannot read the catalog " + *catalogFile;
-        return nullptr;
-      }
-      std::ostringstream text;
-      text << in.rdbuf();
-      catalog = text.str();
-    }
+    const auto catalog = detail::catalogText(options.materialDir, options.catalogFile, options.catalogJSON, error);
+    if (!catalog) return nullptr;
 
-    auto responder = detail::Responder::create(std::move(*material), catalog, error);
+    auto responder = detail::Responder::create(std::move(*material), *catalog, error);
     if (!responder) return nullptr;
     auto server = std::make_unique<detail::EmulatorServer>(std::move(responder), options);
     if (!server->listen(options, error)) return nullptr;

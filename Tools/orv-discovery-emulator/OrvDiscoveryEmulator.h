@@ -87,6 +87,27 @@ struct EmulatorOptions {
   std::size_t maxHeaderBytes = 16 * 1024;
 };
 
+struct ExportOptions {
+  std::string materialDir;
+  // Chosen as for EmulatorOptions.
+  std::optional<std::string> catalogFile;
+  std::optional<std::string> catalogJSON;
+  std::string algorithm = "RS256";
+  // Answers without their own "iat"/"exp" are valid from a minute before the export for this long:
+  // a static file cannot be stamped when it is served.
+  std::chrono::seconds validFor = std::chrono::days(30);
+  // Where the generated nginx configuration listens; an IPv6 address goes without brackets.
+  std::string listenAddress = "127.0.0.1";
+  std::uint16_t port = 8443;
+};
+
+// Writes every answer of the catalog (and the public-key answer) as a static file under outDir/root,
+// the server's TLS certificate and key, and outDir/nginx.conf serving them over TLS and HTTP/2 with
+// the signatures the emulator would send, so that `nginx -p outDir -c nginx.conf` stands up a static
+// copy of the emulator. outDir is created when missing; files of an earlier export are overwritten.
+// False with the reason in error when the material or catalog is unusable or a file cannot be written.
+bool exportCatalog(const ExportOptions& options, const std::string& outDir, std::string* error = nullptr);
+
 namespace detail {
 class EmulatorServer;
 }

@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "OrvCertificate.h"
+#include "OrvEmulatorCatalog.h"
 #include "OrvSDKStringUtils.h"
 #include "OrvString.h"
 
@@ -16,24 +17,10 @@ namespace orv::emulator::detail {
 
 namespace json = boost::json;
 
-struct Catalog {
-  struct Store {
-    // "ios" / "macos" to the settings answer.
-    std::map<std::string, json::object> platforms;
-    // Channel name to its platforms.
-    std::map<std::string, std::map<std::string, json::object>> channels;
-  };
-  // Keyed by the lower-case domain.
-  std::map<std::string, json::object> domains;
-  // Keyed by the store URL exactly as the client encodes it.
-  std::map<std::string, Store> stores;
-};
-
 namespace {
 
 constexpr std::string_view kPublicKeyPath = "/ads/root/publickey";
-constexpr std::int64_t kDefaultNotBeforeSkewSeconds = 60;
-constexpr std::int64_t kDefaultLifetimeSeconds = 24 * 60 * 60;
+constexpr std::chrono::hours kDefaultLifetime{24};
 
 std::string asciiLower(std::string_view text) {
   std::string out(text);
@@ -48,89 +35,10 @@ std::string errorBody(std::string_view message) {
   return json::serialize(body);
 }
 
-bool readPlatforms(const json::object& from, std::map<std::string, json::object>& into, const std::string& where,
-                   std::string* error) {
-  for (const char* platform : {"ios", "macos"}) {
-    const auto* value = from.if_contains(platform);
-    if (!value) continue;
-    if (!value->is_object()) {
-      if (error) *error = fmt::format("{}.{} is not an object", where, platform);
-      return false;
-    }
-    into[platform] = value->get_object();
-  }
-  return true;
-}
-
-std::shared_ptr<const Catalog> parseCatalog(std::string_view text, std::string* error) {
-  boost::system::error_code ec;
-  const json::value root = json::parse(text, ec);
-  if (ec) {
-    if (error) *error = "catalog is not JSON: " + ec.message();
-    return nullptr;
-  }
-  if (!root.is_object()) {
-    if (error) *error = "catalog is not a JSON object";
-    return nullptr;
-  }
-  auto catalog = std::make_shared<Catalog>();
-  const auto& top = root.get_object();
-
-  if (const auto* domains = top.if_contains("domains")) {
-    if (!domains->is_object()) {
-      if (error) *error = "\"domains\" is not an object";
-      return nullptr;
-    }
-    for (const auto& [name, answer] : domains->get_object()) {
-      if (!answer.is_object()) {
-        if (error) *error = fmt::format("domain \"{}\" is not an object", std::string_view(name));
-        return nullptr;
-      }
-      catalog->domains[asciiLower(name)] = answer.get_object();
-    }
-  }
-
-  if (const auto* stores = top.if_contains("stores")) {
-    if (!stores->is_object()) {
-      if (error) *error = "\"stores\" is not an object";
-      return nullptr;
-    }
-    for (const auto& [url, entry] : stores->get_object()) {
-      const std::string where = fmt::format("store \"{}\"", std::string_view(url));
-      if (!entry.is_object()) {
-        if (error) *error = where + " is not an object";
-        return nullptr;
-      }
-      Catalog::Store store;
-      if (!readPlatforms(entry.get_object(), store.platforms, where, error)) return nullptr;
-      if (const auto* channels = entry.get_object().if_contains("channels")) {
-        if (!channels->is_object()) {
-          if (error) *error = where + ".channels is not an object";
-          return nullptr;
-        }
-        for (const auto& [channel, platforms] : channels->get_object()) {
-          const std::string channelWhere = fmt::format("{}.channels.{}", where, std::string_view(channel));
-          if (!platforms.is_object()) {
-            if (error) *error = channelWhere + " is not an object";
-            return nullptr;
-          }
-          if (!readPlatforms(platforms.get_object(), store.channels[std::string(channel)], channelWhere, error)) {
-            return nullptr;
-          }
-        }
-      }
-      catalog->stores[std::string(url)] = std::move(store);
-    }
-  }
-  return catalog;
-}
-
 // Answers without their own validity get one around the moment they are served, so that a catalog
 // written once keeps working; explicit values go out untouched (tests rely on stale ones).
 std::string stampedBody(json::object answer, OrvDate now) {
-  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now.time_since_epoch()).count();
-  if (!answer.contains("iat")) answer["iat"] = std::int64_t(seconds - kDefaultNotBeforeSkewSeconds);
-  if (!answer.contains("exp")) answer["exp"] = std::int64_t(seconds + kDefaultLifetimeSeconds);
+  stampValidity(answer, now, kDefaultLifetime);
   return json::serialize(answer);
 }
 
@@ -253,6 +161,10 @@ Responder::~Responder() = default;
 std::unique_ptr<Responder> Responder::create(EmulatorMaterial material, std::string_view catalogJSON, std::string* error) {
   auto catalog = parseCatalog(catalogJSON, error);
   if (!catalog) return nullptr;
+  return create(std::move(material), std::move(catalog));
+}
+
+std::unique_ptr<Responder> Responder::create(EmulatorMaterial material, std::shared_ptr<const Catalog> catalog) {
   return std::unique_ptr<Responder>(new Responder(std::move(material), std::move(catalog)));
 }
 

@@ -42,6 +42,7 @@ struct Catalog;
 class Responder {
  public:
   static std::unique_ptr<Responder> create(EmulatorMaterial material, std::string_view catalogJSON, std::string* error);
+  static std::unique_ptr<Responder> create(EmulatorMaterial material, std::shared_ptr<const Catalog> catalog);
   ~Responder();
   Responder(const Responder&) = delete;
   Responder& operator=(const Responder&) = delete;

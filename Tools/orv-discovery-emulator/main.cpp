@@ -1,11 +1,13 @@
-// orv-discovery-emulator: generate signing and TLS material, or serve a catalog over HTTPS until
-// SIGINT or SIGTERM.
+// orv-discovery-emulator: generate signing and TLS material, serve a catalog over HTTPS until SIGINT
+// or SIGTERM, or export it as static files and an nginx configuration.
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
 #include <pthread.h>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <map>
 
 #include "OrvDiscoveryEmulator.h"
@@ -41,19 +43,35 @@ int main(int argc, char** argv) {
   std::string catalogFile;
   std::string listen = "127.0.0.1:0";
   std::string algorithm = "RS256";
+  std::string exportDir;
+  unsigned validForDays = 30;
   std::vector<std::string> faultArguments;
 
   auto* generate =
       app.add_option("--generate", generateDir, "Write fresh keys, certificates and a demo catalog to DIR")->type_name("DIR");
-  auto* material = app.add_option("--material", materialDir, "Serve with the material in DIR")->type_name("DIR");
+  auto* material = app.add_option("--material", materialDir, "Serve or export with the material in DIR")->type_name("DIR");
   generate->excludes(material);
   app.add_option("--catalog", catalogFile, "Catalog JSON file (default: DIR/catalog.json)")->type_name("FILE")->needs(material);
-  app.add_option("--listen", listen, "ADDR:PORT to listen on; port 0 picks a free one")->type_name("ADDR:PORT")->needs(material);
+  auto* listenOption = app.add_option("--listen", listen,
+                                      "ADDR:PORT to listen on; port 0 picks a free one (not with --export, "
+                                      "where it defaults to 127.0.0.1:8443)")
+                           ->type_name("ADDR:PORT")
+                           ->needs(material);
   app.add_option("--algorithm", algorithm, "Signature algorithm")->check(CLI::IsMember({"RS256", "ES256"}))->needs(material);
-  app.add_option("--fault", faultArguments,
-                 "PATH:KNOB, repeatable; knobs: status=CODE, delay=MS, drop, nosig, badsig, body=TEXT, body=@FILE")
-      ->type_name("PATH:KNOB")
-      ->needs(material);
+  auto* faultOption =
+      app.add_option("--fault", faultArguments,
+                     "PATH:KNOB, repeatable; knobs: status=CODE, delay=MS, drop, nosig, badsig, body=TEXT, body=@FILE")
+          ->type_name("PATH:KNOB")
+          ->needs(material);
+  auto* exportOption =
+      app.add_option("--export", exportDir, "Write the catalog's signed answers and an nginx configuration serving them to OUT")
+          ->type_name("OUT")
+          ->needs(material);
+  exportOption->excludes(faultOption);
+  app.add_option("--valid-for", validForDays, "Days exported answers without their own \"exp\" stay valid (default 30)")
+      ->type_name("DAYS")
+      ->check(CLI::Range(1u, 3650u))
+      ->needs(exportOption);
   CLI11_PARSE(app, argc, argv);
 
   if (!generateDir.empty()) {
@@ -68,6 +86,29 @@ int main(int argc, char** argv) {
   if (materialDir.empty()) {
     fmt::print(stderr, "orv-discovery-emulator: give --generate DIR or --material DIR\n{}", app.help());
     return 2;
+  }
+
+  if (!exportDir.empty()) {
+    orv::emulator::ExportOptions options;
+    options.materialDir = materialDir;
+    if (!catalogFile.empty()) options.catalogFile = catalogFile;
+    options.algorithm = algorithm;
+    options.validFor = std::chrono::days(validForDays);
+    if (listenOption->count() == 0) listen = "127.0.0.1:8443";
+    if (!splitListen(listen, options.listenAddress, options.port) || options.port == 0) {
+      fmt::print(stderr, "orv-discovery-emulator: --listen with --export wants ADDR:PORT with a port other than 0, not \"{}\"\n",
+                 listen);
+      return 2;
+    }
+    std::string error;
+    if (!orv::emulator::exportCatalog(options, exportDir, &error)) {
+      fmt::print(stderr, "orv-discovery-emulator: {}\n", error);
+      return 1;
+    }
+    auto out = std::filesystem::absolute(exportDir).lexically_normal().string();
+    if (out.size() > 1 && out.back() == '/') out.pop_back();
+    fmt::print("exported to {0}; serve with: nginx -p {0} -c nginx.conf -e {0}/error.log\n", out);
+    return 0;
   }
 
   orv::emulator::DiscoveryEmulator::Options options;

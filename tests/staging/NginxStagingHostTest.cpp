@@ -1,0 +1,183 @@
+// An exported catalog on stock nginx, used by the client exactly as it uses the discovery service:
+// over TLS and HTTP/2, with the answers' signatures checked against the signing CA.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <boost/json.hpp>
+
+#include <csignal>
+#include <filesystem>
+#include <sstream>
+
+#include "EmulatorHarness.h"
+#include "OrvAppConfigAutoDiscoverRecord.h"
+#include "OrvAppConfigDiscoveryHosts.h"
+#include "OrvAppConfigSettingsRecord.h"
+#include "OrvDiscoveryEmulator.h"
+#include "TestSupport.h"
+
+using namespace orv::test;
+
+namespace {
+
+constexpr const char* kNginx = "/usr/sbin/nginx";
+
+std::uint16_t freeLoopbackPort() {
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  const bool bound = bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+                     getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0;
+  close(fd);
+  return bound ? ntohs(address.sin_port) : 0;
+}
+
+bool acceptsConnections(std::uint16_t port) {
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const bool connected = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  close(fd);
+  return connected;
+}
+
+// nginx on an exported directory, kept in the foreground as our child so that it can be reaped; it is
+// stopped the documented way, SIGQUIT to the PID in its pid file, however the test ends.
+class NginxProcess {
+ public:
+  explicit NginxProcess(const std::filesystem::path& prefix) : prefix_(prefix) {
+    const std::string prefixArgument = prefix.string(), errorLog = (prefix / "error.log").string();
+    const char* argv[] = {kNginx,           "-p", prefixArgument.c_str(), "-c",   "nginx.conf", "-e",
+                          errorLog.c_str(), "-g", "daemon off;",          nullptr};
+    pid_ = fork();
+    if (pid_ == 0) {
+      // Should the test process die first, nginx goes with it rather than holding the port.
+      prctl(PR_SET_PDEATHSIG, SIGTERM);
+      execv(kNginx, const_cast<char* const*>(argv));
+      _exit(127);
+    }
+  }
+
+  ~NginxProcess() {
+    if (pid_ <= 0 || exited()) return;
+    pid_t master = 0;
+    std::istringstream(readFile((prefix_ / "nginx.pid").string())) >> master;
+    kill(master > 0 ? master : pid_, SIGQUIT);
+    if (!pollUntil([this] { return exited(); }, std::chrono::seconds(10))) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+  }
+
+  bool exited() {
+    if (reaped_) return true;
+    reaped_ = waitpid(pid_, nullptr, WNOHANG) == pid_;
+    return reaped_;
+  }
+
+  bool waitUntilAccepting(std::uint16_t port) {
+    return pollUntil([&] { return exited() || acceptsConnections(port); }, std::chrono::seconds(10)) && !exited();
+  }
+
+ private:
+  std::filesystem::path prefix_;
+  pid_t pid_ = -1;
+  bool reaped_ = false;
+};
+
+struct DiscoveryHostsOverride {
+  explicit DiscoveryHostsOverride(const std::string& host) {
+    OrvAppConfigDiscoveryHosts::setProductionHost(host);
+    OrvAppConfigDiscoveryHosts::setStagingHost(host);
+  }
+  ~DiscoveryHostsOverride() {
+    OrvAppConfigDiscoveryHosts::setProductionHost(std::nullopt);
+    OrvAppConfigDiscoveryHosts::setStagingHost(std::nullopt);
+  }
+};
+
+using SettingsCapture =
+    Capture<OrvAppConfigServiceCompletionStatus, std::optional<OrvAppConfigStoreSettingsDictionary>, std::optional<OrvError>>;
+
+}  // namespace
+
+TEST(NginxStagingHostTest, ClientDiscoversAndRetrievesSettingsFromAnExportedCatalogOverHTTP2) {
+  if (access(kNginx, X_OK) != 0) GTEST_SKIP() << kNginx << " is not installed (Debian's nginx package provides it)";
+
+  TemporaryDirectory material, out;
+  std::string error;
+  ASSERT_TRUE(orv::emulator::generateMaterial(material.path().string(), &error)) << error;
+  orv::emulator::ExportOptions options;
+  options.materialDir = material.path().string();
+  options.port = freeLoopbackPort();
+  ASSERT_NE(options.port, 0);
+  ASSERT_TRUE(orv::emulator::exportCatalog(options, out.path().string(), &error)) << error;
+
+  // Static files cannot be stamped per request: their validity was fixed at export.
+  const auto answer = boost::json::parse(readFile(out.file("root/ads/root/domain/example.com/answer.json"))).as_object();
+  EXPECT_EQ(answer.at("exp").to_number<std::int64_t>() - answer.at("iat").to_number<std::int64_t>(), 30 * 24 * 3600 + 60);
+
+  NginxProcess nginx(out.path());
+  ASSERT_TRUE(nginx.waitUntilAccepting(options.port)) << readFile(out.file("error.log"));
+
+  const DiscoveryHostsOverride hosts("127.0.0.1:" + std::to_string(options.port));
+  OrvCurlURLSessionConfiguration configuration;
+  configuration.caFile = material.file(orv::emulator::kTLSCAFile);
+  auto session = OrvCurlURLSession::create(configuration);
+  OrvSecurityUtilsService::Configuration securityConfiguration;
+  securityConfiguration.trustAnchors =
+      OrvSecurityUtilsService::loadCertificatesFromPEMFile(material.file(orv::emulator::kSigningCAFile))
+          .value_or(std::vector<OrvCertificateRef>{});
+  ASSERT_FALSE(securityConfiguration.trustAnchors.empty());
+  auto service = OrvAppConfigService::initWithURLSession(session, std::make_shared<OrvHttpHeaderProviderService>(),
+                                                         OrvSecurityUtilsService::create(securityConfiguration), nullptr);
+
+  // The domain as a user may type it: nginx has to match it ignoring case, as the emulator does.
+  Capture<OrvAppConfigServiceCompletionStatus, std::shared_ptr<OrvAppConfigAutoDiscoverRecord>, std::optional<OrvError>>
+      discovered;
+  service->asyncStartAutodiscoveryForUserInput("user@Example.COM", 0, discovered.block());
+  ASSERT_TRUE(discovered.wait());
+  EXPECT_EQ(std::get<0>(discovered.values), 0u) << readFile(out.file("access.log"));
+  ASSERT_TRUE(std::get<1>(discovered.values));
+  EXPECT_EQ(std::get<1>(discovered.values)->domain()->name(), "example.com");
+  EXPECT_EQ(std::get<1>(discovered.values)->kaleth()->serviceUrls()->size(), 2u);
+
+  const auto storeURL = *OrvURL::URLWithString("https://store.example.com/Store");
+  const auto appsURL = *OrvURL::URLWithString("https://apps.example.com/Store");
+  SettingsCapture macos;
+  service->asyncStartSettingsRetrievalForStoreUrls({storeURL, appsURL}, 0, 1, std::nullopt, macos.block());
+  ASSERT_TRUE(macos.wait());
+  EXPECT_EQ(std::get<0>(macos.values), 0u);
+  ASSERT_TRUE(std::get<1>(macos.values));
+  ASSERT_EQ(std::get<1>(macos.values)->size(), 2u);
+  EXPECT_EQ(std::get<1>(macos.values)->at(storeURL)->kaleth()->name(), "Example Store");
+
+  SettingsCapture beta;
+  service->asyncStartSettingsRetrievalForStoreUrls({storeURL}, 0, 0, "beta", beta.block());
+  ASSERT_TRUE(beta.wait());
+  EXPECT_EQ(std::get<0>(beta.values), 0u);
+  ASSERT_TRUE(std::get<1>(beta.values) && std::get<1>(beta.values)->contains(storeURL));
+  EXPECT_EQ(std::get<1>(beta.values)->at(storeURL)->settingsChannel()->channelName(), "beta");
+
+  // Every request went over HTTP/2, the certificate fetch included.
+  std::istringstream log(readFile(out.file("access.log")));
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(log, line);) lines.push_back(line);
+  EXPECT_GE(lines.size(), 5u);
+  for (const auto& line : lines) EXPECT_NE(line.find(" HTTP/2.0 \"GET "), std::string::npos) << line;
+  const auto requested = [&](std::string_view path) {
+    return std::any_of(lines.begin(), lines.end(), [&](const auto& line) { return line.find(path) != std::string::npos; });
+  };
+  EXPECT_TRUE(requested("/ads/root/publickey"));
+  EXPECT_TRUE(requested("/channel/beta HTTP/2.0\" 200"));
+}
