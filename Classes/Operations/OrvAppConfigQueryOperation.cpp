@@ -40,6 +40,7 @@ void OrvAppConfigQueryOperation::start() {
     return;
   }
   moveToExecutingState();
+  if (traceRecorder_) traceBegan_ = traceRecorder_->now();
   coreStart();
 }
 
@@ -50,6 +51,7 @@ void OrvAppConfigQueryOperation::coreStart() {
     completeOperationWithStatus(OrvAppConfigQueryOperationCompletionStatusCouldNotBuildUrl, std::nullopt);
     return;
   }
+  if (traceRecorder_) tracedURL_ = url->absoluteString();
   OrvURLRequest request(*url);
   if (httpHeaderProviderService_) {
     // Monitoring headers first: on a name present in both, the transaction header's value is sent.
@@ -92,6 +94,8 @@ void OrvAppConfigQueryOperation::didCompleteUrlTaskWithData(std::optional<OrvDat
                                                             std::shared_ptr<const OrvHTTPURLResponse> response,
                                                             std::optional<OrvError> error) {
   const std::int64_t statusCode = response ? response->statusCode() : 0;
+  if (traceRecorder_ && response) tracedHTTPStatus_ = statusCode;
+  if (traceRecorder_ && data) tracedBodyBytes_ = data->size();
   // A 200 with a body is good even if an error came with it; nothing else is.
   if (data && statusCode == 200) {
     std::optional<OrvError> parseError;
@@ -126,8 +130,36 @@ void OrvAppConfigQueryOperation::completeOperationWithStatus(OrvAppConfigQueryOp
     } else {
       ORV_LOG_ERROR("Completing operation with status=%@ and error=%@", descriptionForCompletionStatus(status), error);
     }
+    if (traceRecorder_) recordTraceStep(status, error);
     setCompletionStatus(status);
     setCompletionError(std::move(error));
     coreCompleteOperation();
   });
+}
+
+void OrvAppConfigQueryOperation::recordTraceStep(OrvAppConfigQueryOperationCompletionStatus status,
+                                                 const std::optional<OrvError>& error) {
+  OrvAppConfigTraceStep step;
+  step.name = traceStepName_;
+  step.passed = status == OrvAppConfigQueryOperationCompletionStatusSuccess;
+  step.url = tracedURL_;
+  step.httpStatus = tracedHTTPStatus_;
+  step.error = error;
+  std::string detail;
+  if (tracedHTTPStatus_) {
+    detail = "HTTP " + std::to_string(*tracedHTTPStatus_) + ", " + std::to_string(tracedBodyBytes_) + " bytes";
+  } else if (status == OrvAppConfigQueryOperationCompletionStatusCancelled) {
+    detail = "cancelled before an answer";
+  } else if (status == OrvAppConfigQueryOperationCompletionStatusCouldNotBuildUrl) {
+    detail = "no URL could be built from the input";
+  } else {
+    detail = "no HTTP answer";
+  }
+  if (step.passed && willRequireVarnelSignatureValidation()) {
+    detail += varnelSignatureHeader() ? ", signature header present" : ", no Varnel-Signature header";
+  } else if (!step.passed && tracedHTTPStatus_) {
+    detail += *tracedHTTPStatus_ == 200 ? ", body not understood" : ", only 200 is an answer";
+  }
+  step.detail = detail + " -> " + descriptionForCompletionStatus(status);
+  traceRecorder_->addStep(std::move(step), traceBegan_);
 }

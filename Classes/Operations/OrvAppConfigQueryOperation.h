@@ -3,12 +3,14 @@
 // share: request and headers, the good-answer rule (status 200 with a body, nothing else), capture of
 // the signature header and body for later verification, the completion status and the log lines.
 // A subclass supplies the URL, a friendly name, the parsing of a 200 body and whether answers are signed.
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 
+#include "OrvAppConfigRequestTrace.h"
 #include "OrvHttpHeaderProviderServiceProtocol.h"
 #include "OrvUrlSessionTaskOperationObjC.h"
 
@@ -43,6 +45,12 @@ class OrvAppConfigQueryOperation : public OrvUrlSessionTaskOperationObjC {
 
   void start() override;
 
+  // Records the query as a step of the request's trace, under this name; nothing is recorded without.
+  void setTraceRecorder(std::shared_ptr<orv::detail::RequestTraceRecorder> recorder, std::string stepName) {
+    traceRecorder_ = std::move(recorder);
+    traceStepName_ = std::move(stepName);
+  }
+
   // What a subclass supplies.
   virtual std::optional<OrvURL> appConfigRequestURL();
   virtual std::string appConfigQueryOperationFriendlyName() const;
@@ -61,5 +69,13 @@ class OrvAppConfigQueryOperation : public OrvUrlSessionTaskOperationObjC {
   std::shared_ptr<OrvHttpHeaderProviderServiceProtocol> httpHeaderProviderService_;
   std::uint64_t hostType_;
   OrvAppConfigQueryOperationCompletionStatus completionStatus_ = OrvAppConfigQueryOperationCompletionStatusSuccess;
+  void recordTraceStep(OrvAppConfigQueryOperationCompletionStatus status, const std::optional<OrvError>& error);
+
   std::once_flag completed_;
+  std::shared_ptr<orv::detail::RequestTraceRecorder> traceRecorder_;
+  std::string traceStepName_;
+  std::chrono::steady_clock::time_point traceBegan_{};
+  std::optional<std::string> tracedURL_;
+  std::optional<std::int64_t> tracedHTTPStatus_;
+  std::size_t tracedBodyBytes_ = 0;
 };

@@ -10,6 +10,7 @@
 void OrvAppConfigService::asyncStartAutodiscoveryForContext(std::shared_ptr<OrvAppConfigServiceAutoDiscoveryContext> context) {
   if (!context->userInput() || context->userInput()->empty() || !context->completionBlock()) {
     ORV_LOG_ERROR("nil email address or completion block was provided - failing request");
+    recordStep(*context, "parameters", false, "no user input, or no completion block");
     invokeCompletionBlockOnMainThreadForAutoDiscoveryContext(std::move(context),
                                                              OrvAppConfigServiceCompletionStatusInvalidParameters, std::nullopt);
     return;
@@ -28,6 +29,10 @@ void OrvAppConfigService::startAutoDiscoverOperationForContext(std::shared_ptr<O
   auto operation = OrvAppConfigAutoDiscoverOperation::initWithUserInput(context->userInput(), context->hostType(),
                                                                         context->autoDiscoverURLGeneratorMode(), urlSession(),
                                                                         httpHeaderProviderService());
+  operation->setTraceRecorder(context->traceRecorder(),
+                              context->autoDiscoverURLGeneratorMode() == OrvAppConfigAutoDiscoverURLGeneratorModeEntireDomain
+                                  ? "fallback probe query"
+                                  : "auto-discover query");
   // Overwritten at each query, so after a fallback it names the second query's domain.
   context->setRequestedDomain(operation->requestedDomain());
   std::weak_ptr<OrvAppConfigService> weakSelf = weak_from_this();
@@ -51,6 +56,8 @@ void OrvAppConfigService::didCompleteAppConfigAutoDiscoverOperation(
           "Failed to obtain the records for the provided email address with status %@ - attempting probe of full domain for URL "
           "input",
           statusDescription);
+      recordStep(*context, "fallback probe", true,
+                 "the query for the last two labels of the host failed; asking once more about the whole host");
       context->setAutoDiscoverURLGeneratorMode(OrvAppConfigAutoDiscoverURLGeneratorModeEntireDomain);
       startAutoDiscoverOperationForContext(std::move(context));
       return;
@@ -66,14 +73,18 @@ void OrvAppConfigService::didCompleteAppConfigAutoDiscoverOperation(
   // The URL check comes first: an answer without a usable URL costs no certificate fetch.
   if (!storeListRecordsContainAtLeastOneValidURL(record)) {
     ORV_LOG_ERROR("No valid store URLs were returned");
+    recordStep(*context, "store URLs", false, "the answer names no usable store or web-store URL");
     invokeCompletionBlockOnMainThreadForAutoDiscoveryContext(
         std::move(context), OrvAppConfigServiceCompletionStatusAutodiscoveryFailed, std::nullopt);
     return;
   }
   ORV_LOG_INFO("At least one valid store or webstore URL was returned");
   context->setAutoDiscoverRecord(record);
-  context->addPayloadValidationContext(OrvAppConfigServicePayloadValidationContext::initWithResponseData(
-      operation->responseData(), operation->varnelSignatureHeader(), record->notValidBefore(), record->notValidAfter()));
+  auto payload = OrvAppConfigServicePayloadValidationContext::initWithResponseData(
+      operation->responseData(), operation->varnelSignatureHeader(), record->notValidBefore(), record->notValidAfter());
+  if (context->traceRecorder() && operation->autoDiscoverURL())
+    payload->setSourceURL(operation->autoDiscoverURL()->absoluteString());
+  context->addPayloadValidationContext(std::move(payload));
   std::weak_ptr<OrvAppConfigService> weakSelf = weak_from_this();
   asyncValidatePayloadsForContext(context, [weakSelf, context](OrvPayloadValidationStatus status, std::optional<OrvError> error) {
     if (auto self = weakSelf.lock()) self->didValidateAutoDiscoverPayloadsForContext(context, status, std::move(error));
@@ -106,7 +117,12 @@ void OrvAppConfigService::didValidateAutoDiscoverPayloadsForContext(
   const std::optional<std::string> returnedDomain =
       record && record->domain() ? record->domain()->name() : std::optional<std::string>{};
   // Whole-string and case-insensitive: no trimming, no suffix or sub-domain matching.
-  if (context->requestedDomain() && OrvIsCaseInsensitiveEqualToString(context->requestedDomain(), returnedDomain)) {
+  const bool sameDomain =
+      context->requestedDomain() && OrvIsCaseInsensitiveEqualToString(context->requestedDomain(), returnedDomain);
+  recordStep(*context, "domain match", sameDomain,
+             "asked about \"" + context->requestedDomain().value_or("(none)") + "\", the answer is about \"" +
+                 returnedDomain.value_or("(none)") + "\"");
+  if (sameDomain) {
     ORV_LOG_INFO("The requested domain was successfully validated as being the same as the returned domain");
     invokeCompletionBlockOnMainThreadForAutoDiscoveryContext(std::move(context), OrvAppConfigServiceCompletionStatusSuccess,
                                                              std::nullopt);
@@ -137,6 +153,7 @@ void OrvAppConfigService::invokeCompletionBlockOnMainThreadForAutoDiscoveryConte
   endAtomicWorkflow();
   if (!context->completionBlock()) return;
   OrvMainQueue::dispatchAsync([context = std::move(context), status, error = std::move(error)] {
+    deliverTrace(context->traceRecorder(), status, error);
     if (status != OrvAppConfigServiceCompletionStatusSuccess) context->setAutoDiscoverRecord(nullptr);
     context->completionBlock()(status, context->autoDiscoverRecord(), error);
   });

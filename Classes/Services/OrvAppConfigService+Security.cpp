@@ -5,10 +5,33 @@
 #include "OrvAppConfigGetSigningCertificateOperation.h"
 #include "OrvAppConfigService.h"
 #include "OrvAppConfigServiceLogger.h"
+#include "OrvSecurityUtilsService.h"
 #include "OrvString.h"
 
 namespace {
 constexpr const char* kRequiredIssuerName = "Varnel Systems, Inc.";
+
+void recordSignatureStep(const OrvAppConfigServiceContext& context, const OrvAppConfigServicePayloadValidationContext& payload,
+                         OrvPayloadValidationStatus status, const std::optional<OrvError>& error,
+                         orv::detail::RequestTraceRecorder::Clock::time_point began) {
+  const auto& recorder = context.traceRecorder();
+  if (!recorder) return;
+  OrvAppConfigTraceStep step;
+  step.name = "signature";
+  step.passed = status == OrvPayloadValidationStatusSuccess;
+  step.url = payload.sourceURL();
+  step.error = error;
+  if (step.passed) {
+    step.detail = "verified with the signing certificate";
+  } else if (error && error->domain() == OrvSecurityUtilsErrorDomain) {
+    step.rule = error->code();
+    step.ruleName = OrvSecurityUtilsResultDescription(error->code());
+    step.detail = "refused by the verifier";
+  } else {
+    step.detail = "refused: " + OrvAppConfigService::descriptionForPayloadValidationStatus(status);
+  }
+  recorder->addStep(std::move(step), began);
+}
 }  // namespace
 
 void OrvAppConfigService::asyncValidatePayloadsForContext(std::shared_ptr<OrvAppConfigServiceContext> context,
@@ -36,7 +59,14 @@ void OrvAppConfigService::asyncValidatePayloadSignaturesForContext(std::shared_p
   bool complete = !payloads.empty();
   for (const auto& payload : payloads) {
     // Only an absent value is missing; an empty one counts as present.
-    if (!payload->varnelJWTHeader() || !payload->varnelJWTSignature() || !payload->responseData()) complete = false;
+    if (!payload->varnelJWTHeader() || !payload->varnelJWTSignature() || !payload->responseData()) {
+      complete = false;
+      recordStep(*context, "signature", false,
+                 !payload->varnelSignatureHeader() ? "the answer carries no Varnel-Signature header"
+                 : !payload->responseData()        ? "the answer has no body"
+                                            : "the Varnel-Signature header is not exactly two parts joined by one full stop",
+                 payload->sourceURL());
+    }
   }
   if (!complete) {
     ORV_LOG_ERROR("Payload validation has failed as there are no payloads to validate");
@@ -52,6 +82,7 @@ void OrvAppConfigService::asyncGetSigningCertificateForContext(std::shared_ptr<O
   // Fetched afresh for every validation run, never cached: a rotated key takes effect at once.
   auto operation = OrvAppConfigGetSigningCertificateOperation::initWithSecurityService(
       orvSecurityUtilsService(), urlSession(), context->hostType(), httpHeaderProviderService());
+  operation->setTraceRecorder(context->traceRecorder(), "signing certificate");
   std::weak_ptr<OrvAppConfigService> weakSelf = weak_from_this();
   std::weak_ptr<OrvAppConfigGetSigningCertificateOperation> weakOperation = operation;
   operation->setCompletionBlock([weakSelf, weakOperation, context, completionBlock = std::move(completionBlock)] {
@@ -79,10 +110,13 @@ void OrvAppConfigService::didGetSigningCertificateForContext(std::shared_ptr<Orv
   // so that exactly one completion, the last, moves on.
   auto completed = std::make_shared<std::atomic<std::size_t>>(0);
   std::weak_ptr<OrvAppConfigService> weakSelf = weak_from_this();
+  const auto& recorder = context->traceRecorder();
   for (const auto& payload : payloads) {
+    const auto began = recorder ? recorder->now() : orv::detail::RequestTraceRecorder::Clock::time_point{};
     asyncValidateAppConfigPayloadForContext(payload, signingCertificate,
-                                            [weakSelf, context, payload, completed, count, completionBlock](
+                                            [weakSelf, context, payload, completed, count, completionBlock, began](
                                                 OrvPayloadValidationStatus status, std::optional<OrvError> validationError) {
+                                              recordSignatureStep(*context, *payload, status, validationError, began);
                                               payload->setValidationStatus(status);
                                               payload->setValidationError(std::move(validationError));
                                               if (completed->fetch_add(1, std::memory_order_acq_rel) + 1 != count) return;
@@ -144,6 +178,10 @@ bool OrvAppConfigService::validateNotValidBeforeAndAfterDatesForContext(const Or
     if (!notValidBefore || !notValidAfter) continue;
     // Both ends belong to the period.
     if (now < *notValidBefore || now > *notValidAfter) {
+      recordStep(context, "validity dates", false,
+                 "valid from " + OrvDateISO8601String(*notValidBefore) + " to " + OrvDateISO8601String(*notValidAfter) +
+                     ", but now is " + OrvDateISO8601String(now),
+                 payload->sourceURL());
       ORV_LOG_ERROR(
           "Failing payload date validity check as NotValidBefore of %@ is after now or NotValidAfter of %@ is before now",
           *notValidBefore, *notValidAfter);
@@ -151,6 +189,7 @@ bool OrvAppConfigService::validateNotValidBeforeAndAfterDatesForContext(const Or
     }
   }
   ORV_LOG_INFO("Payload date validation succeeded");
+  recordStep(context, "validity dates", true, "every answer is within its validity period");
   return true;
 }
 

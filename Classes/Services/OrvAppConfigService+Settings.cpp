@@ -15,6 +15,8 @@ void OrvAppConfigService::asyncStartSettingsRetrievalForContext(
   if (context->storeUrls().empty() || !context->completionBlock() || !isValidFeatureChannelNameForContext(*context)) {
     ORV_LOG_ERROR("Store URL count = %lu (expected non-zero) or invalid channel name %@ or nil completionBlock provided",
                   context->storeUrls().size(), context->channelName().value_or("(nil)"));
+    recordStep(*context, "parameters", false,
+               "no store URL, a channel name with characters a URL path cannot carry, or no completion block");
     invokeCompletionBlockOnMainThreadForSettingsRetrievalContext(
         std::move(context), OrvAppConfigServiceCompletionStatusInvalidParameters, std::nullopt);
     return;
@@ -39,6 +41,8 @@ void OrvAppConfigService::coreStartSettingsRetrievalForContext(
   for (const OrvURL& storeURL : context->storeUrls()) {
     auto operation = OrvAppConfigRetrieveStoreSettingsOperation::initWithStoreURL(
         storeURL, context->hostType(), context->platform(), context->channelName(), urlSession(), httpHeaderProviderService());
+    if (context->traceRecorder())
+      operation->setTraceRecorder(context->traceRecorder(), "settings query for " + storeURL.absoluteString());
     // The callback holds the context strongly although the context keeps its operations: an operation
     // drops its completion block once it has run, which breaks the cycle.
     operation->setCompletionBlock([weakSelf, context, finishedCount, count] {
@@ -66,9 +70,15 @@ void OrvAppConfigService::didCompleteStoreSettingsRetrievalOperationsForContext(
     const auto& record = operation->settingsRecord();
     if (!record || !operation->storeURL()) continue;
     settings[*operation->storeURL()] = record;
-    context->addPayloadValidationContext(OrvAppConfigServicePayloadValidationContext::initWithResponseData(
-        operation->responseData(), operation->varnelSignatureHeader(), record->notValidBefore(), record->notValidAfter()));
+    auto payload = OrvAppConfigServicePayloadValidationContext::initWithResponseData(
+        operation->responseData(), operation->varnelSignatureHeader(), record->notValidBefore(), record->notValidAfter());
+    if (context->traceRecorder()) {
+      const auto url = operation->appConfigRequestURL();
+      payload->setSourceURL(url ? std::optional(url->absoluteString()) : std::nullopt);
+    }
+    context->addPayloadValidationContext(std::move(payload));
   }
+  if (settings.empty()) recordStep(*context, "stores", false, "no store gave a usable answer; each store's query above says why");
   context->setStoreSettings(std::move(settings));
   std::weak_ptr<OrvAppConfigService> weakSelf = weak_from_this();
   asyncValidatePayloadsForContext(context, [weakSelf, context](OrvPayloadValidationStatus status, std::optional<OrvError> error) {
@@ -89,12 +99,15 @@ void OrvAppConfigService::didValidateSettingsRetrievalPayloadsForContext(
   ORV_LOG_INFO("Successfully validated the payload - validating store responses map to store requests");
   if (!doRequestedStoreURLsMapToResponseStoreURLsForContext(*context)) {
     ORV_LOG_ERROR("Mismatched store response was found for store request - failing this request");
+    recordStep(*context, "store match", false, "an answer names another store than the one it was asked for");
     invokeCompletionBlockOnMainThreadForSettingsRetrievalContext(
         std::move(context), OrvAppConfigServiceCompletionStatusConfigurationRetrievalFailed, std::nullopt);
     return;
   }
   if (!doesRequestedChannelNameMapToResponseChannelNameForContext(*context)) {
     ORV_LOG_ERROR("Mismatched channel name was found - failing this request");
+    recordStep(*context, "channel match", false,
+               "an answer is for another channel than \"" + context->channelName().value_or("") + "\"");
     invokeCompletionBlockOnMainThreadForSettingsRetrievalContext(
         std::move(context), OrvAppConfigServiceCompletionStatusConfigurationRetrievalFailed, std::nullopt);
     return;
@@ -138,6 +151,7 @@ void OrvAppConfigService::invokeCompletionBlockOnMainThreadForSettingsRetrievalC
   endAtomicWorkflow();
   if (!context->completionBlock()) return;
   OrvMainQueue::dispatchAsync([context = std::move(context), status, error = std::move(error)] {
+    deliverTrace(context->traceRecorder(), status, error);
     // Read when the task runs, and only handed out with success.
     auto settings = status == OrvAppConfigServiceCompletionStatusSuccess ? context->storeSettings() : std::nullopt;
     context->completionBlock()(status, std::move(settings), error);

@@ -5,9 +5,11 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 
+#include "OrvAppConfigRequestTrace.h"
 #include "OrvAppConfigServiceConstants.h"
 #include "OrvAppConfigServiceContext.h"
 #include "OrvAppConfigServiceProtocol.h"
@@ -70,6 +72,11 @@ class OrvAppConfigService : public OrvAtomicWorkflowService,
   bool shouldEnableFeatureChannels() const noexcept { return shouldEnableFeatureChannels_.load(); }
   void setShouldEnableFeatureChannels(bool value) noexcept { shouldEnableFeatureChannels_ = value; }
 
+  // Opt-in diagnostics: with a delegate, every request started from then on is traced and its trace
+  // handed to the delegate just before its completion block. nullptr stops tracing.
+  void setDiagnosticsDelegate(std::shared_ptr<OrvAppConfigDiagnosticsDelegate> delegate);
+  std::shared_ptr<OrvAppConfigDiagnosticsDelegate> diagnosticsDelegate() const;
+
   // The clock of the payload date check; the system clock unless a host or a test sets another.
   // Set it before starting requests.
   void setCurrentDateProvider(CurrentDateProvider provider) { currentDateProvider_ = std::move(provider); }
@@ -121,10 +128,19 @@ class OrvAppConfigService : public OrvAtomicWorkflowService,
       std::optional<OrvError> error);
 
  private:
+  std::shared_ptr<orv::detail::RequestTraceRecorder> makeTraceRecorder(OrvAppConfigRequestTrace::Kind kind,
+                                                                       std::string subject) const;
+  static void recordStep(const OrvAppConfigServiceContext& context, std::string name, bool passed, std::string detail,
+                         std::optional<std::string> url = std::nullopt);
+  static void deliverTrace(const std::shared_ptr<orv::detail::RequestTraceRecorder>& recorder,
+                           OrvAppConfigServiceCompletionStatus status, const std::optional<OrvError>& error);
+
   std::shared_ptr<OrvURLSession> urlSession_;
   std::shared_ptr<OrvHttpHeaderProviderServiceProtocol> httpHeaderProviderService_;
   std::shared_ptr<OrvSecurityServiceProtocol> orvSecurityUtilsService_;
   std::atomic<bool> shouldValidateEntireDomainForURLDiscovery_{true};
   std::atomic<bool> shouldEnableFeatureChannels_{true};
   CurrentDateProvider currentDateProvider_;
+  mutable std::mutex diagnosticsMutex_;
+  std::shared_ptr<OrvAppConfigDiagnosticsDelegate> diagnosticsDelegate_;
 };

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "OrvAppConfigRequestTrace.h"
 #include "OrvAppConfigServiceTypes.h"
 #include "OrvTypes.h"
 
@@ -34,6 +35,10 @@ class OrvAppConfigServicePayloadValidationContext {
   const std::optional<OrvDate>& notValidBeforeDate() const noexcept { return notValidBeforeDate_; }
   const std::optional<OrvDate>& notValidAfterDate() const noexcept { return notValidAfterDate_; }
 
+  // The URL that answered with this payload, for the request's trace.
+  const std::optional<std::string>& sourceURL() const noexcept { return sourceURL_; }
+  void setSourceURL(std::optional<std::string> url) { sourceURL_ = std::move(url); }
+
   OrvPayloadValidationStatus validationStatus() const noexcept { return validationStatus_; }
   void setValidationStatus(OrvPayloadValidationStatus status) { validationStatus_ = status; }
   const std::optional<OrvError>& validationError() const noexcept { return validationError_; }
@@ -48,6 +53,7 @@ class OrvAppConfigServicePayloadValidationContext {
   std::optional<OrvDate> notValidAfterDate_;
   OrvPayloadValidationStatus validationStatus_ = OrvPayloadValidationStatusSuccess;
   std::optional<OrvError> validationError_;
+  std::optional<std::string> sourceURL_;
 };
 
 using OrvAppConfigPayloadValidationContextList = std::vector<std::shared_ptr<OrvAppConfigServicePayloadValidationContext>>;
@@ -64,8 +70,13 @@ class OrvAppConfigServiceContext {
 
   OrvAppConfigPayloadValidationContextList& validationContexts() noexcept { return validationContexts_; }
 
+  // Present only when the service has a diagnostics delegate.
+  const std::shared_ptr<orv::detail::RequestTraceRecorder>& traceRecorder() const noexcept { return traceRecorder_; }
+  void setTraceRecorder(std::shared_ptr<orv::detail::RequestTraceRecorder> recorder) { traceRecorder_ = std::move(recorder); }
+
  private:
   std::uint64_t hostType_;
+  std::shared_ptr<orv::detail::RequestTraceRecorder> traceRecorder_;
   OrvAppConfigPayloadValidationContextList validationContexts_;
 };
 

@@ -28,7 +28,12 @@ class OrvMainQueue {
   static void run();
   static void stop();
 
-  // Hands every queued and future task to the bridge instead; an empty bridge removes it.
+  // Hands every queued and future task to the bridge instead; an empty bridge removes it, and tasks
+  // queued from then on wait in the queue again. The bridge is called on whichever thread queues a task
+  // (usually a library worker, sometimes the caller of setBridge or of an entry point): it must not
+  // block, and the host's loop must run the tasks one at a time, in the order given, on its main
+  // thread. Once setBridge returns, the previous bridge is never called again. A bridge that throws
+  // loses that task.
   static void setBridge(Bridge bridge);
 
   // True while the calling thread is running a main-queue task.

@@ -1,4 +1,5 @@
 #include "OrvOperationQueue.h"
+#include "OrvOperationQueueTesting.h"
 
 #include <openssl/crypto.h>
 

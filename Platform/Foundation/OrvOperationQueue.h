@@ -45,6 +45,4 @@ namespace orv::detail {
 // threads are joined at process exit once the work queued by then has run. Throws only when the task
 // cannot be queued (out of memory).
 void dispatchToWorkerPool(std::function<void()> task);
-// Makes the next `count` dispatches fail as if out of memory, so tests can reach those paths.
-void failNextWorkerPoolDispatchesForTesting(int count);
 }  // namespace orv::detail

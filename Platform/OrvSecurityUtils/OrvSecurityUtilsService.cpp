@@ -1,4 +1,7 @@
 #include "OrvSecurityUtilsService.h"
+#include "OrvSecurityUtilsTesting.h"
+
+#include <cstdlib>
 
 #include <boost/json.hpp>
 
@@ -358,9 +361,17 @@ OrvSecurityUtilsService::~OrvSecurityUtilsService() = default;
 std::shared_ptr<OrvSecurityUtilsService> OrvSecurityUtilsService::create(Configuration configuration) {
   auto state = std::make_shared<SecurityServiceConfiguration>();
   state->clock = std::move(configuration.clock);
-  // Decided from what the host asked for, not from what could be used: a list of only null entries, or
-  // a store that could not be made, must refuse every certificate rather than wave them all through.
+  // Decided from what the host asked for, not from what could be used: a list of only null entries, an
+  // unreadable bundle or a store that could not be made must refuse every certificate rather than wave
+  // them all through.
   state->requiresChain = !configuration.trustAnchors.empty();
+  if (!state->requiresChain && configuration.useDefaultTrustAnchors) {
+    auto defaults = defaultTrustAnchors();
+    if (defaults.anchors.has_value()) {
+      state->requiresChain = true;
+      configuration.trustAnchors.swap(defaults.anchors.value());
+    }
+  }
   for (auto& anchor : configuration.trustAnchors) {
     if (anchor) state->trustAnchors.push_back(std::move(anchor));
   }
@@ -374,6 +385,46 @@ std::shared_ptr<OrvSecurityUtilsService> OrvSecurityUtilsService::create(Configu
     drainOpenSSLErrors();
   }
   return std::shared_ptr<OrvSecurityUtilsService>(new OrvSecurityUtilsService(std::move(state)));
+}
+
+namespace orv::detail {
+// The bundle given to the build with -DORV_TRUST_ANCHORS, empty without one.
+extern const char* const builtInTrustAnchorsPEM;
+}  // namespace orv::detail
+
+namespace {
+std::mutex& defaultAnchorsMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+std::optional<std::vector<OrvCertificateRef>> hostDefaultAnchors;
+}  // namespace
+
+void OrvSecurityUtilsService::setDefaultTrustAnchors(std::optional<std::vector<OrvCertificateRef>> anchors) {
+  std::lock_guard lock(defaultAnchorsMutex());
+  hostDefaultAnchors = std::move(anchors);
+}
+
+OrvSecurityUtilsService::DefaultTrustAnchors OrvSecurityUtilsService::defaultTrustAnchors() {
+  {
+    std::lock_guard lock(defaultAnchorsMutex());
+    if (hostDefaultAnchors) return {hostDefaultAnchors, "host", std::nullopt};
+  }
+  // Read at every service creation, so that a corrected file takes effect without a restart.
+  if (const char* path = std::getenv("ORV_APPCONFIG_TRUST_ANCHORS"); path && *path) {
+    if (auto anchors = loadCertificatesFromPEMFile(path)) return {std::move(anchors), "environment", std::nullopt};
+    return {std::vector<OrvCertificateRef>{}, "environment",
+            std::string("ORV_APPCONFIG_TRUST_ANCHORS names ") + path +
+                ", which could not be read as a PEM bundle of certificates; every signing certificate is refused until it "
+                "can"};
+  }
+  const std::string_view builtIn = orv::detail::builtInTrustAnchorsPEM;
+  if (!builtIn.empty()) {
+    if (auto anchors = certificatesFromPEMBundle(builtIn)) return {std::move(anchors), "built in", std::nullopt};
+    return {std::vector<OrvCertificateRef>{}, "built in",
+            std::string("the trust anchors built into the library could not be read; every signing certificate is refused")};
+  }
+  return {std::nullopt, "none", std::nullopt};
 }
 
 std::optional<std::vector<OrvCertificateRef>> OrvSecurityUtilsService::certificatesFromPEMBundle(std::string_view pem) {

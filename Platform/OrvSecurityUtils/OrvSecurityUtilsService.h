@@ -75,15 +75,34 @@ class OrvSecurityUtilsService : public OrvSecurityServiceProtocol {
 
   struct Configuration {
     // When not empty, a certificate must chain to one of these (a root, or any certificate trusted
-    // as it stands); when empty, the certificate is judged on its own.
+    // as it stands); when empty, the default anchors below apply.
     std::vector<OrvCertificateRef> trustAnchors;
     // The time against which validity periods are judged; the system clock when empty.
     Clock clock;
+    // With no anchors of its own, the service takes the default anchors when there are any. Off, a
+    // certificate with no anchors listed is judged on its own.
+    bool useDefaultTrustAnchors = true;
   };
+
+  // Where the default anchors come from, in order: the host (setDefaultTrustAnchors), the PEM bundle
+  // named by ORV_APPCONFIG_TRUST_ANCHORS, the bundle built into the library (-DORV_TRUST_ANCHORS=FILE).
+  struct DefaultTrustAnchors {
+    // nullopt: none configured anywhere. An empty list: configured but unreadable, which trusts
+    // nothing rather than everything.
+    std::optional<std::vector<OrvCertificateRef>> anchors;
+    // "host", "environment" or "built in"; "none" without anchors.
+    std::string origin;
+    // Why configured anchors could not be used, in words a support engineer can act on.
+    std::optional<std::string> problem;
+  };
+  static DefaultTrustAnchors defaultTrustAnchors();
+  // nullopt goes back to the environment or the built-in bundle. Affects services created afterwards.
+  static void setDefaultTrustAnchors(std::optional<std::vector<OrvCertificateRef>> anchors);
 
   // Never nullptr. Null entries among the trust anchors are skipped; a list of only null entries
   // trusts nothing.
-  static std::shared_ptr<OrvSecurityUtilsService> create(Configuration configuration = {});
+  static std::shared_ptr<OrvSecurityUtilsService> create(Configuration configuration);
+  static std::shared_ptr<OrvSecurityUtilsService> create() { return create(Configuration{}); }
 
   // All certificates of a PEM bundle (CERTIFICATE blocks, text between blocks ignored); nothing when
   // the file cannot be read, holds no certificate, or one of its blocks is not a certificate.
@@ -118,13 +137,3 @@ class OrvSecurityUtilsService : public OrvSecurityServiceProtocol {
   mutable std::mutex parsedCertificatesMutex_;
   std::deque<std::pair<std::string, OrvCertificateRef>> parsedCertificates_;
 };
-
-struct evp_pkey_st;  // OpenSSL's EVP_PKEY, kept out of the headers a host sees
-
-namespace orv::detail {
-// The verifier's signature step alone: the algorithm's key check and the primitive over message as the
-// signing input, with no header, certificate or encoding around it. Published test vectors come as bare
-// keys and messages; this lets them reach the same code that judges a JWS. Tests only.
-bool verifyJwsSignatureForTesting(std::string_view algorithm, evp_pkey_st* key, std::string_view message,
-                                  std::string_view signature);
-}  // namespace orv::detail

@@ -102,11 +102,31 @@ void printRecord(const OrvAppConfigAutoDiscoverRecord& record) {
              record.notValidAfter() ? OrvDateISO8601String(*record.notValidAfter()) : "(unset)");
 }
 
+// Keeps the trace of the request that finished last; the tool runs one request at a time.
+class TraceKeeper : public OrvAppConfigDiagnosticsDelegate {
+ public:
+  void didFinishRequestWithTrace(std::shared_ptr<const OrvAppConfigRequestTrace> trace) override { last = std::move(trace); }
+  std::shared_ptr<const OrvAppConfigRequestTrace> last;
+};
+
 // Everything a command needs to talk to one discovery service.
 struct Connection {
   std::shared_ptr<CommandLogger> logger;
+  std::shared_ptr<TraceKeeper> traces;
   std::shared_ptr<OrvAppConfigService> service;
+  bool explain = false;
 };
+
+// With --explain the trace goes to stdout after the result; with --json it is part of the object.
+void explainLastRequest(const Connection& connection, bool json, boost::json::object* out) {
+  const auto& trace = connection.traces->last;
+  if (!trace) return;
+  if (json && out) {
+    (*out)["trace"] = boost::json::parse(trace->JSONString());
+  } else if (connection.explain) {
+    fmt::print("\n{}", trace->explanation());
+  }
+}
 
 std::optional<Connection> connect(const ConnectionOptions& options) {
   Connection connection;
@@ -123,6 +143,16 @@ std::optional<Connection> connect(const ConnectionOptions& options) {
     return std::nullopt;
   }
   OrvSecurityUtilsService::Configuration securityConfiguration;
+  if (options.trustAnchorFiles.empty()) {
+    const auto defaults = OrvSecurityUtilsService::defaultTrustAnchors();
+    if (defaults.problem) {
+      fmt::print(stderr, "warning: {}\n", *defaults.problem);
+    } else if (!defaults.anchors) {
+      fmt::print(stderr,
+                 "warning: no trust anchors: a signing certificate is accepted when its issuer merely carries the required "
+                 "name; give --trust-anchor FILE or set ORV_APPCONFIG_TRUST_ANCHORS\n");
+    }
+  }
   for (const auto& file : options.trustAnchorFiles) {
     auto anchors = OrvSecurityUtilsService::loadCertificatesFromPEMFile(file);
     if (!anchors) {
@@ -134,6 +164,9 @@ std::optional<Connection> connect(const ConnectionOptions& options) {
   connection.service = OrvAppConfigService::initWithURLSession(session, std::make_shared<OrvHttpHeaderProviderService>(),
                                                                OrvSecurityUtilsService::create(securityConfiguration), nullptr);
   if (!connection.service) return std::nullopt;
+  connection.traces = std::make_shared<TraceKeeper>();
+  connection.explain = options.explain;
+  connection.service->setDiagnosticsDelegate(connection.traces);
   return connection;
 }
 
@@ -155,7 +188,8 @@ DiscoveryOutcome discover(OrvAppConfigService& service, const std::string& input
   return outcome;
 }
 
-int reportDiscovery(const DiscoveryOutcome& outcome, const CommandLogger& logger, bool json) {
+int reportDiscovery(const DiscoveryOutcome& outcome, const Connection& connection, bool json) {
+  const CommandLogger& logger = *connection.logger;
   const auto statusName = OrvAppConfigService::descriptionForCompletionStatus(outcome.status);
   if (json) {
     boost::json::object out{{"status", outcome.status}, {"statusName", statusName}};
@@ -164,12 +198,12 @@ int reportDiscovery(const DiscoveryOutcome& outcome, const CommandLogger& logger
     } else {
       out["error"] = errorJSON(outcome.error);
     }
+    explainLastRequest(connection, true, &out);
     fmt::print("{}\n", boost::json::serialize(out));
-  } else if (outcome.status == OrvAppConfigServiceCompletionStatusSuccess && outcome.record) {
-    fmt::print("status: {} ({})\n", outcome.status, statusName);
-    printRecord(*outcome.record);
   } else {
     fmt::print("status: {} ({})\n", outcome.status, statusName);
+    if (outcome.status == OrvAppConfigServiceCompletionStatusSuccess && outcome.record) printRecord(*outcome.record);
+    explainLastRequest(connection, false, nullptr);
   }
   if (outcome.status != OrvAppConfigServiceCompletionStatusSuccess) {
     if (outcome.error) fmt::print(stderr, "error: {}\n", outcome.error->description());
@@ -235,7 +269,8 @@ bool writeArchive(const std::string& file, const std::map<std::string, std::shar
   return true;
 }
 
-int reportSettings(const SettingsOutcome& outcome, const CommandLogger& logger, bool json) {
+int reportSettings(const SettingsOutcome& outcome, const Connection& connection, bool json) {
+  const CommandLogger& logger = *connection.logger;
   const auto statusName = OrvAppConfigService::descriptionForCompletionStatus(outcome.status);
   const bool success = outcome.status == OrvAppConfigServiceCompletionStatusSuccess && outcome.settings;
   const auto sorted = success ? sortedSettings(*outcome.settings) : decltype(sortedSettings({})){};
@@ -246,12 +281,14 @@ int reportSettings(const SettingsOutcome& outcome, const CommandLogger& logger, 
     } else {
       out["error"] = errorJSON(outcome.error);
     }
+    explainLastRequest(connection, true, &out);
     fmt::print("{}\n", boost::json::serialize(out));
   } else {
     fmt::print("status: {} ({})\n", outcome.status, statusName);
     for (const auto& [url, record] : sorted) {
       fmt::print("{}:\n{}\n", url, boost::json::serialize(OrvAppConfigSettingsRecordJSONObject(*record)));
     }
+    explainLastRequest(connection, false, nullptr);
   }
   if (!success) {
     if (outcome.error) fmt::print(stderr, "error: {}\n", outcome.error->description());
@@ -266,10 +303,10 @@ int runDiscover(const std::string& input, const ConnectionOptions& options) {
   auto connection = connect(options);
   if (!connection) return kExitSoftware;
   const auto outcome = discover(*connection->service, input, options.hostType);
-  return reportDiscovery(outcome, *connection->logger, options.json);
+  return reportDiscovery(outcome, *connection, options.json);
 }
 
-int runDemo(bool json, bool verbose) {
+int runDemo(bool json, bool verbose, bool explain) {
   const auto material = std::filesystem::temp_directory_path() / fmt::format("orv-appconfig-demo-{}", std::random_device{}());
   struct Cleanup {
     std::filesystem::path path;
@@ -300,13 +337,14 @@ int runDemo(bool json, bool verbose) {
   options.trustAnchorFiles = {(material / orv::emulator::kSigningCAFile).string()};
   options.json = json;
   options.verbose = verbose;
+  options.explain = explain;
   auto connection = connect(options);
   if (!connection) return kExitSoftware;
 
   const std::string input = "demo.user@example.com";
   if (!json) fmt::print("auto-discovery for {}\n", input);
   const auto outcome = discover(*connection->service, input, 0);
-  const int status = reportDiscovery(outcome, *connection->logger, json);
+  const int status = reportDiscovery(outcome, *connection, json);
   if (status != 0 || !outcome.record || !outcome.record->kaleth()) return status;
 
   // Then the settings of every store the discovery named.
@@ -319,7 +357,7 @@ int runDemo(bool json, bool verbose) {
   if (stores.empty()) return status;
   if (!json) fmt::print("\nsettings of {} discovered store(s) for ios\n", stores.size());
   const auto settings = retrieveSettings(*connection->service, stores, 0, 0, std::nullopt);
-  return reportSettings(settings, *connection->logger, json);
+  return reportSettings(settings, *connection, json);
 }
 
 int runSettings(const SettingsOptions& settingsOptions, const ConnectionOptions& options) {
@@ -336,7 +374,7 @@ int runSettings(const SettingsOptions& settingsOptions, const ConnectionOptions&
   if (!connection) return kExitSoftware;
   const auto outcome =
       retrieveSettings(*connection->service, stores, options.hostType, settingsOptions.platform, settingsOptions.channel);
-  const int status = reportSettings(outcome, *connection->logger, options.json);
+  const int status = reportSettings(outcome, *connection, options.json);
   if (status == 0 && settingsOptions.archiveFile && outcome.settings &&
       !writeArchive(*settingsOptions.archiveFile, sortedSettings(*outcome.settings))) {
     return kExitSoftware;

@@ -15,6 +15,8 @@ struct ConnectionOptions {
   std::vector<std::string> trustAnchorFiles;
   bool json = false;
   bool verbose = false;
+  // Print each request's trace: URLs, HTTP statuses, transport errors, refusing rules, timings.
+  bool explain = false;
 };
 
 struct SettingsOptions {
@@ -29,7 +31,7 @@ struct SettingsOptions {
 int runDiscover(const std::string& input, const ConnectionOptions& options);
 int runSettings(const SettingsOptions& settings, const ConnectionOptions& options);
 int runShowArchive(const std::string& file);
-int runDemo(bool json, bool verbose);
+int runDemo(bool json, bool verbose, bool explain);
 
 // Exit codes of the tool itself.
 inline constexpr int kExitUsage = 64;

@@ -26,6 +26,8 @@ void addConnectionOptions(CLI::App* command, orv::cli::ConnectionOptions& option
       ->check(CLI::ExistingFile);
   command->add_flag("--json", options.json, "Print the result as one JSON object");
   command->add_flag("--verbose", options.verbose, "Stream the library's log lines to stderr");
+  command->add_flag("--explain", options.explain,
+                    "Explain the request step by step: URLs, HTTP statuses, transport errors, refusing rules, timings");
 }
 
 }  // namespace
@@ -58,10 +60,11 @@ int main(int argc, char** argv) {
   auto* showArchive = app.add_subcommand("show-archive", "Decode an archive of settings records and print it as JSON");
   showArchive->add_option("FILE", archive, "Archive file")->required()->check(CLI::ExistingFile);
 
-  bool demoJSON = false, demoVerbose = false;
+  bool demoJSON = false, demoVerbose = false, demoExplain = false;
   auto* demo = app.add_subcommand("demo", "Run discovery and settings against an in-process discovery emulator");
   demo->add_flag("--json", demoJSON, "Print the results as JSON");
   demo->add_flag("--verbose", demoVerbose, "Stream the library's log lines to stderr");
+  demo->add_flag("--explain", demoExplain, "Explain each request step by step");
 
   try {
     app.parse(argc, argv);
@@ -88,5 +91,5 @@ int main(int argc, char** argv) {
     return orv::cli::runSettings(settingsOptions, settingsConnection);
   }
   if (showArchive->parsed()) return orv::cli::runShowArchive(archive);
-  return orv::cli::runDemo(demoJSON, demoVerbose);
+  return orv::cli::runDemo(demoJSON, demoVerbose, demoExplain);
 }

@@ -6,6 +6,7 @@
 #include "OrvAppConfigDiscoveryHosts.h"
 #include "OrvAppConfigGetSigningCertificateOperation.h"
 #include "OrvOperationQueue.h"
+#include "OrvOperationQueueTesting.h"
 #include "TestSupport.h"
 
 using orv::test::FakeResponse;

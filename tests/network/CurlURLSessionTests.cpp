@@ -7,6 +7,7 @@
 #include "../emulator/EmulatorTestSupport.h"
 #include "OrvCurlURLSession.h"
 #include "OrvOperationQueue.h"
+#include "OrvOperationQueueTesting.h"
 
 using namespace orv::test;
 using orv::emulator::DiscoveryEmulator;

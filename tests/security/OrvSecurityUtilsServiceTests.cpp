@@ -2,10 +2,12 @@
 #include <openssl/pem.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <map>
 #include <mutex>
 #include <thread>
 
+#include "EmulatorHarness.h"
 #include "OrvOpenSSLHandles.h"
 #include "OrvSDKStringUtils.h"
 #include "SecurityTestMaterial.h"
@@ -295,6 +297,43 @@ TEST_F(SecurityUtilsServiceTest, TrustAnchorsRefuseCertificatesThatOnlyCarryTheR
   EXPECT_EQ(verifyResult(*expiredAnchor, jws, m.leafOfExpiredRoot), OrvSecurityUtilsResultUntrustedChain);
   configuration.trustAnchors = {nullptr};
   EXPECT_EQ(verifyResult(*OrvSecurityUtilsService::create(configuration), jws, m.rsaLeaf), OrvSecurityUtilsResultUntrustedChain);
+}
+
+TEST_F(SecurityUtilsServiceTest, DefaultTrustAnchorsComeFromTheHostTheEnvironmentOrNowhere) {
+  const auto jws = signJws(m.rsaKey, "RS256", header("RS256"));
+  const auto withDefaults = [&](bool useDefaults = true) {
+    OrvSecurityUtilsService::Configuration configuration;
+    configuration.clock = [now = m.now] { return now; };
+    configuration.useDefaultTrustAnchors = useDefaults;
+    return OrvSecurityUtilsService::create(configuration);
+  };
+  const TemporaryDirectory files;
+  writeFile(files.file("root.pem"), m.root->pemString());
+  writeFile(files.file("garbage.pem"), "not a certificate");
+
+  EXPECT_EQ(OrvSecurityUtilsService::defaultTrustAnchors().origin, "none");
+  EXPECT_EQ(verifyResult(*withDefaults(), jws, m.leafOfOtherRoot), OrvSecurityUtilsResultSuccess);
+
+  ::setenv("ORV_APPCONFIG_TRUST_ANCHORS", files.file("root.pem").c_str(), 1);
+  EXPECT_EQ(verifyResult(*withDefaults(), jws, m.rsaLeaf), OrvSecurityUtilsResultSuccess);
+  EXPECT_EQ(verifyResult(*withDefaults(), jws, m.leafOfOtherRoot), OrvSecurityUtilsResultUntrustedChain);
+  EXPECT_EQ(verifyResult(*withDefaults(false), jws, m.leafOfOtherRoot), OrvSecurityUtilsResultSuccess);
+
+  // A bundle that cannot be read trusts nothing, and says so, rather than falling back to trusting names.
+  ::setenv("ORV_APPCONFIG_TRUST_ANCHORS", files.file("garbage.pem").c_str(), 1);
+  const auto broken = OrvSecurityUtilsService::defaultTrustAnchors();
+  ASSERT_TRUE(broken.anchors && broken.problem);
+  EXPECT_NE(broken.problem->find(files.file("garbage.pem")), std::string::npos);
+  EXPECT_EQ(verifyResult(*withDefaults(), jws, m.rsaLeaf), OrvSecurityUtilsResultUntrustedChain);
+
+  // The host's list wins over the environment until it is taken back.
+  OrvSecurityUtilsService::setDefaultTrustAnchors(std::vector<OrvCertificateRef>{m.otherRoot});
+  EXPECT_EQ(OrvSecurityUtilsService::defaultTrustAnchors().origin, "host");
+  EXPECT_EQ(verifyResult(*withDefaults(), jws, m.leafOfOtherRoot), OrvSecurityUtilsResultSuccess);
+  EXPECT_EQ(verifyResult(*withDefaults(), jws, m.rsaLeaf), OrvSecurityUtilsResultUntrustedChain);
+  OrvSecurityUtilsService::setDefaultTrustAnchors(std::nullopt);
+  ::unsetenv("ORV_APPCONFIG_TRUST_ANCHORS");
+  EXPECT_EQ(OrvSecurityUtilsService::defaultTrustAnchors().anchors, std::nullopt);
 }
 
 TEST_F(SecurityUtilsServiceTest, MissingInputAndResultNames) {

@@ -16,6 +16,7 @@
 
 #include "OrvOpenSSLHandles.h"
 #include "OrvSDKStringUtils.h"
+#include "OrvSecurityUtilsTesting.h"
 #include "SecurityTestMaterial.h"
 
 namespace orv::test {
