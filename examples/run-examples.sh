@@ -35,8 +35,9 @@ status=0
 if command -v pkg-config >/dev/null; then
   export PKG_CONFIG_PATH="$prefix/lib/pkgconfig${PKG_CONFIG_PATH:+:$PKG_CONFIG_PATH}"
   # shellcheck disable=SC2046  # the flags are meant to split
-  if ${CXX:-g++} -Wall -Wextra -I"$here/common" "$here/minimal/main.cpp" -o "$build/minimal-pkgconfig" \
-      $(pkg-config --cflags --libs OrvAppConfigService) >"$work/pkgconfig.log" 2>&1; then
+  if ${CXX:-g++} -std=c++20 -Wall -Wextra -I"$here/common" "$here/minimal/main.cpp" -o "$build/minimal-pkgconfig" \
+      $(pkg-config --cflags --libs OrvAppConfigService) \
+      -Wl,-rpath,"$(pkg-config --variable=libdir OrvAppConfigService)" >"$work/pkgconfig.log" 2>&1; then
     examples+=("$build/minimal-pkgconfig")
   else
     results+=("FAILED minimal-pkgconfig (build)")
