@@ -86,6 +86,17 @@ TEST_F(AppConfigToolTest, DiscoverPrintsTheRecordAndExitsWithTheStatus) {
   EXPECT_EQ(badSignature.exitCode, 2);
   EXPECT_EQ(badSignature.json().at("error").at("domain"), "com.varnel.OrvSecurityUtils.errorDomain");
   EXPECT_THAT(std::string(badSignature.json().at("error").at("description").as_string()), ::testing::HasSubstr("signature"));
+  EXPECT_EQ(badSignature.json().at("trace").at("steps").as_array().back().at("rule"), 15);
+  // --explain names the URL whose answer was refused and the rule that refused it; without anchors the
+  // tool says that it trusts names alone.
+  const auto explained = run("discover user@example.com --explain --production-host " + harness.emulator().hostAndPort() +
+                                 " --ca-file " + harness.emulator().tlsCAFile(),
+                             /*connect=*/false);
+  EXPECT_EQ(explained.exitCode, 2);
+  EXPECT_THAT(explained.out,
+              ::testing::ContainsRegex("signature: FAILED  https://127.0.0.1:[0-9]+/ads/root/domain/example.com/"));
+  EXPECT_THAT(explained.out, ::testing::HasSubstr("rule 15 OrvSecurityUtilsResultSignatureMismatch"));
+  EXPECT_THAT(explained.err, ::testing::HasSubstr("warning: no trust anchors"));
   harness.emulator().clearFaults();
 
   // Trusting another root: the genuine answer no longer chains to a trusted certificate.
