@@ -70,5 +70,17 @@ for example in "${examples[@]}"; do
     sed "s/^/  $name: /" "$work/$name.log" >&2
   fi
 done
+# A library built with default anchors of another CA (ORV_EXPECT_FOREIGN_DEFAULT_ANCHORS=1) must refuse
+# the emulator's signer, with the untrusted-chain code, when the host names no anchor of its own.
+if [[ -n ${ORV_EXPECT_FOREIGN_DEFAULT_ANCHORS:-} ]]; then
+  if ! "$build/minimal" demo.user@example.com --host "127.0.0.1:$port" --ca-file "$work/material/tls-ca.pem" \
+      >"$work/anchors.log" 2>&1 && grep -q "Code=13" "$work/anchors.log"; then
+    results+=("ok     minimal refused by the built-in anchors")
+  else
+    results+=("FAILED minimal accepted a signer outside the built-in anchors")
+    status=1
+    sed "s/^/  built-in anchors: /" "$work/anchors.log" >&2
+  fi
+fi
 printf '%s\n' "${results[@]}"
 exit "$status"

@@ -22,7 +22,7 @@ struct Options {
   std::string input;
   std::optional<std::string> host;         // else the deployment's production host
   std::optional<std::string> caFile;       // else the system CA store
-  std::optional<std::string> trustAnchor;  // else signing certificates are judged on their own
+  std::optional<std::string> trustAnchor;  // else the library's default anchors, if any, apply
 };
 
 inline std::optional<Options> parseArguments(int argc, char** argv) {
