@@ -6,8 +6,11 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <deque>
+#include <limits>
 #include <map>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -38,6 +41,10 @@ using CurlSlistHandle = std::unique_ptr<curl_slist, CurlSlistDeleter>;
 // The I/O thread sleeps at most this long when curl has no earlier deadline of its own, and a quarter
 // of the inactivity time-out at most, so that a silent transfer is caught close to its deadline.
 constexpr int kPollIntervalMilliseconds = 1000;
+// Streams the session opens on one HTTP/2 connection (curl's own default, and below the 128 common
+// servers allow): enough to keep a connection busy, few enough that a server's limit is rarely lower.
+constexpr long kStreamsPerConnection = 100;
+constexpr long kIdleConnectionsKept = 8;
 
 bool curlReady() {
   static std::once_flag once;
@@ -103,7 +110,9 @@ struct CurlTransfer {
   std::chrono::steady_clock::time_point added;
   std::chrono::steady_clock::time_point lastActivity;
   bool overflowed = false;
+  // Handed to curl; until then it waits for a place among its origin's transfers.
   bool attached = false;
+  std::string origin;
   char errorBuffer[CURL_ERROR_SIZE] = {};
   CurlSlistHandle headers;
   // Declared last so that it goes first: curl may still point at the buffers above.
@@ -136,6 +145,21 @@ class CurlSessionCore : public std::enable_shared_from_this<CurlSessionCore> {
   bool retryOnFreshConnection(CurlTransfer& transfer, CURLcode result);
   void expireSilentTransfers();
   int pollInterval() const;
+
+  // Transfers in curl per origin are capped by the session, not by curl: with more than a connection's
+  // streams in flight, curl opens further connections (up to the host limit) and later trims its cache,
+  // so a burst of stores would spread over several TLS handshakes. Below the cap one HTTP/2 connection
+  // carries everything, and the rest wait here in order.
+  struct Origin {
+    std::size_t inFlight = 0;
+    bool multiplexes = false;
+    std::deque<std::uint64_t> waiting;
+  };
+  void placeTransfer(std::unique_ptr<CurlTransfer> transfer);
+  bool attach(CurlTransfer& transfer);
+  void dropTransfer(std::map<std::uint64_t, std::unique_ptr<CurlTransfer>>::iterator it);
+  void admitWaiting(const std::string& origin);
+  std::size_t capacity(const Origin& origin) const noexcept;
   static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* user);
   static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* user);
 
@@ -152,6 +176,7 @@ class CurlSessionCore : public std::enable_shared_from_this<CurlSessionCore> {
   CurlShareHandle share_;
   // I/O thread only.
   std::map<std::uint64_t, std::unique_ptr<CurlTransfer>> transfers_;
+  std::map<std::string, Origin> origins_;
   std::chrono::steady_clock::time_point nextExpiryCheck_;
 };
 
@@ -222,6 +247,10 @@ bool CurlSessionCore::start() {
   // the share needs no lock callbacks.
   curl_share_setopt(share_.get(), CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
   curl_multi_setopt(multi_.get(), CURLMOPT_PIPELINING, long(CURLPIPE_MULTIPLEX));
+  curl_multi_setopt(multi_.get(), CURLMOPT_MAX_CONCURRENT_STREAMS, kStreamsPerConnection);
+  // curl sizes its connection cache by the transfers it holds; between two requests it holds none and
+  // would close the connection the next request wants. Keep a few idle ones.
+  curl_multi_setopt(multi_.get(), CURLMOPT_MAXCONNECTS, kIdleConnectionsKept);
   if (configuration_.maxConnectionsPerHost > 0) {
     curl_multi_setopt(multi_.get(), CURLMOPT_MAX_HOST_CONNECTIONS, configuration_.maxConnectionsPerHost);
   }
@@ -301,8 +330,8 @@ void CurlSessionCore::run() {
     for (auto& command : commands) {
       if (command.startTask) {
         startTransfer(command.startTask);
-      } else {
-        transfers_.erase(command.cancelIdentifier);
+      } else if (const auto it = transfers_.find(command.cancelIdentifier); it != transfers_.end()) {
+        dropTransfer(it);
       }
     }
 
@@ -336,6 +365,7 @@ void CurlSessionCore::expireSilentTransfers() {
   nextExpiryCheck_ = now + std::chrono::milliseconds(pollInterval());
   std::vector<std::uint64_t> expired;
   for (auto& [identifier, transfer] : transfers_) {
+    if (!transfer->attached) continue;
     if (!transfer->requestSent) {
       // curl's clock of the transfer says when the request went out, however late we look.
       curl_off_t pretransfer = 0;
@@ -352,7 +382,7 @@ void CurlSessionCore::expireSilentTransfers() {
         std::nullopt, nullptr,
         transportError(CURLE_OPERATION_TIMEDOUT,
                        "no byte received for " + std::to_string(configuration_.inactivityTimeout.count()) + " ms"));
-    transfers_.erase(it);
+    dropTransfer(it);
   }
 }
 
@@ -382,7 +412,6 @@ std::size_t CurlSessionCore::onHeader(char* data, std::size_t size, std::size_t 
 
 void CurlSessionCore::startTransfer(const std::shared_ptr<CurlDataTask>& task) {
   if (task->isFinished()) return;
-  const std::uint64_t identifier = task->taskIdentifier();
   try {
     auto transfer = std::make_unique<CurlTransfer>(multi_.get(), task, configuration_.maxResponseBytes);
     transfer->received = HTTPHeaderCollector(configuration_.maxHeaderCount, configuration_.maxHeaderBytes);
@@ -450,22 +479,67 @@ void CurlSessionCore::startTransfer(const std::shared_ptr<CurlDataTask>& task) {
     } else {
       set(CURLOPT_CUSTOMREQUEST, request.HTTPMethod().c_str());
     }
-    if (code == CURLE_OK) {
-      const CURLMcode added = curl_multi_add_handle(multi_.get(), easy);
-      if (added != CURLM_OK) {
-        task->complete(std::nullopt, nullptr, transportError(CURLE_FAILED_INIT, curl_multi_strerror(added)));
-        return;
-      }
-      transfer->attached = true;
-      transfer->added = std::chrono::steady_clock::now();
-    } else {
+    if (code != CURLE_OK) {
       task->complete(std::nullopt, nullptr, transportError(code, transfer->errorBuffer));
       return;
     }
-    transfers_[identifier] = std::move(transfer);
+    const auto& url = request.URL();
+    transfer->origin =
+        url.scheme().value_or("") + "://" + url.host().value_or("") + ":" + std::to_string(url.port().value_or(443));
+    placeTransfer(std::move(transfer));
   } catch (...) {
     task->complete(std::nullopt, nullptr, transportError(CURLE_OUT_OF_MEMORY, {}));
   }
+}
+
+void CurlSessionCore::placeTransfer(std::unique_ptr<CurlTransfer> transfer) {
+  const std::uint64_t identifier = transfer->task->taskIdentifier();
+  const std::string origin = transfer->origin;
+  transfers_[identifier] = std::move(transfer);
+  origins_[origin].waiting.push_back(identifier);
+  admitWaiting(origin);
+}
+
+std::size_t CurlSessionCore::capacity(const Origin& origin) const noexcept {
+  // Until the first answer says whether the origin multiplexes, as many as the host limit allows:
+  // with PIPEWAIT they all wait for the first connection and share it when it speaks HTTP/2.
+  if (origin.multiplexes) return kStreamsPerConnection;
+  return configuration_.maxConnectionsPerHost > 0 ? static_cast<std::size_t>(configuration_.maxConnectionsPerHost)
+                                                  : std::numeric_limits<std::size_t>::max();
+}
+
+bool CurlSessionCore::attach(CurlTransfer& transfer) {
+  const CURLMcode added = curl_multi_add_handle(multi_.get(), transfer.easy.get());
+  if (added != CURLM_OK) {
+    transfer.task->complete(std::nullopt, nullptr, transportError(CURLE_FAILED_INIT, curl_multi_strerror(added)));
+    return false;
+  }
+  transfer.attached = true;
+  transfer.added = std::chrono::steady_clock::now();
+  ++origins_[transfer.origin].inFlight;
+  return true;
+}
+
+void CurlSessionCore::admitWaiting(const std::string& originKey) {
+  auto& origin = origins_[originKey];
+  while (origin.inFlight < capacity(origin) && !origin.waiting.empty()) {
+    const std::uint64_t identifier = origin.waiting.front();
+    origin.waiting.pop_front();
+    const auto it = transfers_.find(identifier);
+    // Cancelled while it waited.
+    if (it == transfers_.end()) continue;
+    if (it->second->task->isFinished() || !attach(*it->second)) transfers_.erase(it);
+  }
+}
+
+void CurlSessionCore::dropTransfer(std::map<std::uint64_t, std::unique_ptr<CurlTransfer>>::iterator it) {
+  const std::string origin = it->second->origin;
+  const bool wasInFlight = it->second->attached;
+  transfers_.erase(it);
+  if (!wasInFlight) return;
+  auto& counts = origins_[origin];
+  if (counts.inFlight > 0) --counts.inFlight;
+  admitWaiting(origin);
 }
 
 // A request that died before any byte of its answer on a connection reused from an earlier request
@@ -494,7 +568,12 @@ bool CurlSessionCore::retryOnFreshConnection(CurlTransfer& transfer, CURLcode re
   transfer.attached = false;
   transfer.errorBuffer[0] = '\0';
   curl_easy_setopt(transfer.easy.get(), CURLOPT_FRESH_CONNECT, 1L);
-  if (curl_multi_add_handle(multi_.get(), transfer.easy.get()) != CURLM_OK) return false;
+  if (curl_multi_add_handle(multi_.get(), transfer.easy.get()) != CURLM_OK) {
+    // Out of curl now: it no longer holds a place among its origin's transfers.
+    auto& origin = origins_[transfer.origin];
+    if (origin.inFlight > 0) --origin.inFlight;
+    return false;
+  }
   transfer.attached = true;
   return true;
 }
@@ -535,7 +614,11 @@ void CurlSessionCore::finishTransfer(CURL* easy, CURLcode result) {
   } catch (...) {
     transfer->task->complete(std::nullopt, nullptr, transportError(CURLE_OUT_OF_MEMORY, {}));
   }
-  transfers_.erase(identifier);
+  // What the answer came over decides how many transfers the origin may have in curl from now on.
+  long version = CURL_HTTP_VERSION_NONE;
+  curl_easy_getinfo(easy, CURLINFO_HTTP_VERSION, &version);
+  if (version != CURL_HTTP_VERSION_NONE) origins_[transfer->origin].multiplexes = version >= CURL_HTTP_VERSION_2_0;
+  if (const auto it = transfers_.find(identifier); it != transfers_.end()) dropTransfer(it);
 }
 
 }  // namespace orv::detail

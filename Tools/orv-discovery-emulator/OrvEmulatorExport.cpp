@@ -229,7 +229,7 @@ http {{
   types {{}}
   default_type application/json;
   server_tokens off;
-  log_format discovery '$remote_addr [$time_local] $server_protocol "$request" $status $body_bytes_sent "$http_user_agent"';
+  log_format discovery '$remote_addr [$time_local] $server_protocol "$request" $status $body_bytes_sent "$http_user_agent" connection=$connection';
   access_log access.log discovery;
   client_body_temp_path temp/client-body;
   proxy_temp_path temp/proxy;

@@ -13,6 +13,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <set>
 #include <sstream>
 
 #include "EmulatorHarness.h"
@@ -180,4 +181,53 @@ TEST(NginxStagingHostTest, ClientDiscoversAndRetrievesSettingsFromAnExportedCata
   };
   EXPECT_TRUE(requested("/ads/root/publickey"));
   EXPECT_TRUE(requested("/channel/beta HTTP/2.0\" 200"));
+}
+
+// A burst of stores, more than one connection's streams, asked twice on one session: everything rides
+// one TLS connection, the second request included.
+TEST(NginxStagingHostTest, ManyStoresRepeatedShareOneConnection) {
+  if (access(kNginx, X_OK) != 0) GTEST_SKIP() << kNginx << " is not installed (Debian's nginx package provides it)";
+  constexpr int kStores = 300;
+  boost::json::object stores;
+  OrvAppConfigStoreURLSet urls;
+  for (int i = 0; i < kStores; ++i) {
+    const std::string name = "https://s" + std::to_string(i) + ".example.com:443/Store";
+    boost::json::object answer;
+    answer["kaleth"] = boost::json::parse(
+        R"({"name": "Store", "appSettings": {"ios": [{"category": "General", "settings": [{"name": "A", "value": 1}]}]}})");
+    answer["url"] = boost::json::object{{"name", name}};
+    stores[name] = boost::json::object{{"ios", std::move(answer)}};
+    urls.insert(*OrvURL::URLWithString(name));
+  }
+  TemporaryDirectory material, out;
+  std::string error;
+  ASSERT_TRUE(orv::emulator::generateMaterial(material.path().string(), &error)) << error;
+  orv::emulator::ExportOptions options;
+  options.materialDir = material.path().string();
+  options.catalogJSON = boost::json::serialize(boost::json::object{{"domains", boost::json::object{}}, {"stores", stores}});
+  options.port = freeLoopbackPort();
+  ASSERT_TRUE(orv::emulator::exportCatalog(options, out.path().string(), &error)) << error;
+  NginxProcess nginx(out.path());
+  ASSERT_TRUE(nginx.waitUntilAccepting(options.port)) << readFile(out.file("error.log"));
+
+  const DiscoveryHostsOverride hosts("127.0.0.1:" + std::to_string(options.port));
+  OrvCurlURLSessionConfiguration configuration;
+  configuration.caFile = material.file(orv::emulator::kTLSCAFile);
+  auto service = OrvAppConfigService::initWithURLSession(OrvCurlURLSession::create(configuration),
+                                                         std::make_shared<OrvHttpHeaderProviderService>(),
+                                                         OrvSecurityUtilsService::create(), nullptr);
+  for (int round = 0; round < 2; ++round) {
+    SettingsCapture settings;
+    service->asyncStartSettingsRetrievalForStoreUrls(urls, 0, 0, std::nullopt, settings.block());
+    ASSERT_TRUE(settings.wait(std::chrono::seconds(60)));
+    EXPECT_EQ(std::get<0>(settings.values), 0u);
+    EXPECT_EQ(std::get<1>(settings.values).value_or(OrvAppConfigStoreSettingsDictionary{}).size(), std::size_t(kStores));
+  }
+
+  std::istringstream log(readFile(out.file("access.log")));
+  std::set<std::string> connections;
+  std::size_t requests = 0;
+  for (std::string line; std::getline(log, line); ++requests) connections.insert(line.substr(line.rfind("connection=")));
+  EXPECT_EQ(requests, 2u * (kStores + 1));
+  EXPECT_EQ(connections.size(), 1u) << "TLS connections opened";
 }
