@@ -10,6 +10,7 @@
 #include <limits>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -41,6 +42,9 @@ using CurlSlistHandle = std::unique_ptr<curl_slist, CurlSlistDeleter>;
 // The I/O thread sleeps at most this long when curl has no earlier deadline of its own, and a quarter
 // of the inactivity time-out at most, so that a silent transfer is caught close to its deadline.
 constexpr int kPollIntervalMilliseconds = 1000;
+// While transfers are in curl the I/O thread looks at least this often: curl 7.88 can leave a transfer
+// it let out of its pending list with no timer armed, and the thread would sleep a whole interval.
+constexpr int kBusyPollIntervalMilliseconds = 20;
 // Streams the session opens on one HTTP/2 connection (curl's own default, and below the 128 common
 // servers allow): enough to keep a connection busy, few enough that a server's limit is rarely lower.
 constexpr long kStreamsPerConnection = 100;
@@ -152,7 +156,8 @@ class CurlSessionCore : public std::enable_shared_from_this<CurlSessionCore> {
   // carries everything, and the rest wait here in order.
   struct Origin {
     std::size_t inFlight = 0;
-    bool multiplexes = false;
+    // Unknown until an answer shows what the origin's connections speak.
+    std::optional<bool> multiplexes;
     std::deque<std::uint64_t> waiting;
   };
   void placeTransfer(std::unique_ptr<CurlTransfer> transfer);
@@ -352,7 +357,7 @@ void CurlSessionCore::run() {
 int CurlSessionCore::pollInterval() const {
   if (transfers_.empty()) return kPollIntervalMilliseconds;
   const auto quarter = configuration_.inactivityTimeout.count() / 4;
-  return static_cast<int>(std::clamp<std::int64_t>(quarter, 10, kPollIntervalMilliseconds));
+  return static_cast<int>(std::clamp<std::int64_t>(quarter, 10, kBusyPollIntervalMilliseconds));
 }
 
 // curl's own low-speed check averages the rate over several seconds, so a server that sends headers
@@ -362,7 +367,8 @@ void CurlSessionCore::expireSilentTransfers() {
   // The I/O thread wakes for every socket event; walking every transfer each time would make a burst
   // of many stores quadratic. Once per poll interval is as exact as the poll itself.
   if (transfers_.empty() || now < nextExpiryCheck_) return;
-  nextExpiryCheck_ = now + std::chrono::milliseconds(pollInterval());
+  nextExpiryCheck_ = now + std::chrono::milliseconds(std::clamp<std::int64_t>(configuration_.inactivityTimeout.count() / 4, 10,
+                                                                              kPollIntervalMilliseconds));
   std::vector<std::uint64_t> expired;
   for (auto& [identifier, transfer] : transfers_) {
     if (!transfer->attached) continue;
@@ -501,11 +507,14 @@ void CurlSessionCore::placeTransfer(std::unique_ptr<CurlTransfer> transfer) {
 }
 
 std::size_t CurlSessionCore::capacity(const Origin& origin) const noexcept {
-  // Until the first answer says whether the origin multiplexes, as many as the host limit allows:
-  // with PIPEWAIT they all wait for the first connection and share it when it speaks HTTP/2.
-  if (origin.multiplexes) return kStreamsPerConnection;
-  return configuration_.maxConnectionsPerHost > 0 ? static_cast<std::size_t>(configuration_.maxConnectionsPerHost)
-                                                  : std::numeric_limits<std::size_t>::max();
+  const std::size_t hostLimit = configuration_.maxConnectionsPerHost > 0
+                                    ? static_cast<std::size_t>(configuration_.maxConnectionsPerHost)
+                                    : std::numeric_limits<std::size_t>::max();
+  // Until an answer says whether the origin multiplexes, as many as the host limit allows: with
+  // PIPEWAIT they wait for the first connection and share it when it speaks HTTP/2. (Only one would
+  // avoid curl's pending list, but then a first request that stalls would hold up every other.)
+  if (!origin.multiplexes) return hostLimit;
+  return *origin.multiplexes ? static_cast<std::size_t>(kStreamsPerConnection) : hostLimit;
 }
 
 bool CurlSessionCore::attach(CurlTransfer& transfer) {

@@ -9,6 +9,7 @@
 #include "EmulatorHarness.h"
 #include "OrvAppConfigAutoDiscoverRecord.h"
 #include "OrvEmulatorCrypto.h"
+#include "OrvSDKStringUtils.h"
 #include "TestSupport.h"
 
 using namespace orv::test;
@@ -338,6 +339,10 @@ TEST(AutoDiscoveryWorkflowTest, ReleasingTheServiceCancelsItsRequestsWithoutComp
   slow.delay = std::chrono::seconds(30);
   harness.emulator().setFault("/ads/root/domain/example.com/", slow);
   harness.emulator().setFault("/ads/root/domain/example.org/", slow);
+  // Held back too: an answer that came before the release would rightly be delivered.
+  harness.emulator().setFault(
+      "/ads/root/url/" + *OrvBase64URLEncodedStringFromString("https://store.example.com:443/Store") + "/product/kaleth/os/ios",
+      slow);
   std::weak_ptr<OrvAppConfigService> weak = harness.service;
   std::weak_ptr<OrvURLSession> weakSession = harness.session;
   std::atomic<int> calls{0};
