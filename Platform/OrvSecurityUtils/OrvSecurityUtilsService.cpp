@@ -7,9 +7,11 @@
 
 #include <algorithm>
 #include <chrono>
+#include <deque>
 #include <exception>
 #include <fstream>
 #include <iterator>
+#include <mutex>
 #include <set>
 #include <sstream>
 #include <variant>
@@ -28,6 +30,17 @@ struct SecurityServiceConfiguration {
   X509StorePtr trustStore;
   bool requiresChain = false;
   OrvSecurityUtilsService::Clock clock;
+
+  // Chains already built, with the period in which all their links are valid. Every answer of a request
+  // is signed by the same certificate; building its chain again for each one cost more than checking
+  // the signature itself.
+  struct VerifiedChain {
+    X509Ptr certificate;
+    CertificateTime validFrom;
+    CertificateTime validUntil;
+  };
+  mutable std::mutex verifiedChainsMutex;
+  mutable std::deque<VerifiedChain> verifiedChains;
 };
 
 }  // namespace orv::detail
@@ -170,6 +183,15 @@ std::optional<Verdict> checkCertificate(const SecurityServiceConfiguration& conf
   }
   if (!configuration.requiresChain) return std::nullopt;
 
+  {
+    std::lock_guard lock(configuration.verifiedChainsMutex);
+    for (const auto& known : configuration.verifiedChains) {
+      if (X509_cmp(known.certificate.get(), certificate.certificate.get()) != 0) continue;
+      if (!isDateBefore(now, known.validFrom) && !isDateAfter(now, known.validUntil)) return std::nullopt;
+      break;
+    }
+  }
+
   X509StoreCtxPtr context(X509_STORE_CTX_new());
   if (!context || !configuration.trustStore ||
       X509_STORE_CTX_init(context.get(), configuration.trustStore.get(), certificate.certificate.get(), nullptr) != 1) {
@@ -184,6 +206,8 @@ std::optional<Verdict> checkCertificate(const SecurityServiceConfiguration& conf
                   std::string("The certificate does not chain to a trusted root (") + X509_verify_cert_error_string(error) + ")");
   }
   const STACK_OF(X509)* chain = X509_STORE_CTX_get0_chain(context.get());
+  // The certificate's own period was checked above; the chain is good while every link is valid.
+  CertificateTime validFrom = certificate.notBefore, validUntil = certificate.notAfter;
   for (int index = 1; index < sk_X509_num(chain); ++index) {
     const X509* link = sk_X509_value(chain, index);
     const auto notBefore = certificateTimeOf(X509_get0_notBefore(link));
@@ -192,6 +216,15 @@ std::optional<Verdict> checkCertificate(const SecurityServiceConfiguration& conf
       return reject(OrvSecurityUtilsResultUntrustedChain,
                     "The certificate chains to a trusted certificate that is outside its validity period");
     }
+    validFrom = std::max(validFrom, *notBefore);
+    validUntil = std::min(validUntil, *notAfter);
+  }
+  if (X509_up_ref(certificate.certificate.get()) == 1) {
+    X509Ptr kept(certificate.certificate.get());
+    std::lock_guard lock(configuration.verifiedChainsMutex);
+    constexpr std::size_t kKeptChains = 4;
+    configuration.verifiedChains.push_front({std::move(kept), validFrom, validUntil});
+    if (configuration.verifiedChains.size() > kKeptChains) configuration.verifiedChains.pop_back();
   }
   return std::nullopt;
 }

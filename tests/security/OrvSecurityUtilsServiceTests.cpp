@@ -273,6 +273,18 @@ TEST_F(SecurityUtilsServiceTest, ValidityPeriodIncludesBothEnds) {
   EXPECT_EQ(at(m.leafNotAfter + 1s), OrvSecurityUtilsResultCertificateExpired);
   EXPECT_EQ(m.rsaLeaf->notValidBefore(), m.leafNotBefore);
   EXPECT_EQ(m.rsaLeaf->notValidAfter(), m.leafNotAfter);
+
+  // One anchored service whose clock moves: a chain it has already built does not carry a verdict past
+  // the period in which it was good.
+  OrvDate now = m.leafNotAfter;
+  OrvSecurityUtilsService::Configuration configuration;
+  configuration.clock = [&now] { return now; };
+  configuration.trustAnchors = {m.root};
+  const auto moving = OrvSecurityUtilsService::create(configuration);
+  EXPECT_EQ(verifyResult(*moving, jws, m.rsaLeaf), OrvSecurityUtilsResultSuccess);
+  EXPECT_EQ(verifyResult(*moving, jws, m.rsaLeaf), OrvSecurityUtilsResultSuccess);
+  now = m.leafNotAfter + 1ms;
+  EXPECT_EQ(verifyResult(*moving, jws, m.rsaLeaf), OrvSecurityUtilsResultCertificateExpired);
 }
 
 TEST_F(SecurityUtilsServiceTest, KeyUsageMustAllowDigitalSignature) {
