@@ -90,6 +90,7 @@ struct Answer {
 struct Transfer {
   CURL* easy = nullptr;
   Answer answer;
+  bool retried = false;
 };
 
 std::size_t onBody(char* data, std::size_t size, std::size_t count, void* user) {
@@ -153,6 +154,7 @@ class Client {
         curl_easy_setopt(easy, CURLOPT_WRITEDATA, &transfers[next].answer);
         curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &onHeader);
         curl_easy_setopt(easy, CURLOPT_HEADERDATA, &transfers[next].answer);
+        curl_easy_setopt(easy, CURLOPT_PRIVATE, static_cast<void*>(&transfers[next]));
         curl_multi_add_handle(multi_, easy);
       }
     };
@@ -164,6 +166,20 @@ class Client {
       bool finished = false;
       while (CURLMsg* message = curl_multi_info_read(multi_, &queued)) {
         if (message->msg != CURLMSG_DONE) continue;
+        // A GET that met a connection the server was closing (nginx ends one after 1,000 requests) is
+        // sent once more on a new one, as the library does; the floor must not fail where it succeeds.
+        void* user = nullptr;
+        curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &user);
+        auto* transfer = static_cast<Transfer*>(user);
+        if (message->data.result != CURLE_OK && transfer && !transfer->retried) {
+          CURL* easy = message->easy_handle;
+          transfer->retried = true;
+          transfer->answer = Answer{};
+          curl_multi_remove_handle(multi_, easy);
+          curl_easy_setopt(easy, CURLOPT_FRESH_CONNECT, 1L);
+          curl_multi_add_handle(multi_, easy);
+          continue;
+        }
         ++done;
         --inFlight;
         finished = true;
