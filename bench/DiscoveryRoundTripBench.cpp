@@ -20,6 +20,7 @@
 #include "EmulatorHarness.h"
 #include "OrvEmulatorCrypto.h"
 #include "OrvMainQueue.h"
+#include "OrvSDKStringUtils.h"
 
 namespace {
 
@@ -58,26 +59,6 @@ Answer getOnce(OrvURLSession& session, const OrvURL& url) {
   return answer;
 }
 
-std::string fromBase64Url(std::string_view text) {
-  std::string out;
-  unsigned buffer = 0;
-  int bits = 0;
-  for (const char c : text) {
-    const int v = c >= 'A' && c <= 'Z'   ? c - 'A'
-                  : c >= 'a' && c <= 'z' ? c - 'a' + 26
-                  : c >= '0' && c <= '9' ? c - '0' + 52
-                  : c == '-'             ? 62
-                                         : 63;
-    buffer = (buffer << 6) | unsigned(v);
-    bits += 6;
-    if (bits >= 8) {
-      bits -= 8;
-      out += char((buffer >> bits) & 0xff);
-    }
-  }
-  return out;
-}
-
 // The key of the certificate in {"certificate": "<PEM>"}; parsed again only when the PEM changes.
 EVP_PKEY* keyOf(const Answer& publicKey) {
   static std::string parsedPEM;
@@ -99,7 +80,7 @@ bool verifyBare(const Answer& answer, const Answer& publicKey) {
   EVP_PKEY* key = keyOf(publicKey);
 
   const auto dot = answer.signature.find('.');
-  const std::string raw = fromBase64Url(std::string_view(answer.signature).substr(dot + 1));
+  const std::string raw = OrvBase64URLDecode(std::string_view(answer.signature).substr(dot + 1)).value_or("");
   const std::string signingInput = answer.signature.substr(0, dot) + "." + orv::emulator::base64UrlEncode(answer.body);
   // JWS carries r||s; OpenSSL wants DER.
   ECDSA_SIG* signature = ECDSA_SIG_new();

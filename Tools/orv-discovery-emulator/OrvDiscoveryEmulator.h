@@ -108,6 +108,10 @@ struct ExportOptions {
 // False with the reason in error when the material or catalog is unusable or a file cannot be written.
 bool exportCatalog(const ExportOptions& options, const std::string& outDir, std::string* error = nullptr);
 
+// A loopback port free at the time of asking, for an exported configuration to listen on (nginx cannot
+// report a port it picked itself); 0 when none could be found.
+std::uint16_t freeLoopbackPort();
+
 namespace detail {
 class EmulatorServer;
 }

@@ -1,7 +1,12 @@
 // The catalog as static files and an nginx configuration that serves them the way the emulator
 // would, for a staging host that runs stock nginx and no emulator.
+#include <arpa/inet.h>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <boost/json.hpp>
 
 #include <ctime>
@@ -259,6 +264,18 @@ http {{
   } catch (const std::exception& e) {
     return fail(e.what());
   }
+}
+
+std::uint16_t freeLoopbackPort() {
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  const bool bound = bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+                     getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0;
+  close(fd);
+  return bound ? ntohs(address.sin_port) : 0;
 }
 
 }  // namespace orv::emulator

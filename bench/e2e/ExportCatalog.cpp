@@ -5,10 +5,6 @@
 //   orv_e2e_export MATERIAL_DIR OUT_DIR
 //
 // Prints the loopback port nginx.conf listens on; the port was free when it was picked.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <boost/json.hpp>
 
@@ -22,18 +18,6 @@ namespace {
 
 constexpr int kStores = 1000;
 constexpr int kDomainSizes[] = {1, 10, 100, 1000};
-
-std::uint16_t freeLoopbackPort() {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  const bool bound = bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-                     getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0;
-  close(fd);
-  return bound ? ntohs(address.sin_port) : 0;
-}
 
 std::string storeURL(int index, bool withPort) {
   return "https://s" + std::to_string(index) + ".example.com" + (withPort ? ":443" : "") + "/Store";
@@ -90,7 +74,7 @@ int main(int argc, char** argv) {
   orv::emulator::ExportOptions options;
   options.materialDir = material;
   options.catalogJSON = catalogJSON();
-  options.port = freeLoopbackPort();
+  options.port = orv::emulator::freeLoopbackPort();
   if (options.port == 0) {
     std::fprintf(stderr, "no free loopback port\n");
     return 1;

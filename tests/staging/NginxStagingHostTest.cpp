@@ -29,18 +29,6 @@ namespace {
 
 constexpr const char* kNginx = "/usr/sbin/nginx";
 
-std::uint16_t freeLoopbackPort() {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  const bool bound = bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-                     getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0;
-  close(fd);
-  return bound ? ntohs(address.sin_port) : 0;
-}
-
 bool acceptsConnections(std::uint16_t port) {
   const int fd = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address{};
@@ -120,7 +108,7 @@ TEST(NginxStagingHostTest, ClientDiscoversAndRetrievesSettingsFromAnExportedCata
   ASSERT_TRUE(orv::emulator::generateMaterial(material.path().string(), &error)) << error;
   orv::emulator::ExportOptions options;
   options.materialDir = material.path().string();
-  options.port = freeLoopbackPort();
+  options.port = orv::emulator::freeLoopbackPort();
   ASSERT_NE(options.port, 0);
   ASSERT_TRUE(orv::emulator::exportCatalog(options, out.path().string(), &error)) << error;
 
@@ -205,7 +193,7 @@ TEST(NginxStagingHostTest, ManyStoresRepeatedShareOneConnection) {
   orv::emulator::ExportOptions options;
   options.materialDir = material.path().string();
   options.catalogJSON = boost::json::serialize(boost::json::object{{"domains", boost::json::object{}}, {"stores", stores}});
-  options.port = freeLoopbackPort();
+  options.port = orv::emulator::freeLoopbackPort();
   ASSERT_TRUE(orv::emulator::exportCatalog(options, out.path().string(), &error)) << error;
   NginxProcess nginx(out.path());
   ASSERT_TRUE(nginx.waitUntilAccepting(options.port)) << readFile(out.file("error.log"));
