@@ -124,17 +124,18 @@ void OrvAppConfigQueryOperation::didCompleteUrlTaskWithData(std::optional<OrvDat
 void OrvAppConfigQueryOperation::completeOperationWithStatus(OrvAppConfigQueryOperationCompletionStatus status,
                                                              std::optional<OrvError> error) {
   // A cancelled task and a late answer could both try to finish the operation; only the first counts.
-  std::call_once(completed_, [&] {
-    if (status == OrvAppConfigQueryOperationCompletionStatusSuccess) {
-      ORV_LOG_INFO("Completing operation with status OrvAppConfigQueryOperationCompletionStatusSuccess");
-    } else {
-      ORV_LOG_ERROR("Completing operation with status=%@ and error=%@", descriptionForCompletionStatus(status), error);
-    }
-    if (traceRecorder_) recordTraceStep(status, error);
-    setCompletionStatus(status);
-    setCompletionError(std::move(error));
-    coreCompleteOperation();
-  });
+  // The completion block may run on this very thread (and move the workflow on from there), so no lock
+  // or once-flag is held while it does.
+  if (completed_.exchange(true, std::memory_order_acq_rel)) return;
+  if (status == OrvAppConfigQueryOperationCompletionStatusSuccess) {
+    ORV_LOG_INFO("Completing operation with status OrvAppConfigQueryOperationCompletionStatusSuccess");
+  } else {
+    ORV_LOG_ERROR("Completing operation with status=%@ and error=%@", descriptionForCompletionStatus(status), error);
+  }
+  if (traceRecorder_) recordTraceStep(status, error);
+  setCompletionStatus(status);
+  setCompletionError(std::move(error));
+  coreCompleteOperation();
 }
 
 void OrvAppConfigQueryOperation::recordTraceStep(OrvAppConfigQueryOperationCompletionStatus status,

@@ -3,6 +3,7 @@
 // share: request and headers, the good-answer rule (status 200 with a body, nothing else), capture of
 // the signature header and body for later verification, the completion status and the log lines.
 // A subclass supplies the URL, a friendly name, the parsing of a 200 body and whether answers are signed.
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -71,7 +72,8 @@ class OrvAppConfigQueryOperation : public OrvUrlSessionTaskOperationObjC {
   OrvAppConfigQueryOperationCompletionStatus completionStatus_ = OrvAppConfigQueryOperationCompletionStatusSuccess;
   void recordTraceStep(OrvAppConfigQueryOperationCompletionStatus status, const std::optional<OrvError>& error);
 
-  std::once_flag completed_;
+  // Claimed by the first completion; a cancel racing with the answer finds it taken and returns.
+  std::atomic<bool> completed_{false};
   std::shared_ptr<orv::detail::RequestTraceRecorder> traceRecorder_;
   std::string traceStepName_;
   std::chrono::steady_clock::time_point traceBegan_{};

@@ -4,6 +4,7 @@
 
 #include "OrvOperationQueue.h"
 #include "OrvOperationQueueState.h"
+#include "OrvWorkerPool.h"
 
 OrvOperation::OrvOperation() = default;
 OrvOperation::~OrvOperation() = default;
@@ -65,7 +66,13 @@ void OrvOperation::moveToFinishedState() {
     block = std::exchange(completionBlock_, nullptr);
     queue = queue_;
   }
-  if (block) {
+  if (block && orv::detail::isWorkerPoolThread()) {
+    // Already on the pool, where the block would be sent: a hand-off would only cost a wake-up.
+    try {
+      block();
+    } catch (...) {
+    }
+  } else if (block) {
     // The block reads the operation's results, so the operation lives until the block has run.
     try {
       orv::detail::dispatchToWorkerPool([self, block] { block(); });

@@ -10,11 +10,56 @@
 #include <new>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include "OrvOperationQueueState.h"
+#include "OrvWorkerPool.h"
 
 namespace orv::detail {
 namespace {
+
+thread_local bool tlsOnWorker = false;
+// Set while a worker runs a share of a batch: actions deferred to the share's end.
+thread_local std::vector<std::function<void()>>* tlsDeferred = nullptr;
+
+void runCatchingEverything(std::function<void()>& task) noexcept {
+  try {
+    if (task) task();
+  } catch (...) {
+    // A task that throws must not take its neighbours in the batch with it.
+  }
+  // Whatever the task captured goes now, not when the whole batch is done.
+  task = nullptr;
+}
+
+// Set with tlsDeferred: tasks for the pool, handed over together when the share ends.
+thread_local std::vector<std::function<void()>>* tlsDeferredPosts = nullptr;
+
+void runShare(std::vector<std::function<void()>>& tasks, std::size_t first, std::size_t stride) noexcept;
+}  // namespace
+
+void dispatchBatchToWorkerPool(std::vector<std::function<void()>> tasks);
+
+namespace {
+// Runs every `stride`-th task from `first`, then what they deferred.
+void runShare(std::vector<std::function<void()>>& tasks, std::size_t first, std::size_t stride) noexcept {
+  std::vector<std::function<void()>> deferred;
+  std::vector<std::function<void()>> posts;
+  tlsDeferred = &deferred;
+  tlsDeferredPosts = &posts;
+  for (std::size_t i = first; i < tasks.size(); i += stride) runCatchingEverything(tasks[i]);
+  tlsDeferred = nullptr;
+  tlsDeferredPosts = nullptr;
+  if (!posts.empty()) {
+    try {
+      dispatchBatchToWorkerPool(std::move(posts));
+    } catch (...) {
+      // No memory to hand them over: they run here, late rather than never.
+      for (auto& task : posts) runCatchingEverything(task);
+    }
+  }
+  for (auto& action : deferred) runCatchingEverything(action);
+}
 
 // One pool for the process. Its threads are joined when the process exits (after main returns, before
 // OpenSSL's own clean-up, which is set up first for that reason): work still queued then, such as the
@@ -41,6 +86,23 @@ class WorkerPool {
     }
     available_.notify_one();
   }
+
+  void postAll(std::vector<std::function<void()>> tasks) {
+    if (tasks.empty()) return;
+    if (failuresToInject_.load(std::memory_order_relaxed) > 0 && failuresToInject_.fetch_sub(1) > 0) throw std::bad_alloc();
+    {
+      std::lock_guard lock(mutex_);
+      if (joined_) return;
+      for (auto& task : tasks) tasks_.push_back(std::move(task));
+    }
+    if (tasks.size() == 1) {
+      available_.notify_one();
+    } else {
+      available_.notify_all();
+    }
+  }
+
+  std::size_t workerCount() const noexcept { return threads_.size(); }
 
   void injectFailures(int count) { failuresToInject_.store(count); }
 
@@ -78,6 +140,7 @@ class WorkerPool {
   }
 
   void work() {
+    tlsOnWorker = true;
     for (;;) {
       std::function<void()> task;
       {
@@ -109,6 +172,42 @@ class WorkerPool {
 
 void dispatchToWorkerPool(std::function<void()> task) { WorkerPool::shared().post(std::move(task)); }
 
+bool isWorkerPoolThread() noexcept { return tlsOnWorker; }
+
+void dispatchBatchToWorkerPool(std::vector<std::function<void()>> tasks) {
+  if (tasks.empty()) return;
+  auto& pool = WorkerPool::shared();
+  // More shares than cores only adds switching; fewer than two leaves a core idle beside the I/O thread.
+  const std::size_t cores = std::max<std::size_t>(1, std::thread::hardware_concurrency());
+  const std::size_t shares = std::min({tasks.size(), cores, std::max<std::size_t>(1, pool.workerCount())});
+  if (shares == 1) {
+    pool.post([tasks = std::move(tasks)]() mutable { runShare(tasks, 0, 1); });
+    return;
+  }
+  auto all = std::make_shared<std::vector<std::function<void()>>>(std::move(tasks));
+  std::vector<std::function<void()>> posted;
+  posted.reserve(shares);
+  // Interleaved, so that each share gets early and late tasks alike and both finish at about the same time.
+  for (std::size_t share = 0; share < shares; ++share) {
+    posted.emplace_back([all, share, shares] { runShare(*all, share, shares); });
+  }
+  pool.postAll(std::move(posted));
+}
+
+void dispatchToWorkerPoolAfterShare(std::function<void()> task) {
+  if (!tlsDeferredPosts) {
+    dispatchToWorkerPool(std::move(task));
+    return;
+  }
+  tlsDeferredPosts->push_back(std::move(task));
+}
+
+bool deferToEndOfBatch(std::function<void()> action) {
+  if (!tlsDeferred) return false;
+  tlsDeferred->push_back(std::move(action));
+  return true;
+}
+
 void failNextWorkerPoolDispatchesForTesting(int count) { WorkerPool::shared().injectFailures(count); }
 
 std::vector<std::shared_ptr<OrvOperation>> OperationQueueState::add(
@@ -132,13 +231,26 @@ std::vector<std::shared_ptr<OrvOperation>> OperationQueueState::add(
 }
 
 void OperationQueueState::startWhatMayStart() {
+  // Asynchronous operations return from start() at once, so many of them can share a worker's turn:
+  // a burst of requests then costs a few wake-ups rather than one each. Any other operation gets a
+  // worker of its own, as it may take its time.
+  std::vector<std::function<void()>> quickStarts;
+  const auto startQuickOnes = [&quickStarts] {
+    if (!quickStarts.empty()) dispatchBatchToWorkerPool(std::exchange(quickStarts, {}));
+  };
   while (!waiting_.empty() && (maxConcurrent_ < 0 || started_.size() < static_cast<std::size_t>(maxConcurrent_))) {
     auto operation = std::move(waiting_.front());
     waiting_.pop_front();
     started_.emplace(operation.get(), operation);
     // Posting under the lock keeps the start order equal to the order of adding.
-    dispatchToWorkerPool([operation = std::move(operation)] { operation->start(); });
+    if (operation->isAsynchronous()) {
+      quickStarts.emplace_back([operation = std::move(operation)] { operation->start(); });
+    } else {
+      startQuickOnes();
+      dispatchToWorkerPool([operation = std::move(operation)] { operation->start(); });
+    }
   }
+  startQuickOnes();
 }
 
 void OperationQueueState::operationFinished(OrvOperation* operation) {

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <limits>
 #include <map>
 #include <mutex>
@@ -18,6 +19,7 @@
 
 #include "OrvHTTPHeaderCollector.h"
 #include "OrvOperationQueue.h"
+#include "OrvWorkerPool.h"
 
 namespace orv::detail {
 namespace {
@@ -49,6 +51,12 @@ constexpr int kBusyPollIntervalMilliseconds = 20;
 // servers allow): enough to keep a connection busy, few enough that a server's limit is rarely lower.
 constexpr long kStreamsPerConnection = 100;
 constexpr long kIdleConnectionsKept = 8;
+// Easy handles kept for the next requests: setting one up again costs more than resetting it.
+constexpr std::size_t kIdleEasyHandlesKept = 32;
+
+// Set on an I/O thread while it works through curl's news: completions found then are gathered and
+// handed to the worker pool together, instead of one wake-up of a worker per answer.
+thread_local std::vector<std::function<void()>>* tlsCompletionBatch = nullptr;
 
 bool curlReady() {
   static std::once_flag once;
@@ -94,8 +102,11 @@ class CurlDataTask;
 
 // One request on the wire. Lives on the I/O thread only.
 struct CurlTransfer {
-  CurlTransfer(CURLM* multi, std::shared_ptr<CurlDataTask> owner, std::size_t limit)
-      : multi(multi), task(std::move(owner)), bodyLimit(limit) {}
+  CurlTransfer(CURLM* multi, std::shared_ptr<CurlDataTask> owner, const OrvCurlURLSessionConfiguration& configuration)
+      : multi(multi),
+        task(std::move(owner)),
+        bodyLimit(configuration.maxResponseBytes),
+        received(configuration.maxHeaderCount, configuration.maxHeaderBytes) {}
   ~CurlTransfer() {
     if (easy && attached) curl_multi_remove_handle(multi, easy.get());
   }
@@ -107,7 +118,7 @@ struct CurlTransfer {
   std::size_t bodyLimit;
   std::string body;
   // The answer's header fields as they arrive.
-  HTTPHeaderCollector received{0, 0};
+  HTTPHeaderCollector received;
   bool retried = false;
   // Inactivity is counted from when the request goes out, then from each byte received.
   bool requestSent = false;
@@ -144,6 +155,10 @@ class CurlSessionCore : public std::enable_shared_from_this<CurlSessionCore> {
 
   void post(Command command);
   void run();
+  static void handOver(std::vector<std::function<void()>>& completions) noexcept;
+  CurlEasyHandle takeEasyHandle();
+  void recycleEasyHandle(CurlTransfer& transfer) noexcept;
+
   void startTransfer(const std::shared_ptr<CurlDataTask>& task);
   void finishTransfer(CURL* easy, CURLcode result);
   bool retryOnFreshConnection(CurlTransfer& transfer, CURLcode result);
@@ -162,7 +177,7 @@ class CurlSessionCore : public std::enable_shared_from_this<CurlSessionCore> {
   };
   void placeTransfer(std::unique_ptr<CurlTransfer> transfer);
   bool attach(CurlTransfer& transfer);
-  void dropTransfer(std::map<std::uint64_t, std::unique_ptr<CurlTransfer>>::iterator it);
+  void dropTransfer(std::map<std::uint64_t, std::unique_ptr<CurlTransfer>>::iterator it, bool reuseHandle = false);
   void admitWaiting(const std::string& origin);
   std::size_t capacity(const Origin& origin) const noexcept;
   static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* user);
@@ -182,6 +197,7 @@ class CurlSessionCore : public std::enable_shared_from_this<CurlSessionCore> {
   // I/O thread only.
   std::map<std::uint64_t, std::unique_ptr<CurlTransfer>> transfers_;
   std::map<std::string, Origin> origins_;
+  std::vector<CurlEasyHandle> idleEasyHandles_;
   std::chrono::steady_clock::time_point nextExpiryCheck_;
 };
 
@@ -220,9 +236,15 @@ class CurlDataTask final : public OrvURLSessionDataTask, public std::enable_shar
     auto handler = std::move(handler_);
     if (!handler) return true;
     try {
-      dispatchToWorkerPool([handler, data = std::move(data), response = std::move(response), error = std::move(error)]() mutable {
+      std::function<void()> invoke = [handler, data = std::move(data), response = std::move(response),
+                                      error = std::move(error)]() mutable {
         handler(std::move(data), std::move(response), std::move(error));
-      });
+      };
+      if (tlsCompletionBatch) {
+        tlsCompletionBatch->push_back(std::move(invoke));
+      } else {
+        dispatchToWorkerPool(std::move(invoke));
+      }
     } catch (...) {
       // The hand-off itself could not be allocated. A late answer on this thread beats none at all:
       // the caller is owed exactly one completion, and it says what went wrong.
@@ -295,9 +317,18 @@ void CurlSessionCore::post(Command command) {
     if (command.startTask) command.startTask->complete(std::nullopt, nullptr, cancelledError());
     return;
   }
+  const bool wakeUp = commands_.empty();
   commands_.push_back(std::move(command));
-  // The wake-up is remembered when the I/O thread is not polling yet, so it cannot be lost.
-  curl_multi_wakeup(multi_.get());
+  // The wake-up is remembered when the I/O thread is not polling yet, so it cannot be lost. Commands
+  // already waiting have had theirs, and the thread takes them all at once. Requests started together
+  // wake the thread once their batch is done, and go out in one write.
+  if (!wakeUp) return;
+  bool deferred = false;
+  try {
+    deferred = deferToEndOfBatch([core = shared_from_this()] { curl_multi_wakeup(core->multi_.get()); });
+  } catch (...) {
+  }
+  if (!deferred) curl_multi_wakeup(multi_.get());
 }
 
 void CurlSessionCore::submit(std::shared_ptr<CurlDataTask> task) {
@@ -332,6 +363,8 @@ void CurlSessionCore::run() {
       }
       break;
     }
+    std::vector<std::function<void()>> completions;
+    tlsCompletionBatch = &completions;
     for (auto& command : commands) {
       if (command.startTask) {
         startTransfer(command.startTask);
@@ -347,11 +380,49 @@ void CurlSessionCore::run() {
       if (message->msg == CURLMSG_DONE) finishTransfer(message->easy_handle, message->data.result);
     }
     expireSilentTransfers();
+    tlsCompletionBatch = nullptr;
+    handOver(completions);
     curl_multi_poll(multi_.get(), nullptr, 0, pollInterval(), nullptr);
   }
 
   for (auto& [identifier, transfer] : transfers_) transfer->task->complete(std::nullopt, nullptr, cancelledError());
   transfers_.clear();
+}
+
+void CurlSessionCore::handOver(std::vector<std::function<void()>>& completions) noexcept {
+  if (completions.empty()) return;
+  try {
+    dispatchBatchToWorkerPool(std::move(completions));
+  } catch (...) {
+    // No memory for the hand-off: the answers are delivered late, from this thread, rather than never.
+    for (auto& completion : completions) {
+      try {
+        if (completion) completion();
+      } catch (...) {
+      }
+    }
+  }
+  completions.clear();
+}
+
+CurlEasyHandle CurlSessionCore::takeEasyHandle() {
+  if (idleEasyHandles_.empty()) return CurlEasyHandle(curl_easy_init());
+  auto easy = std::move(idleEasyHandles_.back());
+  idleEasyHandles_.pop_back();
+  return easy;
+}
+
+void CurlSessionCore::recycleEasyHandle(CurlTransfer& transfer) noexcept {
+  if (!transfer.easy || idleEasyHandles_.size() >= kIdleEasyHandlesKept) return;
+  if (transfer.attached) curl_multi_remove_handle(multi_.get(), transfer.easy.get());
+  transfer.attached = false;
+  // Reset at once: the handle still points at the transfer's buffers and header list, which go now.
+  curl_easy_reset(transfer.easy.get());
+  try {
+    idleEasyHandles_.push_back(std::move(transfer.easy));
+  } catch (...) {
+    // Not kept; the transfer frees it.
+  }
 }
 
 int CurlSessionCore::pollInterval() const {
@@ -419,9 +490,8 @@ std::size_t CurlSessionCore::onHeader(char* data, std::size_t size, std::size_t 
 void CurlSessionCore::startTransfer(const std::shared_ptr<CurlDataTask>& task) {
   if (task->isFinished()) return;
   try {
-    auto transfer = std::make_unique<CurlTransfer>(multi_.get(), task, configuration_.maxResponseBytes);
-    transfer->received = HTTPHeaderCollector(configuration_.maxHeaderCount, configuration_.maxHeaderBytes);
-    transfer->easy.reset(curl_easy_init());
+    auto transfer = std::make_unique<CurlTransfer>(multi_.get(), task, configuration_);
+    transfer->easy = takeEasyHandle();
     CURL* easy = transfer->easy.get();
     if (!easy) {
       task->complete(std::nullopt, nullptr, transportError(CURLE_FAILED_INIT, {}));
@@ -541,9 +611,10 @@ void CurlSessionCore::admitWaiting(const std::string& originKey) {
   }
 }
 
-void CurlSessionCore::dropTransfer(std::map<std::uint64_t, std::unique_ptr<CurlTransfer>>::iterator it) {
+void CurlSessionCore::dropTransfer(std::map<std::uint64_t, std::unique_ptr<CurlTransfer>>::iterator it, bool reuseHandle) {
   const std::string origin = it->second->origin;
   const bool wasInFlight = it->second->attached;
+  if (reuseHandle) recycleEasyHandle(*it->second);
   transfers_.erase(it);
   if (!wasInFlight) return;
   auto& counts = origins_[origin];
@@ -627,7 +698,8 @@ void CurlSessionCore::finishTransfer(CURL* easy, CURLcode result) {
   long version = CURL_HTTP_VERSION_NONE;
   curl_easy_getinfo(easy, CURLINFO_HTTP_VERSION, &version);
   if (version != CURL_HTTP_VERSION_NONE) origins_[transfer->origin].multiplexes = version >= CURL_HTTP_VERSION_2_0;
-  if (const auto it = transfers_.find(identifier); it != transfers_.end()) dropTransfer(it);
+  // Finished by curl, so its handle holds no half-done state and may serve the next request.
+  if (const auto it = transfers_.find(identifier); it != transfers_.end()) dropTransfer(it, true);
 }
 
 }  // namespace orv::detail

@@ -19,6 +19,7 @@
 #include "OrvCertificateHandle.h"
 #include "OrvJSONSerialization.h"
 #include "OrvOperationQueue.h"
+#include "OrvWorkerPool.h"
 #include "OrvSDKStringUtils.h"
 
 namespace orv::detail {
@@ -515,7 +516,8 @@ void OrvSecurityUtilsService::asyncValidateJWTWithJwtPayload(
     OrvJWTValidationCompletionBlock completionBlock) {
   if (!completionBlock) return;
   try {
-    orv::detail::dispatchToWorkerPool(
+    // Verifications asked for together (one per store of a request) go to the pool together.
+    orv::detail::dispatchToWorkerPoolAfterShare(
         [configuration = configuration_, payload = std::move(jwtPayload), header = std::move(base64URLEncodedJWTHeader),
          signature = std::move(base64URLEncodedJWTSignature), certificate = std::move(verificationCertificate),
          options = std::move(additionalValidationOptions), completion = std::move(completionBlock)]() mutable {
