@@ -19,8 +19,10 @@ namespace orv::detail {
 namespace {
 
 thread_local bool tlsOnWorker = false;
-// Set while a worker runs a share of a batch: actions deferred to the share's end.
+// Set while a worker runs a turn (one task, or one share of a batch): actions for the turn's end, and
+// work for the pool that the turn handed over.
 thread_local std::vector<std::function<void()>>* tlsDeferred = nullptr;
+thread_local std::vector<std::function<void()>>* tlsDeferredPosts = nullptr;
 
 void runCatchingEverything(std::function<void()>& task) noexcept {
   try {
@@ -32,17 +34,12 @@ void runCatchingEverything(std::function<void()>& task) noexcept {
   task = nullptr;
 }
 
-// Set with tlsDeferred: tasks for the pool, handed over together when the share ends.
-thread_local std::vector<std::function<void()>>* tlsDeferredPosts = nullptr;
+// Throws when the pool cannot take the tasks; `tasks` then still holds them all.
+void shareOut(std::vector<std::function<void()>>& tasks, bool keepOneShareHere);
 
-void runShare(std::vector<std::function<void()>>& tasks, std::size_t first, std::size_t stride) noexcept;
-}  // namespace
-
-void dispatchBatchToWorkerPool(std::vector<std::function<void()>> tasks);
-
-namespace {
-// Runs every `stride`-th task from `first`, then what they deferred.
-void runShare(std::vector<std::function<void()>>& tasks, std::size_t first, std::size_t stride) noexcept {
+// Runs every `stride`-th task from `first`; then what the turn deferred to its end; then the work it
+// handed to the pool, of which this thread keeps a share rather than sleep while another wakes for it.
+void runTurn(std::vector<std::function<void()>>& tasks, std::size_t first, std::size_t stride) noexcept {
   std::vector<std::function<void()>> deferred;
   std::vector<std::function<void()>> posts;
   tlsDeferred = &deferred;
@@ -50,15 +47,14 @@ void runShare(std::vector<std::function<void()>>& tasks, std::size_t first, std:
   for (std::size_t i = first; i < tasks.size(); i += stride) runCatchingEverything(tasks[i]);
   tlsDeferred = nullptr;
   tlsDeferredPosts = nullptr;
-  if (!posts.empty()) {
-    try {
-      dispatchBatchToWorkerPool(std::move(posts));
-    } catch (...) {
-      // No memory to hand them over: they run here, late rather than never.
-      for (auto& task : posts) runCatchingEverything(task);
-    }
-  }
   for (auto& action : deferred) runCatchingEverything(action);
+  if (posts.empty()) return;
+  try {
+    shareOut(posts, true);
+  } catch (...) {
+    // No memory to hand them over: they run here, late rather than never.
+    for (auto& task : posts) runCatchingEverything(task);
+  }
 }
 
 // One pool for the process. Its threads are joined when the process exits (after main returns, before
@@ -95,11 +91,7 @@ class WorkerPool {
       if (joined_) return;
       for (auto& task : tasks) tasks_.push_back(std::move(task));
     }
-    if (tasks.size() == 1) {
-      available_.notify_one();
-    } else {
-      available_.notify_all();
-    }
+    for (std::size_t i = 0; i < tasks.size(); ++i) available_.notify_one();
   }
 
   std::size_t workerCount() const noexcept { return threads_.size(); }
@@ -151,11 +143,9 @@ class WorkerPool {
         task = std::move(tasks_.front());
         tasks_.pop_front();
       }
-      try {
-        if (task) task();
-      } catch (...) {
-        // A task that throws must not take the worker with it.
-      }
+      std::vector<std::function<void()>> turn;
+      turn.push_back(std::move(task));
+      runTurn(turn, 0, 1);
     }
   }
 
@@ -174,27 +164,40 @@ void dispatchToWorkerPool(std::function<void()> task) { WorkerPool::shared().pos
 
 bool isWorkerPoolThread() noexcept { return tlsOnWorker; }
 
-void dispatchBatchToWorkerPool(std::vector<std::function<void()>> tasks) {
+namespace {
+void shareOut(std::vector<std::function<void()>>& tasks, bool keepOneShareHere) {
   if (tasks.empty()) return;
   auto& pool = WorkerPool::shared();
-  // More shares than cores only adds switching; fewer than two leaves a core idle beside the I/O thread.
-  const std::size_t cores = std::max<std::size_t>(1, std::thread::hardware_concurrency());
+  // More shares than cores only adds switching. Asking the system costs a read of /sys each time.
+  static const std::size_t cores = std::max<std::size_t>(1, std::thread::hardware_concurrency());
   const std::size_t shares = std::min({tasks.size(), cores, std::max<std::size_t>(1, pool.workerCount())});
-  if (shares == 1) {
-    pool.post([tasks = std::move(tasks)]() mutable { runShare(tasks, 0, 1); });
+  auto all = std::make_shared<std::vector<std::function<void()>>>(std::move(tasks));
+  try {
+    std::vector<std::function<void()>> posted;
+    posted.reserve(shares);
+    // Interleaved, so that each share gets early and late tasks alike and all finish at about one time.
+    for (std::size_t share = keepOneShareHere ? 1 : 0; share < shares; ++share) {
+      posted.emplace_back([all, share, shares] { runTurn(*all, share, shares); });
+    }
+    pool.postAll(std::move(posted));
+  } catch (...) {
+    tasks = std::move(*all);
+    throw;
+  }
+  if (keepOneShareHere) runTurn(*all, 0, shares);
+}
+}  // namespace
+
+void dispatchBatchToWorkerPool(std::vector<std::function<void()>> tasks) {
+  if (tlsDeferredPosts) {
+    tlsDeferredPosts->reserve(tlsDeferredPosts->size() + tasks.size());
+    for (auto& task : tasks) tlsDeferredPosts->push_back(std::move(task));
     return;
   }
-  auto all = std::make_shared<std::vector<std::function<void()>>>(std::move(tasks));
-  std::vector<std::function<void()>> posted;
-  posted.reserve(shares);
-  // Interleaved, so that each share gets early and late tasks alike and both finish at about the same time.
-  for (std::size_t share = 0; share < shares; ++share) {
-    posted.emplace_back([all, share, shares] { runShare(*all, share, shares); });
-  }
-  pool.postAll(std::move(posted));
+  shareOut(tasks, false);
 }
 
-void dispatchToWorkerPoolAfterShare(std::function<void()> task) {
+void dispatchToWorkerPoolAfterTurn(std::function<void()> task) {
   if (!tlsDeferredPosts) {
     dispatchToWorkerPool(std::move(task));
     return;
@@ -202,7 +205,7 @@ void dispatchToWorkerPoolAfterShare(std::function<void()> task) {
   tlsDeferredPosts->push_back(std::move(task));
 }
 
-bool deferToEndOfBatch(std::function<void()> action) {
+bool deferToEndOfTurn(std::function<void()> action) {
   if (!tlsDeferred) return false;
   tlsDeferred->push_back(std::move(action));
   return true;

@@ -51,8 +51,9 @@ constexpr int kBusyPollIntervalMilliseconds = 20;
 // servers allow): enough to keep a connection busy, few enough that a server's limit is rarely lower.
 constexpr long kStreamsPerConnection = 100;
 constexpr long kIdleConnectionsKept = 8;
-// Easy handles kept for the next requests: setting one up again costs more than resetting it.
-constexpr std::size_t kIdleEasyHandlesKept = 32;
+// Easy handles kept for the next requests: setting one up again costs more than resetting it. As
+// many as one connection's streams, so that a burst of that size needs no new ones next time.
+constexpr std::size_t kIdleEasyHandlesKept = kStreamsPerConnection;
 
 // Set on an I/O thread while it works through curl's news: completions found then are gathered and
 // handed to the worker pool together, instead of one wake-up of a worker per answer.
@@ -94,6 +95,17 @@ bool isSendableField(std::string_view name, std::string_view value) noexcept {
     if (c == '\r' || c == '\n' || c == '\0') return false;
   }
   return true;
+}
+
+// "scheme://authority" of an absolute URL, host in lower case: transfers with the same key can share
+// connections. Read off the text the URL was validated as, rather than parsed again per request.
+std::string originOf(std::string_view url) {
+  const std::size_t schemeEnd = url.find("://");
+  if (schemeEnd == std::string_view::npos) return std::string(url);
+  const std::size_t authorityEnd = url.find_first_of("/?#", schemeEnd + 3);
+  std::string origin(url.substr(0, authorityEnd));
+  for (char& c : origin) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
+  return origin;
 }
 
 }  // namespace
@@ -325,7 +337,7 @@ void CurlSessionCore::post(Command command) {
   if (!wakeUp) return;
   bool deferred = false;
   try {
-    deferred = deferToEndOfBatch([core = shared_from_this()] { curl_multi_wakeup(core->multi_.get()); });
+    deferred = deferToEndOfTurn([core = shared_from_this()] { curl_multi_wakeup(core->multi_.get()); });
   } catch (...) {
   }
   if (!deferred) curl_multi_wakeup(multi_.get());
@@ -559,9 +571,7 @@ void CurlSessionCore::startTransfer(const std::shared_ptr<CurlDataTask>& task) {
       task->complete(std::nullopt, nullptr, transportError(code, transfer->errorBuffer));
       return;
     }
-    const auto& url = request.URL();
-    transfer->origin =
-        url.scheme().value_or("") + "://" + url.host().value_or("") + ":" + std::to_string(url.port().value_or(443));
+    transfer->origin = originOf(request.URL().absoluteString());
     placeTransfer(std::move(transfer));
   } catch (...) {
     task->complete(std::nullopt, nullptr, transportError(CURLE_OUT_OF_MEMORY, {}));
@@ -686,8 +696,12 @@ void CurlSessionCore::finishTransfer(CURL* easy, CURLcode result) {
       curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
       char* effectiveURL = nullptr;
       curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &effectiveURL);
-      std::optional<OrvURL> url = effectiveURL ? OrvURL::URLWithString(effectiveURL) : std::nullopt;
-      if (!url) url = transfer->task->request().URL();
+      const OrvURL& requested = transfer->task->request().URL();
+      // Only a redirect makes the answer's URL another than the request's.
+      std::optional<OrvURL> url = !effectiveURL || requested.absoluteString() == effectiveURL
+                                      ? std::optional<OrvURL>(requested)
+                                      : OrvURL::URLWithString(effectiveURL);
+      if (!url) url = requested;
       auto response = std::make_shared<const OrvHTTPURLResponse>(std::move(url), status, transfer->received.takeFields());
       transfer->task->complete(std::move(transfer->body), std::move(response), std::nullopt);
     }

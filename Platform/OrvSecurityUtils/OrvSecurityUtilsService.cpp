@@ -517,7 +517,7 @@ void OrvSecurityUtilsService::asyncValidateJWTWithJwtPayload(
   if (!completionBlock) return;
   try {
     // Verifications asked for together (one per store of a request) go to the pool together.
-    orv::detail::dispatchToWorkerPoolAfterShare(
+    orv::detail::dispatchToWorkerPoolAfterTurn(
         [configuration = configuration_, payload = std::move(jwtPayload), header = std::move(base64URLEncodedJWTHeader),
          signature = std::move(base64URLEncodedJWTSignature), certificate = std::move(verificationCertificate),
          options = std::move(additionalValidationOptions), completion = std::move(completionBlock)]() mutable {
