@@ -66,8 +66,8 @@ void OrvOperation::moveToFinishedState() {
     block = std::exchange(completionBlock_, nullptr);
     queue = queue_;
   }
-  if (block && orv::detail::isWorkerPoolThread()) {
-    // Already on the pool, where the block would be sent: a hand-off would only cost a wake-up.
+  if (block && orv::detail::isInWorkerTurn()) {
+    // Already where the block would be sent: a hand-off would only cost a wake-up.
     try {
       block();
     } catch (...) {

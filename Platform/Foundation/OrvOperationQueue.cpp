@@ -18,7 +18,6 @@
 namespace orv::detail {
 namespace {
 
-thread_local bool tlsOnWorker = false;
 // Set while a worker runs a turn (one task, or one share of a batch): actions for the turn's end, and
 // work for the pool that the turn handed over.
 thread_local std::vector<std::function<void()>>* tlsDeferred = nullptr;
@@ -132,7 +131,6 @@ class WorkerPool {
   }
 
   void work() {
-    tlsOnWorker = true;
     for (;;) {
       std::function<void()> task;
       {
@@ -162,7 +160,9 @@ class WorkerPool {
 
 void dispatchToWorkerPool(std::function<void()> task) { WorkerPool::shared().post(std::move(task)); }
 
-bool isWorkerPoolThread() noexcept { return tlsOnWorker; }
+bool isInWorkerTurn() noexcept { return tlsDeferredPosts != nullptr; }
+
+void runAsTurn(std::vector<std::function<void()>>& tasks) noexcept { runTurn(tasks, 0, 1); }
 
 namespace {
 void shareOut(std::vector<std::function<void()>>& tasks, bool keepOneShareHere) {

@@ -4,9 +4,13 @@
 #include <vector>
 
 namespace orv::detail {
-// True on one of the pool's threads. Work that would only be handed to the pool again (an operation's
-// completion block, say) can run where it is: the thread it would land on is one just like this.
-bool isWorkerPoolThread() noexcept;
+// True while a thread runs a turn: a pool task, or work an I/O thread took on itself (runAsTurn). Work
+// that would only be handed to the pool again (an operation's completion block, say) can run where it
+// is: the thread it would land on is one just like this.
+bool isInWorkerTurn() noexcept;
+// Runs the tasks here, in order, as one turn of a worker: what they hand to the pool or defer to the
+// turn's end is dealt with before this returns, this thread keeping a share of it.
+void runAsTurn(std::vector<std::function<void()>>& tasks) noexcept;
 // Hands over several tasks with one wake-up per worker rather than one per task. Tasks are spread over
 // at most as many pool tasks as the machine has cores, each running its share in order. Called from a
 // pool thread, they wait for the end of its turn, and that thread then runs one share itself. Throws

@@ -167,7 +167,7 @@ class CurlSessionCore : public std::enable_shared_from_this<CurlSessionCore> {
 
   void post(Command command);
   void run();
-  static void handOver(std::vector<std::function<void()>>& completions) noexcept;
+  void handOver(std::vector<std::function<void()>>& completions) noexcept;
   CurlEasyHandle takeEasyHandle();
   void recycleEasyHandle(CurlTransfer& transfer) noexcept;
 
@@ -202,6 +202,7 @@ class CurlSessionCore : public std::enable_shared_from_this<CurlSessionCore> {
   std::vector<Command> commands_;
   bool stopping_ = false;
   std::thread thread_;
+  std::atomic<std::thread::id> ioThread_{};
   std::once_flag shutdownOnce_;
 
   CurlMultiHandle multi_;
@@ -335,6 +336,9 @@ void CurlSessionCore::post(Command command) {
   // already waiting have had theirs, and the thread takes them all at once. Requests started together
   // wake the thread once their batch is done, and go out in one write.
   if (!wakeUp) return;
+  // Posted by the I/O thread itself (a workflow going on from an answer it handled): it looks at the
+  // commands before it sleeps again.
+  if (std::this_thread::get_id() == ioThread_.load(std::memory_order_relaxed)) return;
   bool deferred = false;
   try {
     deferred = deferToEndOfTurn([core = shared_from_this()] { curl_multi_wakeup(core->multi_.get()); });
@@ -361,6 +365,7 @@ void CurlSessionCore::cancel(std::uint64_t taskIdentifier) {
 }
 
 void CurlSessionCore::run() {
+  ioThread_.store(std::this_thread::get_id(), std::memory_order_relaxed);
   for (;;) {
     std::vector<Command> commands;
     bool stopping;
@@ -394,7 +399,12 @@ void CurlSessionCore::run() {
     expireSilentTransfers();
     tlsCompletionBatch = nullptr;
     handOver(completions);
-    curl_multi_poll(multi_.get(), nullptr, 0, pollInterval(), nullptr);
+    bool commandsWaiting;
+    {
+      std::lock_guard lock(mutex_);
+      commandsWaiting = !commands_.empty() || stopping_;
+    }
+    if (!commandsWaiting) curl_multi_poll(multi_.get(), nullptr, 0, pollInterval(), nullptr);
   }
 
   for (auto& [identifier, transfer] : transfers_) transfer->task->complete(std::nullopt, nullptr, cancelledError());
@@ -403,6 +413,13 @@ void CurlSessionCore::run() {
 
 void CurlSessionCore::handOver(std::vector<std::function<void()>>& completions) noexcept {
   if (completions.empty()) return;
+  // A lone answer with nothing else in flight delays nobody: it is handled here, where its bytes are,
+  // and the workflow goes on from here (the next request of it included) without waking a worker.
+  if (completions.size() == 1 && transfers_.empty()) {
+    runAsTurn(completions);
+    completions.clear();
+    return;
+  }
   try {
     dispatchBatchToWorkerPool(std::move(completions));
   } catch (...) {
