@@ -44,11 +44,21 @@ constexpr const char* sourceRelativePath(const char* path) {
   while (path[0] == '.' && (path[1] == '/' || (path[1] == '.' && path[2] == '/'))) path += path[1] == '/' ? 2 : 3;
   return path;
 }
+// A line logged from inside a lambda names the method around it, like every other line, rather than
+// the closure the compiler reports there ("X::method(int)::<lambda()>").
+constexpr std::string_view enclosingMethodName(std::string_view function) {
+  while (function.ends_with('>')) {
+    const std::size_t closure = function.rfind("::<lambda");
+    if (closure == std::string_view::npos) break;
+    function.remove_suffix(function.size() - closure);
+  }
+  return function;
+}
 }  // namespace orv::detail
 
-// Fills in the module, the calling file, function and line.
-#define ORV_APPCONFIG_LOG(level, ...)                                                                                        \
-  ORVAPPCONFIGCORELOG(OrvAppConfigServiceLogModule, (level), orv::detail::sourceRelativePath(__FILE__), __PRETTY_FUNCTION__, \
-                      __LINE__, __VA_ARGS__)
+// Fills in the module, the calling file, method and line.
+#define ORV_APPCONFIG_LOG(level, ...)                                                                   \
+  ORVAPPCONFIGCORELOG(OrvAppConfigServiceLogModule, (level), orv::detail::sourceRelativePath(__FILE__), \
+                      orv::detail::enclosingMethodName(__PRETTY_FUNCTION__), __LINE__, __VA_ARGS__)
 #define ORV_LOG_ERROR(...) ORV_APPCONFIG_LOG(OrvSdkLogLevelError, __VA_ARGS__)
 #define ORV_LOG_INFO(...) ORV_APPCONFIG_LOG(OrvSdkLogLevelInfo, __VA_ARGS__)

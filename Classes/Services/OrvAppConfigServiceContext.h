@@ -123,9 +123,14 @@ class OrvAppConfigServiceSettingsRetrievalContext : public OrvAppConfigServiceCo
   }
 
   const OrvAppConfigStoreURLSet& storeUrls() const noexcept { return storeUrls_; }
+  void setStoreUrls(OrvAppConfigStoreURLSet urls) { storeUrls_ = std::move(urls); }
   std::uint64_t platform() const noexcept { return platform_; }
+  void setPlatform(std::uint64_t platform) { platform_ = platform; }
+  // Stored as given: only the initialiser trims and turns a blank name into nil.
   const std::optional<std::string>& channelName() const noexcept { return channelName_; }
+  void setChannelName(std::optional<std::string> name) { channelName_ = std::move(name); }
   const OrvAppConfigSettingsRetrievalCompletionBlock& completionBlock() const noexcept { return completionBlock_; }
+  void setCompletionBlock(OrvAppConfigSettingsRetrievalCompletionBlock block) { completionBlock_ = std::move(block); }
   const std::optional<OrvAppConfigStoreSettingsDictionary>& storeSettings() const noexcept { return storeSettings_; }
   void setStoreSettings(std::optional<OrvAppConfigStoreSettingsDictionary> settings) { storeSettings_ = std::move(settings); }
   const std::optional<std::vector<std::shared_ptr<OrvAppConfigRetrieveStoreSettingsOperation>>>&

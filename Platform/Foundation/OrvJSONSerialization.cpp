@@ -120,11 +120,16 @@ std::optional<boost::json::value> OrvJSONSerialization::JSONObjectWithData(std::
     return std::nullopt;
   };
   try {
-    json::basic_parser<orv::detail::StrictHandler> parser(json::parse_options{});
+    json::parse_options limits;
+    limits.max_depth = OrvJSONSerializationMaximumDepth;
+    json::basic_parser<orv::detail::StrictHandler> parser(limits);
     parser.handler().stack.reset();
     json::error_code ec;
     const std::size_t consumed = parser.write_some(false, data.data(), data.size(), ec);
     if (!ec && consumed < data.size()) ec = json::error::extra_data;
+    if (ec == json::error::too_deep) {
+      return fail("Objects and arrays nest deeper than " + std::to_string(OrvJSONSerializationMaximumDepth) + " levels");
+    }
     if (ec) {
       const std::string& problem = parser.handler().problem;
       return fail(problem.empty() ? ec.message() : problem);

@@ -2,6 +2,7 @@
 // Strict JSON (RFC 8259) on Boost.JSON. Booleans are never numbers. The default options want an
 // object or an array at the top level; fragmentsAllowed also takes a bare scalar.
 #include <boost/json/value.hpp>
+#include <cstddef>
 #include <optional>
 #include <string_view>
 
@@ -10,13 +11,17 @@
 // Error domain and codes of the parser's errors.
 inline constexpr const char* OrvJSONSerializationErrorDomain = "com.varnel.OrvFoundation.JSONSerialization";
 inline constexpr std::int64_t OrvJSONSerializationErrorInvalidJSON = 3840;
+// Objects and arrays may nest this deep and no deeper. Room for a setting whose value is itself deep
+// JSON, and still well inside what a settings record may hold when archived.
+inline constexpr std::size_t OrvJSONSerializationMaximumDepth = 64;
 
 enum class OrvJSONReadingOptions { none, fragmentsAllowed };
 
 class OrvJSONSerialization {
  public:
-  // std::nullopt and an error for empty input, malformed text, invalid UTF-8, numbers out of range
-  // and, without fragmentsAllowed, a top-level scalar.
+  // std::nullopt and an error for empty input, malformed text, invalid UTF-8, numbers out of range,
+  // nesting deeper than OrvJSONSerializationMaximumDepth and, without fragmentsAllowed, a top-level
+  // scalar.
   static std::optional<boost::json::value> JSONObjectWithData(std::string_view data, OrvJSONReadingOptions options,
                                                               std::optional<OrvError>* error = nullptr);
 };

@@ -1,12 +1,22 @@
 #pragma once
-// String operations the library takes from the platform: white-space trimming with the platform's
-// character set, and the URL-path-allowed character set.
+// String operations the library takes from the platform: UTF-8 decoding, simple case folding,
+// white-space trimming with the platform's character set, and the URL-path-allowed character set.
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace orv::detail {
+
+// The library's one UTF-8 decoder. Decodes the code point that starts at byte `at` (which must lie
+// inside the text) strictly: no overlongs, no surrogates, nothing above U+10FFFF. Returns its length
+// in bytes, or 0 for an invalid or cut-off sequence.
+std::size_t decodeUTF8(std::string_view text, std::size_t at, char32_t& codePoint) noexcept;
+
+// Unicode simple case folding (one code point to one; the Turkic dotted and dotless i are not
+// special). Table-driven over all cased scripts, so it answers the same whatever locale is installed.
+char32_t simpleCaseFold(char32_t codePoint) noexcept;
 
 // Unicode general category Z, U+0009, U+000A to U+000D and U+0085.
 bool isWhitespaceOrNewline(char32_t codePoint) noexcept;

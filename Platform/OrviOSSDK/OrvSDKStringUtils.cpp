@@ -1,9 +1,6 @@
 #include "OrvSDKStringUtils.h"
 
-#include <locale.h>
-#include <array>
-#include <clocale>
-#include <cwctype>
+#include <cstdint>
 
 #include "OrvString.h"
 
@@ -49,29 +46,6 @@ int base64URLValue(char c) noexcept {
   return -1;
 }
 
-// Decodes one code point; returns false on invalid UTF-8.
-bool nextCodePoint(std::string_view s, std::size_t& i, char32_t& cp) {
-  const auto b0 = std::uint8_t(s[i]);
-  int len = b0 < 0x80 ? 1 : (b0 >> 5) == 6 ? 2 : (b0 >> 4) == 14 ? 3 : (b0 >> 3) == 30 ? 4 : 0;
-  if (len == 0 || i + len > s.size()) return false;
-  cp = len == 1 ? b0 : len == 2 ? (b0 & 0x1F) : len == 3 ? (b0 & 0x0F) : (b0 & 0x07);
-  for (int k = 1; k < len; ++k) {
-    const auto b = std::uint8_t(s[i + k]);
-    if ((b & 0xC0) != 0x80) return false;
-    cp = (cp << 6) | (b & 0x3F);
-  }
-  i += len;
-  return true;
-}
-
-locale_t cUTF8Locale() {
-  static const locale_t locale = [] {
-    locale_t l = newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(nullptr));
-    return l ? l : newlocale(LC_CTYPE_MASK, "C", static_cast<locale_t>(nullptr));
-  }();
-  return locale;
-}
-
 }  // namespace
 
 std::optional<std::string> OrvBase64URLEncodedStringFromString(const std::optional<std::string>& string) {
@@ -106,13 +80,12 @@ bool OrvIsCaseInsensitiveEqualToString(const std::optional<std::string>& receive
   if (!receiver || !other) return false;
   const std::string_view a = *receiver, b = *other;
   if (!orv::detail::isValidUTF8(a) || !orv::detail::isValidUTF8(b)) return a == b;
-  const locale_t locale = cUTF8Locale();
   std::size_t i = 0, j = 0;
   while (i < a.size() && j < b.size()) {
     char32_t ca = 0, cb = 0;
-    nextCodePoint(a, i, ca);
-    nextCodePoint(b, j, cb);
-    if (ca != cb && towlower_l(wint_t(ca), locale) != towlower_l(wint_t(cb), locale)) return false;
+    i += orv::detail::decodeUTF8(a, i, ca);
+    j += orv::detail::decodeUTF8(b, j, cb);
+    if (ca != cb && orv::detail::simpleCaseFold(ca) != orv::detail::simpleCaseFold(cb)) return false;
   }
   return i == a.size() && j == b.size();
 }

@@ -6,8 +6,8 @@
 
 // base64url (RFC 4648 section 5) of the string's bytes, without "=" padding.
 std::optional<std::string> OrvBase64URLEncodedStringFromString(const std::optional<std::string>& string);
-// Equal under simple Unicode case folding of each code point (towlower in the C.UTF-8 locale);
-// false when either side is missing or is not valid UTF-8 and differs byte-wise.
+// Equal under simple Unicode case folding of each code point, whatever locale is installed; false
+// when either side is missing, or is not valid UTF-8 and differs byte-wise.
 bool OrvIsCaseInsensitiveEqualToString(const std::optional<std::string>& receiver, const std::optional<std::string>& other);
 
 // Strict base64url decoding: alphabet A-Z a-z 0-9 - _ only, no "=" padding, no white space, and the

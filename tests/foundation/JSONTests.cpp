@@ -21,9 +21,8 @@ TEST(OrvJSONSerializationTest, StrictParsing) {
   EXPECT_NE(duplicate.localizedDescription().find("Duplicate key"), std::string::npos);
   parseFailure(R"({"a":1,"\u0061":2})");  // the same key through an escape
   EXPECT_NE(parseFailure(R"({"exp":1e400})").localizedDescription().find("out of range"), std::string::npos);
-  for (const std::string& bad :
-       std::vector<std::string>{"[-1e400]", "{\"s\":\"\xFF\"}", R"({"s":"\ud800"})", R"({"a":1,})", "{} // c", "{} {}", "",
-                                "  \n", std::string(100, '[') + std::string(100, ']')}) {
+  for (const std::string& bad : std::vector<std::string>{"[-1e400]", "{\"s\":\"\xFF\"}", R"({"s":"\ud800"})", R"({"a":1,})",
+                                                         "{} // c", "{} {}", "", "  \n"}) {
     parseFailure(bad);
   }
   // Keys may repeat across objects, only not within one.
@@ -31,6 +30,18 @@ TEST(OrvJSONSerializationTest, StrictParsing) {
   for (const char* scalar : {"1", "true", "null", "\"s\""}) {
     parseFailure(scalar);
     EXPECT_TRUE(OrvJSONSerialization::JSONObjectWithData(scalar, OrvJSONReadingOptions::fragmentsAllowed)) << scalar;
+  }
+}
+
+// Objects and arrays count alike; a setting's value may itself be deep JSON, up to the bound.
+TEST(OrvJSONSerializationTest, NestingBound) {
+  for (const std::size_t depth : {OrvJSONSerializationMaximumDepth, OrvJSONSerializationMaximumDepth + 1}) {
+    std::string text = "1";
+    for (std::size_t level = 0; level < depth; ++level) text = level % 2 ? "[" + text + "]" : "{\"v\":" + text + "}";
+    std::optional<OrvError> error;
+    const auto parsed = OrvJSONSerialization::JSONObjectWithData(text, OrvJSONReadingOptions::none, &error);
+    EXPECT_EQ(parsed.has_value(), depth <= 64) << depth;
+    EXPECT_EQ(error && error->localizedDescription().find("nest deeper than 64 levels") != std::string::npos, depth > 64);
   }
 }
 

@@ -1,10 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <clocale>
 #include <regex>
+#include <tuple>
 
 #include "FoundationTestHelpers.h"
 #include "OrvHttpHeaderProviderServiceProtocol.h"
 #include "OrvOperationQueue.h"
+#include "OrvSDKStringUtils.h"
 #include "OrvUrlSessionTaskOperationObjC.h"
 
 namespace {
@@ -17,6 +20,24 @@ TEST(OrvHttpHeaderProviderServiceTest, FreshVersion4TransactionIds) {
   const std::regex v4("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}");
   EXPECT_TRUE(std::regex_match(first.at("X-Transaction-Id"), v4)) << first.at("X-Transaction-Id");
   EXPECT_TRUE(OrvHttpHeaderProviderService(OrvHTTPHeaderDictionary{}, "").uniqueTransactionIdHeader().empty());
+}
+
+// In the plain C locale, as in a process that never chose one: folding must not need a UTF-8 locale.
+// Simple folding maps one code point to one and leaves the gaps between its runs alone; invalid UTF-8
+// compares byte-wise.
+TEST(OrvSDKStringUtilsTest, CaseInsensitiveEqualityFoldsWithoutALocale) {
+  ASSERT_NE(std::setlocale(LC_ALL, "C"), nullptr);
+  // clang-format off
+  const std::vector<std::tuple<std::optional<std::string>, std::optional<std::string>, bool>> cases = {
+      {"HTTPS", "https", true}, {"ÄRGER", "ärger", true}, {"ŁÓDŹ ŻÓŁW", "łódź żółw", true}, {"ЁЛКА ѠѢ", "ёлка ѡѣ", true},
+      {"ΣΟΦΊΑΣ", "σοφίας", true}, {"Ÿ", "ÿ", true}, {"µ", "Μ", true}, {"\u212A", "k", true}, {"ǅ", "Ǆ", true}, {"", "", true},
+      {"×", "÷", false}, {"İ", "i", false}, {"ß", "SS", false}, {"a", "ab", false}, {"\xC3\x84\xFF", "\xC3\xA4\xFF", false},
+      {"\xFF", "\xFF", true}, {std::nullopt, "a", false}, {std::nullopt, std::nullopt, false}};
+  // clang-format on
+  for (const auto& [a, b, equal] : cases) {
+    EXPECT_EQ(OrvIsCaseInsensitiveEqualToString(a, b), equal) << a.value_or("nil") << " / " << b.value_or("nil");
+    EXPECT_EQ(OrvIsCaseInsensitiveEqualToString(b, a), equal) << b.value_or("nil") << " / " << a.value_or("nil");
+  }
 }
 
 class FakeTask : public OrvURLSessionDataTask {
