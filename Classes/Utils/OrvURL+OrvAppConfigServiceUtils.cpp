@@ -4,9 +4,11 @@
 namespace OrvAppConfigServiceUtils {
 
 std::optional<OrvURL> addPortAndSchemeIfNotPresent(const OrvURL& url) {
+  const auto scheme = url.scheme();
+  // Already in its normal form, as most store URLs are after their first trip: nothing to rebuild.
+  if (scheme == "http" || (scheme == "https" && url.port())) return url;
   std::string string = url.absoluteString();
   if (string.empty()) return std::nullopt;
-  const auto scheme = url.scheme();
   if (scheme != "https" && scheme != "http") string.insert(0, "https://");
   auto normalised = OrvURL::URLWithString(string);
   if (!normalised) return std::nullopt;

@@ -13,13 +13,6 @@ namespace {
 // What a path may hold unescaped; ';' is escaped too, so a segment never grows parameters.
 constexpr urls::grammar::lut_chars kPathChars("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789!$&'()*+,-./:=@_~");
 
-// The stored text was accepted by URLWithString, so it parses again; an empty view guards the
-// impossible case rather than asserting.
-urls::url_view view(const std::string& text) noexcept {
-  auto parsed = urls::parse_uri_reference(text);
-  return parsed ? *parsed : urls::url_view();
-}
-
 // Boost.URL reads an over-long port as 0; the decimal value is checked here instead.
 std::optional<std::uint32_t> portValue(std::string_view digits) {
   std::uint32_t value = 0;
@@ -48,70 +41,75 @@ std::optional<OrvURL> OrvURL::URLWithString(std::string_view string) {
   try {
     auto parsed = urls::parse_uri_reference(string);
     if (!parsed) return std::nullopt;
+    const urls::url_view u = *parsed;
     // After an authority the path must be empty or begin with "/"; Boost 1.81 lets "h:8a/" through
     // as port 8 and path "a/".
-    if (parsed->has_authority() && !parsed->encoded_path().empty() && parsed->encoded_path().front() != '/') {
-      return std::nullopt;
+    if (u.has_authority() && !u.encoded_path().empty() && u.encoded_path().front() != '/') return std::nullopt;
+    Parts parts;
+    if (u.has_port() && !u.port().empty()) {
+      const auto value = portValue(u.port());
+      if (!value) return std::nullopt;
+      parts.port = static_cast<std::uint16_t>(*value);
     }
-    if (parsed->has_port() && !portValue(parsed->port())) return std::nullopt;
-    return OrvURL(std::string(string));
+    // The views Boost hands out point into `string`, so their offsets hold for the copy kept.
+    const auto part = [base = string.data()](bool present, std::string_view piece) {
+      Part p;
+      p.present = present;
+      if (present && !piece.empty()) {
+        p.offset = static_cast<std::uint32_t>(piece.data() - base);
+        p.length = static_cast<std::uint32_t>(piece.size());
+      }
+      return p;
+    };
+    parts.scheme = part(u.has_scheme(), u.scheme());
+    parts.user = part(u.has_userinfo(), u.encoded_user());
+    parts.password = part(u.has_password(), u.encoded_password());
+    parts.hostAddress = part(u.has_authority() && !u.encoded_host().empty(), u.encoded_host_address());
+    parts.path = part(true, u.encoded_path());
+    parts.query = part(u.has_query(), u.encoded_query());
+    parts.fragment = part(u.has_fragment(), u.encoded_fragment());
+    return OrvURL(std::string(string), parts);
   } catch (const std::exception&) {
     return std::nullopt;
   }
 }
 
 std::optional<std::string> OrvURL::scheme() const {
-  const auto u = view(string_);
-  if (!u.has_scheme()) return std::nullopt;
-  return std::string(u.scheme());
+  if (!parts_.scheme.present) return std::nullopt;
+  return std::string(text(parts_.scheme));
 }
 
 std::optional<std::string> OrvURL::host() const {
-  const auto u = view(string_);
-  if (!u.has_authority() || u.encoded_host().empty()) return std::nullopt;
-  return std::string(u.host_address());
+  if (!parts_.hostAddress.present) return std::nullopt;
+  return decoded(text(parts_.hostAddress));
 }
 
-std::optional<std::uint16_t> OrvURL::port() const {
-  const auto u = view(string_);
-  if (!u.has_port() || u.port().empty()) return std::nullopt;
-  const auto value = portValue(u.port());
-  if (!value) return std::nullopt;
-  return static_cast<std::uint16_t>(*value);
-}
+std::optional<std::uint16_t> OrvURL::port() const { return parts_.port; }
 
 std::optional<std::string> OrvURL::user() const {
-  const auto u = view(string_);
-  if (!u.has_userinfo()) return std::nullopt;
-  return std::string(u.user());
+  if (!parts_.user.present) return std::nullopt;
+  return decoded(text(parts_.user));
 }
 
 std::optional<std::string> OrvURL::password() const {
-  const auto u = view(string_);
-  if (!u.has_password()) return std::nullopt;
-  return std::string(u.password());
+  if (!parts_.password.present) return std::nullopt;
+  return decoded(text(parts_.password));
 }
 
-std::string OrvURL::path() const {
-  const auto u = view(string_);
-  return decoded(withoutTrailingSlash(u.encoded_path()));
-}
+std::string OrvURL::path() const { return decoded(withoutTrailingSlash(text(parts_.path))); }
 
 std::optional<std::string> OrvURL::query() const {
-  const auto u = view(string_);
-  if (!u.has_query()) return std::nullopt;
-  return std::string(u.encoded_query());
+  if (!parts_.query.present) return std::nullopt;
+  return std::string(text(parts_.query));
 }
 
 std::optional<std::string> OrvURL::fragment() const {
-  const auto u = view(string_);
-  if (!u.has_fragment()) return std::nullopt;
-  return std::string(u.encoded_fragment());
+  if (!parts_.fragment.present) return std::nullopt;
+  return std::string(text(parts_.fragment));
 }
 
 std::string OrvURL::lastPathComponent() const {
-  const auto u = view(string_);
-  const std::string_view path = withoutTrailingSlash(u.encoded_path());
+  const std::string_view path = withoutTrailingSlash(text(parts_.path));
   const auto slash = path.rfind('/');
   return decoded(slash == std::string_view::npos ? path : path.substr(slash + 1));
 }

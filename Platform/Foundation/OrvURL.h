@@ -37,8 +37,22 @@ class OrvURL {
   friend bool operator==(const OrvURL& a, const OrvURL& b) noexcept { return a.string_ == b.string_; }
 
  private:
-  explicit OrvURL(std::string string) : string_(std::move(string)) {}
+  // Where each part lies in the text, found when the URL is made, so that reading a part parses
+  // nothing again. Offsets into absoluteString(); parts are still percent-encoded.
+  struct Part {
+    std::uint32_t offset = 0;
+    std::uint32_t length = 0;
+    bool present = false;
+  };
+  struct Parts {
+    Part scheme, user, password, hostAddress, path, query, fragment;
+    std::optional<std::uint16_t> port;
+  };
+
+  OrvURL(std::string string, const Parts& parts) : string_(std::move(string)), parts_(parts) {}
+  std::string_view text(const Part& part) const noexcept { return std::string_view(string_).substr(part.offset, part.length); }
   std::string string_;
+  Parts parts_;
 };
 
 template <>
