@@ -674,7 +674,9 @@ bool CurlSessionCore::retryOnFreshConnection(CurlTransfer& transfer, CURLcode re
   curl_multi_remove_handle(multi_.get(), transfer.easy.get());
   transfer.attached = false;
   transfer.errorBuffer[0] = '\0';
-  curl_easy_setopt(transfer.easy.get(), CURLOPT_FRESH_CONNECT, 1L);
+  // No CURLOPT_FRESH_CONNECT: curl no longer offers the connection that failed (it was closed, or sent
+  // GOAWAY), and when a server closes one carrying a hundred streams, their retries should share the
+  // one new connection rather than open one each.
   if (curl_multi_add_handle(multi_.get(), transfer.easy.get()) != CURLM_OK) {
     // Out of curl now: it no longer holds a place among its origin's transfers.
     auto& origin = origins_[transfer.origin];
