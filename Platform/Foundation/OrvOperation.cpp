@@ -71,6 +71,7 @@ void OrvOperation::moveToFinishedState() {
     try {
       block();
     } catch (...) {
+      // As on the pool: a block that throws ends there, and the queue still hears that we finished.
     }
   } else if (block) {
     // The block reads the operation's results, so the operation lives until the block has run.

@@ -312,13 +312,24 @@ void CurlSessionCore::shutdown() {
       thread_.join();
       return;
     }
-    // The last reference went on the I/O thread itself (a completion handler that held its own
-    // session, run in place because it could not be handed off). That thread cannot join itself; a
-    // worker joins it once run() has returned, and the thread's own reference frees the core after.
+    // The last reference went on the I/O thread itself (a handler run there let go of the session).
+    // That thread cannot join itself; a worker joins it once run() has returned, and the thread's own
+    // reference frees the core after. When no worker will (the pool has stopped at process exit, or
+    // there is no memory for the hand-off), the thread is let go instead: it is about to return, and
+    // a std::thread destroyed while joinable would end the process.
+    struct Joiner {
+      std::thread thread;
+      ~Joiner() {
+        if (thread.joinable()) thread.detach();
+      }
+    };
     try {
-      dispatchToWorkerPool([thread = std::make_shared<std::thread>(std::move(thread_))] { thread->join(); });
+      auto joiner = std::make_shared<Joiner>();
+      joiner->thread = std::move(thread_);
+      // Should the hand-off fail, the joiner detaches as its last copy goes.
+      dispatchToWorkerPool([joiner] { joiner->thread.join(); });
     } catch (...) {
-      thread_.detach();
+      if (thread_.joinable()) thread_.detach();
     }
   });
 }
