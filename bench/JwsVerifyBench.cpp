@@ -76,7 +76,7 @@ void BM_VerifyDetachedJws(benchmark::State& state) {
   orv::bench::FloorRatio ratio(state, floor);
   for (auto _ : state) {
     auto result = service->validateJWT(m.payload, m.header, m.signature, m.certificate, &options);
-    if (result.first != 0) state.SkipWithError("verification failed");
+    if (result.result != 0) state.SkipWithError("verification failed");
     benchmark::DoNotOptimize(result);
   }
 }

@@ -1,22 +1,15 @@
 // An auto-discover answer body as the network delivers it: parsing must give a record or an error,
 // never both and never neither, and whatever URLs it yields must be usable by the next steps.
-#include <cstddef>
-#include <cstdint>
-#include <optional>
-
 #include "FuzzSupport.h"
 #include "OrvAppConfigAutoDiscoverRecord.h"
 #include "OrvAppConfigService.h"
 #include "OrvAppConfigServiceUtils.h"
 #include "OrvAppConfigSettingsQueryURLGenerator.h"
 
-namespace {
-
 using orv::detail::fuzzRequire;
 
-void useURLs(const std::optional<OrvAppConfigURLList>& list) {
-  if (!list) return;
-  for (const auto& entry : *list) {
+static void useURLs(const std::optional<OrvAppConfigURLList>& list) {
+  for (const auto& entry : list.value_or(OrvAppConfigURLList{})) {
     fuzzRequire(entry != nullptr, "a URL list holds no null entries");
     if (!entry->url()) continue;
     const OrvURL& url = *entry->url();
@@ -28,19 +21,12 @@ void useURLs(const std::optional<OrvAppConfigURLList>& list) {
   }
 }
 
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  orv::detail::installFuzzLogger();
+ORV_FUZZ_TARGET(bytes) {
   std::optional<OrvError> error = OrvError("stale", 1);
-  const auto record = OrvAppConfigAutoDiscoverRecord::createFromData(orv::detail::fuzzBytes(data, size), &error);
-  fuzzRequire(!record == error.has_value(), "a record comes without an error and a refusal with one");
-  if (error) {
-    fuzzRequire(!error->description().empty(), "a refusal describes itself");
-  }
+  const auto record = OrvAppConfigAutoDiscoverRecord::createFromData(bytes, &error);
+  orv::detail::fuzzRequireResultOrError(record != nullptr, error);
   OrvAppConfigService::storeListRecordsContainAtLeastOneValidURL(record);
-  if (!record) return 0;
-
+  if (!record) return;
   if (record->domain() && record->domain()->name()) {
     OrvAppConfigServiceUtils::isValidEmailAddressComponent(*record->domain()->name());
   }
@@ -48,5 +34,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     useURLs(kaleth->serviceUrls());
     useURLs(kaleth->allowedWebStoreUrls());
   }
-  return 0;
 }

@@ -4,9 +4,6 @@
 // signature pieces. Input: one byte picking the status, then header lines up to an empty line, then
 // the body.
 #include <algorithm>
-#include <array>
-#include <cstddef>
-#include <cstdint>
 
 #include "FuzzSupport.h"
 #include "OrvAppConfigAutoDiscoverOperation.h"
@@ -14,18 +11,13 @@
 #include "OrvAppConfigRetrieveStoreSettingsOperation.h"
 #include "OrvAppConfigServiceContext.h"
 #include "OrvHTTPHeaderCollector.h"
-#include "OrvSecurityUtilsService.h"
-
-namespace {
 
 using orv::detail::fuzzRequire;
 
-constexpr std::array<std::int64_t, 8> kStatuses = {200, 204, 301, 404, 500, 0, 199, 999};
 constexpr std::size_t kMaxFields = 32;
-constexpr std::size_t kMaxHeaderBytes = 2048;
 
-void judge(const std::shared_ptr<OrvAppConfigQueryOperation>& operation, const OrvData& body,
-           const std::shared_ptr<const OrvHTTPURLResponse>& response) {
+static void judge(const std::shared_ptr<OrvAppConfigQueryOperation>& operation, const OrvData& body,
+                  const std::shared_ptr<const OrvHTTPURLResponse>& response) {
   operation->didCompleteUrlTaskWithData(body, response, std::nullopt);
   fuzzRequire(operation->isFinished(), "an answer always finishes the operation");
   const auto status = operation->completionStatus();
@@ -43,29 +35,27 @@ void judge(const std::shared_ptr<OrvAppConfigQueryOperation>& operation, const O
               "the signature splits exactly when it has one full stop");
 }
 
-}  // namespace
+ORV_FUZZ_TARGET(bytes) {
+  if (bytes.empty()) return;
+  constexpr std::int64_t kStatuses[] = {200, 204, 301, 404, 500, 0, 199, 999};
+  const auto pick = static_cast<unsigned char>(bytes[0]);
+  const std::int64_t status = pick < 128 ? 200 : kStatuses[pick % std::size(kStatuses)];
+  std::string_view rest = std::string_view(bytes).substr(1);
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  orv::detail::installFuzzLogger();
-  if (size == 0) return 0;
-  const std::int64_t status = data[0] < 128 ? 200 : kStatuses[data[0] % kStatuses.size()];
-  std::string_view rest(reinterpret_cast<const char*>(data + 1), size - 1);
-
-  orv::detail::HTTPHeaderCollector collector(kMaxFields, kMaxHeaderBytes);
+  orv::detail::HTTPHeaderCollector collector(kMaxFields, 2048);
   bool accepted = collector.addLine("HTTP/1.1 200 OK\r\n");
   while (accepted && !rest.empty()) {
-    const std::size_t end = rest.find('\n');
-    const std::string_view line = rest.substr(0, end == std::string_view::npos ? rest.size() : end + 1);
+    const std::string_view line = rest.substr(0, std::min(rest.find('\n'), rest.size() - 1) + 1);
     rest.remove_prefix(line.size());
     accepted = collector.addLine(line);
     if (line == "\r\n" || line == "\n") break;
   }
   fuzzRequire(accepted == !collector.refusal(), "a line is refused exactly when the collector says why");
   if (!accepted) {
-    fuzzRequire(!collector.refusal()->second.empty() ||
-                    collector.refusal()->first == orv::detail::HTTPHeaderCollector::Refusal::outOfMemory,
+    fuzzRequire(!collector.refusal()->reason.empty() ||
+                    collector.refusal()->kind == orv::detail::HTTPHeaderCollector::Refusal::outOfMemory,
                 "a refusal names its rule");
-    return 0;
+    return;
   }
   auto fields = collector.takeFields();
   fuzzRequire(fields.size() <= kMaxFields, "the field count stays within its bound");
@@ -84,5 +74,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   judge(OrvAppConfigRetrieveStoreSettingsOperation::initWithStoreURL(OrvURL::URLWithString("https://store.example.com/Store"), 0,
                                                                      0, std::nullopt, nullptr, nullptr),
         body, response);
-  return 0;
 }

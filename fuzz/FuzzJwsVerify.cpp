@@ -11,22 +11,14 @@
 // The whole input is also read as certificate text, which is what the public-key endpoint serves.
 #include <boost/json/parse.hpp>
 #include <chrono>
-#include <cstddef>
-#include <cstdint>
-#include <memory>
-#include <optional>
-#include <string>
-#include <string_view>
 
 #include "FuzzSupport.h"
-#include "OrvCertificate.h"
 #include "OrvEmulatorCrypto.h"
-#include "OrvSecurityUtilsService.h"
 
 namespace {
 
-using orv::detail::fuzzInvariantBroken;
 using orv::detail::fuzzRequire;
+using orv::detail::fuzzRequireVerdictShape;
 using orv::emulator::KeyKind;
 using orv::emulator::PrivateKey;
 
@@ -41,15 +33,14 @@ struct SigningIdentity {
 
 SigningIdentity makeIdentity(KeyKind kind, const char* defaultAlgorithm, OrvDate now) {
   auto key = PrivateKey::generate(kind);
-  if (!key) fuzzInvariantBroken("cannot generate the harness key");
+  fuzzRequire(key.has_value(), "the harness key is generated");
   orv::emulator::CertificateProfile profile;
-  profile.organization = kIssuerName;
-  profile.commonName = kIssuerName;
+  profile.organization = profile.commonName = kIssuerName;
   profile.notBefore = now - std::chrono::hours(1);
   profile.notAfter = now + std::chrono::hours(24 * 365);
   const auto pem = orv::emulator::issueCertificate(profile, *key, nullptr, *key);
   auto certificate = pem ? OrvCertificate::certificateWithContent(*pem) : nullptr;
-  if (!certificate) fuzzInvariantBroken("cannot issue the harness certificate");
+  fuzzRequire(certificate != nullptr, "the harness certificate is issued");
   return {std::move(*key), std::move(certificate), defaultAlgorithm};
 }
 
@@ -60,15 +51,9 @@ struct Material {
   SigningIdentity rsa = makeIdentity(KeyKind::rsa2048, "RS256", now);
   std::shared_ptr<OrvSecurityUtilsService> alone = service(false);
   std::shared_ptr<OrvSecurityUtilsService> anchored = service(true);
-  std::string probeHeader;
-  std::string probeSignature;
-
-  Material() {
-    const auto jws = orv::emulator::signDetachedJws(ec.key, "ES256", R"({"alg":"ES256"})", kProbePayload);
-    if (!jws || jws->find('.') == std::string::npos) fuzzInvariantBroken("cannot sign the probe payload");
-    probeHeader = jws->substr(0, jws->find('.'));
-    probeSignature = jws->substr(jws->find('.') + 1);
-  }
+  std::string probe = orv::emulator::signDetachedJws(ec.key, "ES256", R"({"alg":"ES256"})", kProbePayload).value_or("");
+  std::string probeHeader = probe.substr(0, probe.find('.'));
+  std::string probeSignature = probe.substr(probe.find('.') + 1);
 
   std::shared_ptr<OrvSecurityUtilsService> service(bool withAnchors) const {
     OrvSecurityUtilsService::Configuration configuration;
@@ -84,31 +69,15 @@ const Material& material() {
   return instance;
 }
 
-void requireVerdictShape(const std::pair<std::int64_t, std::optional<OrvError>>& verdict) {
-  const auto& [result, error] = verdict;
-  fuzzRequire((result == OrvSecurityUtilsResultSuccess) == !error, "only a rejection carries an error");
-  if (error) {
-    fuzzRequire(error->domain() == OrvSecurityUtilsErrorDomain && error->code() == result,
-                "a rejection's error names the result");
-  }
-  fuzzRequire(!OrvSecurityUtilsResultDescription(result).empty(), "every result has a name");
-}
-
-std::optional<std::string> headerAlgorithm(std::string_view headerJson) {
-  boost::system::error_code code;
-  const auto header = boost::json::parse(headerJson, code);
-  const auto* object = code ? nullptr : header.if_object();
-  const auto* alg = object ? object->if_contains("alg") : nullptr;
-  if (!alg || !alg->is_string()) return std::nullopt;
-  return std::string(alg->get_string());
-}
-
 // The header's own algorithm when the key can make it, so that RS/PS variants get valid signatures too.
 std::optional<std::string> signHere(const SigningIdentity& identity, std::string_view headerJson, std::string_view payload,
                                     bool unencoded) {
+  boost::system::error_code code;
+  const auto header = boost::json::parse(headerJson, code);
+  const auto* alg = !code && header.is_object() ? header.get_object().if_contains("alg") : nullptr;
   std::optional<std::string> jws;
-  if (const auto alg = headerAlgorithm(headerJson)) {
-    jws = orv::emulator::signDetachedJws(identity.key, *alg, headerJson, payload, unencoded);
+  if (alg && alg->is_string()) {
+    jws = orv::emulator::signDetachedJws(identity.key, alg->get_string(), headerJson, payload, unencoded);
   }
   if (!jws) jws = orv::emulator::signDetachedJws(identity.key, identity.defaultAlgorithm, headerJson, payload, unencoded);
   return jws;
@@ -124,37 +93,25 @@ void verifySignature(std::uint8_t mode, std::string_view rest) {
   const std::string payload = pieces.size() > 2 ? std::string(pieces[2]) : std::string();
 
   const SigningIdentity& identity = (mode & 4) ? m.rsa : m.ec;
-  switch (mode & 3) {
-    case 1:
-      header = orv::emulator::base64UrlEncode(*header);
-      break;
-    case 2:
-    case 3: {
-      const auto jws = signHere(identity, *header, payload, (mode & 3) == 3);
-      if (!jws) return;  // refused to sign (the key or algorithm did not fit): nothing to verify
-      const auto dot = jws->find('.');
-      header = jws->substr(0, dot);
-      signature = jws->substr(dot + 1);
-      break;
-    }
-    default:
-      break;
+  if ((mode & 3) == 1) header = orv::emulator::base64UrlEncode(*header);
+  if ((mode & 3) >= 2) {
+    const auto jws = signHere(identity, *header, payload, (mode & 3) == 3);
+    if (!jws) return;  // refused to sign (the key or algorithm did not fit): nothing to verify
+    header = jws->substr(0, jws->find('.'));
+    signature = jws->substr(jws->find('.') + 1);
   }
   AdditionalCertificateValidationOptions options;
   options.setRequiredIssuerName(kIssuerName);
   const auto& service = (mode & 8) ? m.anchored : m.alone;
-  requireVerdictShape(service->validateJWT(payload, header, signature, identity.certificate, (mode & 16) ? &options : nullptr));
+  fuzzRequireVerdictShape(
+      service->validateJWT(payload, header, signature, identity.certificate, (mode & 16) ? &options : nullptr));
 }
 
 void useCertificate(const OrvCertificateRef& certificate) {
   if (!certificate) return;
   const Material& m = material();
-  certificate->subjectOrganization();
-  certificate->subjectCommonName();
-  certificate->issuerOrganization();
-  certificate->issuerCommonName();
-  certificate->notValidBefore();
-  certificate->notValidAfter();
+  orv::detail::fuzzTouch(certificate->subjectOrganization(), certificate->subjectCommonName(), certificate->issuerOrganization(),
+                         certificate->issuerCommonName(), certificate->notValidBefore(), certificate->notValidAfter());
   fuzzRequire(certificate->sha256Thumbprint().size() == 32, "a thumbprint is one SHA-256 digest");
   const auto reread = OrvCertificate::certificateWithDER(certificate->derData());
   fuzzRequire(reread && reread->derData() == certificate->derData(), "a certificate reads back from its DER");
@@ -163,16 +120,14 @@ void useCertificate(const OrvCertificateRef& certificate) {
   // A foreign certificate must be judged (issuer, dates, key usage, key kind), not trusted.
   AdditionalCertificateValidationOptions options;
   options.setRequiredIssuerName(kIssuerName);
-  requireVerdictShape(m.alone->validateJWT(kProbePayload, m.probeHeader, m.probeSignature, certificate, &options));
-  requireVerdictShape(m.anchored->validateJWT(kProbePayload, m.probeHeader, m.probeSignature, certificate, nullptr));
+  fuzzRequireVerdictShape(m.alone->validateJWT(kProbePayload, m.probeHeader, m.probeSignature, certificate, &options));
+  fuzzRequireVerdictShape(m.anchored->validateJWT(kProbePayload, m.probeHeader, m.probeSignature, certificate, nullptr));
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  orv::detail::installFuzzLogger();
-  material();
-  const std::string bytes = orv::detail::fuzzBytes(data, size);
+ORV_FUZZ_TARGET(bytes) {
+  fuzzRequire(!material().probe.empty(), "the probe payload is signed");
   if (!bytes.empty()) verifySignature(static_cast<std::uint8_t>(bytes.front()), std::string_view(bytes).substr(1));
 
   useCertificate(OrvCertificate::certificateWithContent(bytes));
@@ -180,5 +135,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     fuzzRequire(!bundle->empty(), "a bundle that reads holds a certificate");
     for (const auto& certificate : *bundle) fuzzRequire(certificate != nullptr, "a bundle holds no null certificate");
   }
-  return 0;
 }

@@ -3,9 +3,6 @@
 // The one exception is a setting whose value holds a JSON null, which decoding refuses by design.
 #include <boost/json/serialize.hpp>
 #include <boost/json/value.hpp>
-#include <cstddef>
-#include <cstdint>
-#include <optional>
 
 #include "FuzzSupport.h"
 #include "OrvAppConfigCommonSettings.h"
@@ -15,12 +12,9 @@
 #include "OrvAppConfigSingleAppSetting.h"
 #include "OrvKeyedArchiver.h"
 
-namespace {
-
 using orv::detail::fuzzRequire;
 
-bool containsNull(const boost::json::value& value) {
-  if (value.is_null()) return true;
+static bool containsNull(const boost::json::value& value) {
   if (const auto* array = value.if_array()) {
     for (const auto& element : *array) {
       if (containsNull(element)) return true;
@@ -31,13 +25,12 @@ bool containsNull(const boost::json::value& value) {
       if (containsNull(member.value())) return true;
     }
   }
-  return false;
+  return value.is_null();
 }
 
 template <class GroupList>
-bool groupsHoldNull(const std::optional<GroupList>& groups) {
-  if (!groups) return false;
-  for (const auto& group : *groups) {
+static bool groupsHoldNull(const std::optional<GroupList>& groups) {
+  for (const auto& group : groups.value_or(GroupList{})) {
     if (!group || !group->settings()) continue;
     for (const auto& setting : *group->settings()) {
       if (setting && setting->value() && containsNull(*setting->value())) return true;
@@ -46,38 +39,27 @@ bool groupsHoldNull(const std::optional<GroupList>& groups) {
   return false;
 }
 
-bool holdsNullSettingValue(const OrvAppConfigSettingsRecord& record) {
-  const auto& kaleth = record.kaleth();
-  if (!kaleth || !kaleth->appSettings()) return false;
-  return groupsHoldNull(kaleth->appSettings()->ios()) || groupsHoldNull(kaleth->appSettings()->macos());
-}
-
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  orv::detail::installFuzzLogger();
+ORV_FUZZ_TARGET(bytes) {
   std::optional<OrvError> error = OrvError("stale", 1);
-  const auto record = OrvAppConfigSettingsRecord::createFromData(orv::detail::fuzzBytes(data, size), &error);
-  fuzzRequire(!record == error.has_value(), "a record comes without an error and a refusal with one");
-  if (!record) return 0;
+  const auto record = OrvAppConfigSettingsRecord::createFromData(bytes, &error);
+  orv::detail::fuzzRequireResultOrError(record != nullptr, error);
+  if (!record) return;
 
   // What the command-line tool prints must be valid JSON text.
-  const auto printed = boost::json::serialize(OrvAppConfigSettingsRecordJSONObject(*record));
-  fuzzRequire(!printed.empty(), "a record prints as a JSON object");
-
+  fuzzRequire(!boost::json::serialize(OrvAppConfigSettingsRecordJSONObject(*record)).empty(), "a record prints as JSON");
   const auto archive = OrvKeyedArchiver::archivedDataWithRootObject(record, &error);
   fuzzRequire(archive.has_value() && !error, "a parsed record always archives");
 
   const auto decoded = OrvKeyedUnarchiver::unarchivedObjectOfClass<OrvAppConfigSettingsRecord>(*archive, &error);
-  if (holdsNullSettingValue(*record)) {
+  const auto apps = record->kaleth() ? record->kaleth()->appSettings() : nullptr;
+  if (apps && (groupsHoldNull(apps->ios()) || groupsHoldNull(apps->macos()))) {
     fuzzRequire(!decoded && error && error->domain() == OrvKeyedArchiverErrorDomain &&
                     error->code() == OrvKeyedArchiverErrorClassNotAllowed,
                 "a JSON-null setting value is refused when decoded");
-    return 0;
+    return;
   }
   fuzzRequire(decoded != nullptr && !error, "the archive of a parsed record decodes");
   fuzzRequire(*decoded == *record, "the decoded record equals the parsed one");
-  const auto again = OrvKeyedArchiver::archivedDataWithRootObject(decoded, &error);
-  fuzzRequire(again == archive, "the decoded record archives to the same bytes");
-  return 0;
+  fuzzRequire(OrvKeyedArchiver::archivedDataWithRootObject(decoded, &error) == archive,
+              "the decoded record archives to the same bytes");
 }

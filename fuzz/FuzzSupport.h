@@ -8,23 +8,22 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "OrvAppConfigServiceLogger.h"
 #include "OrvSdkLogger.h"
+#include "OrvSecurityUtilsService.h"
 
 namespace orv::detail {
 
-[[noreturn]] inline void fuzzInvariantBroken(const char* what) {
+inline void fuzzRequire(bool holds, const char* what) {
+  if (holds) return;
   std::fprintf(stderr, "fuzz invariant broken: %s\n", what);
   std::fflush(stderr);
   std::abort();
-}
-
-inline void fuzzRequire(bool holds, const char* what) {
-  if (!holds) fuzzInvariantBroken(what);
 }
 
 // Touches every byte of every line so that the formatting cannot be optimised away.
@@ -53,6 +52,9 @@ inline std::string fuzzBytes(const std::uint8_t* data, std::size_t size) {
   return size == 0 ? std::string() : std::string(reinterpret_cast<const char*>(data), size);
 }
 
+// Takes what accessors return when only running them matters: the sanitizers watch what they read.
+inline void fuzzTouch(const auto&...) {}
+
 // Cuts the text at its first `count` newlines; pieces that are not there stay empty in the result.
 inline std::vector<std::string_view> fuzzSplitLines(std::string_view text, std::size_t count) {
   std::vector<std::string_view> pieces;
@@ -66,4 +68,30 @@ inline std::vector<std::string_view> fuzzSplitLines(std::string_view text, std::
   return pieces;
 }
 
+// A parser's outcome: a result without an error, or a described error without a result.
+inline void fuzzRequireResultOrError(bool hasResult, const std::optional<OrvError>& error) {
+  fuzzRequire(hasResult != error.has_value(), "a result comes without an error and a refusal with one");
+  fuzzRequire(!error || !error->description().empty(), "a refusal describes itself");
+}
+
+// A verifier's verdict: 0 exactly when there is no error, and the error names the result.
+inline void fuzzRequireVerdictShape(const OrvJWTValidationResult& verdict) {
+  const auto& [result, error] = verdict;
+  fuzzRequire((result == OrvSecurityUtilsResultSuccess) == !error, "only a rejection carries an error");
+  fuzzRequire(!error || (error->domain() == OrvSecurityUtilsErrorDomain && error->code() == result),
+              "a rejection's error names the result");
+  fuzzRequire(!OrvSecurityUtilsResultDescription(result).empty(), "every result has a name");
+}
+
 }  // namespace orv::detail
+
+// Defines the entry point libFuzzer and the replay call, around a body that receives the input as
+// one string, with the consuming logger installed:  ORV_FUZZ_TARGET(bytes) { ... }
+#define ORV_FUZZ_TARGET(bytes)                                                        \
+  static void orvFuzzOneInput(const std::string& bytes);                              \
+  extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) { \
+    orv::detail::installFuzzLogger();                                                 \
+    orvFuzzOneInput(orv::detail::fuzzBytes(data, size));                              \
+    return 0;                                                                         \
+  }                                                                                   \
+  static void orvFuzzOneInput(const std::string& bytes)

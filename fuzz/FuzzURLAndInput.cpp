@@ -2,11 +2,6 @@
 // Varnel-Signature header a response carries. The whole input is used as one string; its first line
 // and the rest are also used as a pair where a function compares two URLs.
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
-#include <optional>
-#include <string>
-#include <string_view>
 
 #include "FuzzSupport.h"
 #include "OrvAppConfigAutoDiscoverURLGenerator.h"
@@ -20,6 +15,7 @@
 namespace {
 
 using orv::detail::fuzzRequire;
+using orv::detail::trimWhitespaceAndNewlines;
 
 // Every URL the library hands out must survive being written down and read again.
 void requireReadsBack(const std::optional<OrvURL>& url) {
@@ -29,15 +25,8 @@ void requireReadsBack(const std::optional<OrvURL>& url) {
 
 void useURL(const OrvURL& url, std::string_view component) {
   requireReadsBack(url);
-  url.scheme();
-  url.host();
-  url.port();
-  url.user();
-  url.password();
-  url.path();
-  url.query();
-  url.fragment();
-  url.lastPathComponent();
+  orv::detail::fuzzTouch(url.scheme(), url.host(), url.port(), url.user(), url.password(), url.path(), url.query(),
+                         url.fragment(), url.lastPathComponent());
   requireReadsBack(url.URLByAppendingPathComponent(component));
   requireReadsBack(url.URLBySettingPort(443));
   requireReadsBack(OrvAppConfigServiceUtils::addPortAndSchemeIfNotPresent(url));
@@ -64,7 +53,7 @@ void useChannelName(const std::string& text, const std::string& rest) {
   }
   const OrvAppConfigServiceSettingsRetrievalContext context({}, 0, 0, text, nullptr);
   const auto& channel = context.channelName();
-  fuzzRequire(!channel || (!channel->empty() && *channel == orv::detail::trimWhitespaceAndNewlines(text)),
+  fuzzRequire(!channel || (!channel->empty() && *channel == trimWhitespaceAndNewlines(text)),
               "a channel name is stored trimmed, and nothing left is nil");
   OrvAppConfigService::isValidFeatureChannelNameForContext(context);
 }
@@ -80,21 +69,17 @@ void useSignatureHeader(const std::string& text) {
 }
 
 void useTrimming(const std::string& text) {
-  const std::string trimmed = orv::detail::trimWhitespaceAndNewlines(text);
+  const std::string trimmed = trimWhitespaceAndNewlines(text);
   fuzzRequire(text.find(trimmed) != std::string::npos, "trimming keeps a piece of the text");
-  fuzzRequire(orv::detail::trimWhitespaceAndNewlines(trimmed) == trimmed, "trimming twice changes nothing");
-  if (orv::detail::isValidUTF8(text)) {
-    fuzzRequire(orv::detail::isValidUTF8(trimmed), "trimming valid UTF-8 cuts at code points");
-  }
+  fuzzRequire(trimWhitespaceAndNewlines(trimmed) == trimmed, "trimming twice changes nothing");
+  fuzzRequire(!orv::detail::isValidUTF8(text) || orv::detail::isValidUTF8(trimmed), "trimming valid UTF-8 cuts at code points");
   orv::detail::containsWhitespaceOrNewline(text);
   orv::detail::containsOnlyURLPathAllowedCharacters(text);
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  orv::detail::installFuzzLogger();
-  const std::string text = orv::detail::fuzzBytes(data, size);
+ORV_FUZZ_TARGET(text) {
   const auto lines = orv::detail::fuzzSplitLines(text, 1);
   const std::string first(lines[0]);
   const std::string rest = lines.size() > 1 ? std::string(lines[1]) : std::string();
@@ -110,5 +95,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   useChannelName(text, rest);
   useSignatureHeader(text);
   useTrimming(text);
-  return 0;
 }

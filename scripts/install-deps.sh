@@ -12,6 +12,8 @@ packages=(
   libfmt-dev libcli11-dev libgtest-dev libgmock-dev libbenchmark-dev
   # The staging-host test serves an exported catalog from stock nginx; one example bridges into GLib.
   nginx libglib2.0-dev
+  # scripts/coverage.sh reports with it.
+  gcovr
 )
 missing=()
 for p in "${packages[@]}"; do

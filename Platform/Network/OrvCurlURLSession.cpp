@@ -708,10 +708,10 @@ void CurlSessionCore::finishTransfer(CURL* easy, CURLcode result) {
 
   try {
     if (const auto& refusal = transfer->received.refusal()) {
-      const CURLcode code = refusal->first == HTTPHeaderCollector::Refusal::malformed     ? CURLE_WEIRD_SERVER_REPLY
-                            : refusal->first == HTTPHeaderCollector::Refusal::outOfMemory ? CURLE_OUT_OF_MEMORY
-                                                                                          : CURLE_FILESIZE_EXCEEDED;
-      transfer->task->complete(std::nullopt, nullptr, transportError(code, refusal->second));
+      const CURLcode code = refusal->kind == HTTPHeaderCollector::Refusal::malformed     ? CURLE_WEIRD_SERVER_REPLY
+                            : refusal->kind == HTTPHeaderCollector::Refusal::outOfMemory ? CURLE_OUT_OF_MEMORY
+                                                                                         : CURLE_FILESIZE_EXCEEDED;
+      transfer->task->complete(std::nullopt, nullptr, transportError(code, refusal->reason));
     } else if (result != CURLE_OK) {
       // Past the limit while streaming, or announced past it by Content-Length before any byte.
       if (transfer->overflowed || result == CURLE_FILESIZE_EXCEEDED) {

@@ -9,9 +9,9 @@ bool isFieldWhitespace(char c) noexcept { return c == ' ' || c == '\t'; }
 
 bool HTTPHeaderCollector::refuse(Refusal refusal, std::string reason) noexcept {
   try {
-    refusal_.emplace(refusal, std::move(reason));
+    refusal_ = Refused{refusal, std::move(reason)};
   } catch (...) {
-    refusal_.emplace(Refusal::outOfMemory, std::string());
+    refusal_ = Refused{Refusal::outOfMemory, std::string()};
   }
   return false;
 }

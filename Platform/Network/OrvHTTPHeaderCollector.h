@@ -16,13 +16,18 @@ namespace orv::detail {
 class HTTPHeaderCollector {
  public:
   enum class Refusal { tooManyFields, tooManyBytes, malformed, outOfMemory };
+  struct Refused {
+    Refusal kind;
+    // What was wrong, for the transport error's text; empty only when even that could not be stored.
+    std::string reason;
+  };
 
   HTTPHeaderCollector(std::size_t maxFields, std::size_t maxBytes) noexcept : maxFields_(maxFields), maxBytes_(maxBytes) {}
 
   // One line as received, line ending included. False once a line was refused; refusal() says why.
   bool addLine(std::string_view line) noexcept;
 
-  const std::optional<std::pair<Refusal, std::string>>& refusal() const noexcept { return refusal_; }
+  const std::optional<Refused>& refusal() const noexcept { return refusal_; }
   // Any line at all arrived.
   bool receivedAnything() const noexcept { return receivedAnything_; }
   std::vector<std::pair<std::string, std::string>> takeFields() noexcept { return std::move(fields_); }
@@ -36,7 +41,7 @@ class HTTPHeaderCollector {
   std::size_t bytes_ = 0;
   bool blockComplete_ = false;
   bool receivedAnything_ = false;
-  std::optional<std::pair<Refusal, std::string>> refusal_;
+  std::optional<Refused> refusal_;
 };
 
 }  // namespace orv::detail

@@ -50,7 +50,7 @@ namespace {
 
 using namespace orv::detail;
 
-using Verdict = std::pair<std::int64_t, std::optional<OrvError>>;
+using Verdict = OrvJWTValidationResult;
 
 Verdict reject(OrvSecurityUtilsResult result, std::string reason) {
   return {result, OrvError(OrvSecurityUtilsErrorDomain, result, {{OrvLocalizedDescriptionKey, std::move(reason)}})};
@@ -539,7 +539,7 @@ void OrvSecurityUtilsService::asyncValidateJWTWithJwtPayload(
   }
 }
 
-std::pair<std::int64_t, std::optional<OrvError>> OrvSecurityUtilsService::validateJWT(
+OrvJWTValidationResult OrvSecurityUtilsService::validateJWT(
     std::string_view jwtPayload, const std::optional<std::string>& base64URLEncodedJWTHeader,
     const std::optional<std::string>& base64URLEncodedJWTSignature, const OrvCertificateRef& verificationCertificate,
     const AdditionalCertificateValidationOptions* additionalValidationOptions) const {
@@ -555,7 +555,7 @@ bool orv::detail::verifyJwsSignatureForTesting(std::string_view algorithm, EVP_P
   bool accepted = false;
   try {
     accepted = found && key && keyFitsAlgorithm(keyTraitsOf(key), *found) &&
-               verifySignature(*found, key, message, signature).first == OrvSecurityUtilsResultSuccess;
+               verifySignature(*found, key, message, signature).result == OrvSecurityUtilsResultSuccess;
   } catch (const std::exception&) {
     // Refused, as the verifier itself refuses when it runs out of memory.
   }

@@ -61,6 +61,13 @@ enum OrvSecurityUtilsResult : std::int64_t {
   OrvSecurityUtilsResultAmbiguousIssuer = 19,
 };
 
+// What a verification concluded: result 0 (OrvSecurityUtilsResultSuccess) accepts; any other value is
+// the rule that refused, and error then says why.
+struct OrvJWTValidationResult {
+  std::int64_t result = OrvSecurityUtilsResultSuccess;
+  std::optional<OrvError> error;
+};
+
 // The enumerator's name, or "Unknown OrvSecurityUtilsResult of <value>".
 std::string OrvSecurityUtilsResultDescription(std::int64_t result);
 
@@ -121,8 +128,8 @@ class OrvSecurityUtilsService : public OrvSecurityServiceProtocol {
                                       std::shared_ptr<const AdditionalCertificateValidationOptions> additionalValidationOptions,
                                       OrvJWTValidationCompletionBlock completionBlock) override;
 
-  // The same verification, done on the calling thread: the result and, when it is not 0, the error.
-  std::pair<std::int64_t, std::optional<OrvError>> validateJWT(
+  // The same verification, done on the calling thread.
+  OrvJWTValidationResult validateJWT(
       std::string_view jwtPayload, const std::optional<std::string>& base64URLEncodedJWTHeader,
       const std::optional<std::string>& base64URLEncodedJWTSignature, const OrvCertificateRef& verificationCertificate,
       const AdditionalCertificateValidationOptions* additionalValidationOptions) const;

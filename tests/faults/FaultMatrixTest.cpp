@@ -5,14 +5,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
-
 #include "FaultServer.h"
 #include "OrvAppConfigDiscoveryHosts.h"
-#include "OrvAppConfigService.h"
-#include "OrvCurlURLSession.h"
 #include "OrvJSONSerialization.h"
-#include "OrvSecurityUtilsService.h"
 #include "TestSupport.h"
 
 using namespace orv::test;

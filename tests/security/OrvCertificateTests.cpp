@@ -62,7 +62,11 @@ TEST(OrvCertificateTest, RefusesAnythingElse) {
       body.substr(0, body.size() - 4),              // truncated DER
       OrvBase64Encode(m.rsaLeaf->derData() + "x"),  // DER followed by a stray byte
       "=" + body,
+      // The URL-safe alphabet is not base64's. Which of its two characters a random key's encoding
+      // meets first varies, so each also comes on its own.
       urlAlphabet == body ? body + "-" : urlAlphabet,
+      "-" + body,
+      "_" + body,
       "AAAA",
   };
   for (const auto& content : contents) {

@@ -18,8 +18,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr const char* kRS256Header = R"({"alg":"RS256","typ":"JOSE"})";
-
 std::string header(std::string_view algorithm) { return R"({"alg":")" + std::string(algorithm) + R"("})"; }
 
 // Sets the unused low bits of the last base64url character, which a strict decoder must refuse.
@@ -40,49 +38,49 @@ std::string derFromRaw(std::string_view raw) {
   return std::string(reinterpret_cast<const char*>(der), static_cast<std::size_t>(length));
 }
 
-// Completions from whichever threads deliver them; shared with the blocks, which may outlive a failed wait.
-struct CompletionLog {
-  struct Completion {
-    std::int64_t result;
-    bool hasError;
-    std::thread::id thread;
-  };
-  std::mutex mutex;
-  std::map<int, Completion> byTag;
-  std::atomic<std::size_t> count{0};
-
-  static OrvJWTValidationCompletionBlock recorder(const std::shared_ptr<CompletionLog>& log, int tag) {
-    return [log, tag](std::int64_t result, std::optional<OrvError> error) {
-      std::lock_guard lock(log->mutex);
-      log->byTag.insert_or_assign(tag, Completion{result, error.has_value(), std::this_thread::get_id()});
-      ++log->count;
-    };
-  }
-  // Exactly count completions, each delivered once.
-  std::map<int, Completion> waitForCount(std::size_t expected) {
-    EXPECT_TRUE(pollUntil([&] { return count >= expected; }, 120s));
-    std::lock_guard lock(mutex);
-    EXPECT_EQ(count, expected);
-    EXPECT_EQ(byTag.size(), expected);
-    return byTag;
-  }
-};
-
-std::shared_ptr<const AdditionalCertificateValidationOptions> issuerOptions() {
-  auto options = std::make_shared<AdditionalCertificateValidationOptions>();
-  options->setRequiredIssuerName(kRequiredIssuer);
-  return options;
+DetachedJws withSignature(const DetachedJws& jws, std::string_view rawSignature) {
+  return {jws.header, emulator::base64UrlEncode(rawSignature)};
 }
+
+// A certificate for a fresh 1024-bit RSA key, which no signature may be trusted with.
+std::pair<std::optional<emulator::PrivateKey>, OrvCertificateRef> weakRSA(const SecurityMaterial& m) {
+  detail::EvpPkeyPtr weak(EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", static_cast<std::size_t>(1024)));
+  detail::BioPtr bio = detail::newMemoryBio();
+  if (!weak || PEM_write_bio_PrivateKey(bio.get(), weak.get(), nullptr, nullptr, 0, nullptr, nullptr) != 1) return {};
+  auto key = emulator::PrivateKey::fromPEM(detail::bioContents(bio.get()));
+  emulator::CertificateProfile profile;
+  profile.organization = kRequiredIssuer;
+  profile.notBefore = m.leafNotBefore;
+  profile.notAfter = m.leafNotAfter;
+  const auto pem = key ? emulator::issueCertificate(profile, *key, nullptr, *key) : std::nullopt;
+  return {std::move(key), pem ? OrvCertificate::certificateWithContent(*pem) : nullptr};
+}
+
+// One input to the verifier; the tables below group inputs by the verdict they must get.
+struct Input {
+  std::string what;
+  DetachedJws jws;
+  OrvCertificateRef certificate;
+  std::string payload = std::string(kPayload);
+  std::optional<std::string> issuer = kRequiredIssuer;
+};
 
 class SecurityUtilsServiceTest : public ::testing::Test {
  protected:
   const SecurityMaterial& m = securityMaterial();
   std::shared_ptr<OrvSecurityUtilsService> service = serviceAt(m.now);
   std::shared_ptr<OrvSecurityUtilsService> anchored = serviceAt(m.now, true);
+  // "typ" makes both pieces' lengths leave room for base64 padding.
+  const DetachedJws rs256 = signJws(m.rsaKey, "RS256", R"({"alg":"RS256","typ":"JOSE"})");
 
-  std::int64_t check(const DetachedJws& jws, const OrvCertificateRef& certificate, std::string_view payload = kPayload,
-                     std::optional<std::string> issuer = kRequiredIssuer) {
-    return verifyResult(*service, jws, certificate, payload, std::move(issuer));
+  std::int64_t check(const DetachedJws& jws, const OrvCertificateRef& certificate, std::string_view payload = kPayload) {
+    return verifyResult(*service, jws, certificate, payload);
+  }
+  void expectVerdict(std::int64_t expected, const std::vector<Input>& inputs) {
+    for (const auto& input : inputs) {
+      SCOPED_TRACE(input.what);
+      EXPECT_EQ(verifyResult(*service, input.jws, input.certificate, input.payload, input.issuer), expected);
+    }
   }
 };
 
@@ -113,75 +111,12 @@ TEST_F(SecurityUtilsServiceTest, AcceptsEveryAlgorithmWithAndWithoutTrustAnchors
       << "an empty payload is still a payload";
 }
 
-TEST_F(SecurityUtilsServiceTest, RefusesAlgorithmsThatAreNotAsymmetricSignatures) {
+TEST_F(SecurityUtilsServiceTest, RefusesHeadersAndEncodingsItCannotReadOneWay) {
   for (const char* algorithm :
        {"none", "None", "NONE", "nOnE", "HS256", "HS384", "HS512", "hs256", "RS1", "rs256", "ES256K", "Ed25519", ""}) {
     SCOPED_TRACE(algorithm);
     EXPECT_EQ(check(forgedJws(header(algorithm), ""), m.rsaLeaf), OrvSecurityUtilsResultUnsupportedAlgorithm);
   }
-}
-
-TEST_F(SecurityUtilsServiceTest, RefusesAnAlgorithmThatDoesNotFitTheKey) {
-  const auto rsaSignature = *emulator::signRaw(m.rsaKey, "RS256", "x");
-  EXPECT_EQ(check(forgedJws(header("RS256"), rsaSignature), m.p256Leaf), OrvSecurityUtilsResultAlgorithmKeyMismatch);
-  EXPECT_EQ(check(forgedJws(header("PS256"), rsaSignature), m.ed25519Leaf), OrvSecurityUtilsResultAlgorithmKeyMismatch);
-  EXPECT_EQ(check(forgedJws(header("EdDSA"), std::string(64, 'x')), m.rsaLeaf), OrvSecurityUtilsResultAlgorithmKeyMismatch);
-  // The curve counts, not only the key type.
-  EXPECT_EQ(check(signJws(m.p384Key, "ES384", header("ES256")), m.p384Leaf), OrvSecurityUtilsResultAlgorithmKeyMismatch);
-  EXPECT_EQ(check(signJws(m.p256Key, "ES256", header("ES256")), m.p384Leaf), OrvSecurityUtilsResultAlgorithmKeyMismatch);
-  EXPECT_FALSE(emulator::signRaw(m.p256Key, "RS256", "x").has_value());
-}
-
-TEST_F(SecurityUtilsServiceTest, RefusesRSAKeysShorterThan2048Bits) {
-  detail::EvpPkeyPtr weak(EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", static_cast<std::size_t>(1024)));
-  ASSERT_TRUE(weak);
-  detail::BioPtr bio = detail::newMemoryBio();
-  ASSERT_EQ(PEM_write_bio_PrivateKey(bio.get(), weak.get(), nullptr, nullptr, 0, nullptr, nullptr), 1);
-  const auto key = emulator::PrivateKey::fromPEM(detail::bioContents(bio.get()));
-  ASSERT_TRUE(key);
-  emulator::CertificateProfile profile;
-  profile.organization = kRequiredIssuer;
-  profile.notBefore = m.leafNotBefore;
-  profile.notAfter = m.leafNotAfter;
-  const auto certificate = OrvCertificate::certificateWithContent(*emulator::issueCertificate(profile, *key, nullptr, *key));
-  EXPECT_EQ(check(signJws(*key, "RS256", header("RS256")), certificate), OrvSecurityUtilsResultKeyTooWeak);
-}
-
-TEST_F(SecurityUtilsServiceTest, ECDSAAndEdDSASignaturesMustHaveTheExactLength) {
-  const auto jws = signJws(m.p256Key, "ES256", header("ES256"));
-  const auto raw = *OrvBase64URLDecode(*jws.signature);
-  ASSERT_EQ(raw.size(), 64u);
-  const auto withSignature = [&](std::string signature) { return DetachedJws{jws.header, emulator::base64UrlEncode(signature)}; };
-  EXPECT_EQ(check(withSignature(derFromRaw(raw)), m.p256Leaf), OrvSecurityUtilsResultMalformedSignature);
-  EXPECT_EQ(check(withSignature(raw + '\0'), m.p256Leaf), OrvSecurityUtilsResultMalformedSignature);
-  EXPECT_EQ(check(withSignature(raw.substr(1)), m.p256Leaf), OrvSecurityUtilsResultMalformedSignature);
-  EXPECT_EQ(check(withSignature(""), m.p256Leaf), OrvSecurityUtilsResultMalformedSignature);
-  const auto ed = signJws(m.ed25519Key, "EdDSA", header("EdDSA"));
-  const auto edRaw = *OrvBase64URLDecode(*ed.signature);
-  EXPECT_EQ(check({ed.header, emulator::base64UrlEncode(edRaw.substr(1))}, m.ed25519Leaf),
-            OrvSecurityUtilsResultMalformedSignature);
-}
-
-TEST_F(SecurityUtilsServiceTest, RefusesPaddedOrNonCanonicalBase64URL) {
-  const auto jws = signJws(m.rsaKey, "RS256", kRS256Header);
-  ASSERT_NE(jws.header->size() % 4, 0u);
-  ASSERT_NE(jws.signature->size() % 4, 0u);
-  ASSERT_EQ(check(jws, m.rsaLeaf), OrvSecurityUtilsResultSuccess);
-  const std::string padding(4 - jws.header->size() % 4, '=');
-  const std::string signaturePadding(4 - jws.signature->size() % 4, '=');
-  for (const DetachedJws& bad : {
-           DetachedJws{*jws.header + padding, jws.signature},
-           DetachedJws{jws.header, *jws.signature + signaturePadding},
-           DetachedJws{nonCanonical(*jws.header), jws.signature},
-           DetachedJws{jws.header, nonCanonical(*jws.signature)},
-           DetachedJws{" " + *jws.header, jws.signature},
-           DetachedJws{jws.header, "+/" + *jws.signature},
-       }) {
-    EXPECT_EQ(check(bad, m.rsaLeaf), OrvSecurityUtilsResultMalformedEncoding);
-  }
-}
-
-TEST_F(SecurityUtilsServiceTest, RefusesHeadersThatAreNotAProperJSONObject) {
   for (const char* json : {"[]", R"(["alg","RS256"])", R"("RS256")", "1", "null", R"({"alg":)", "", "{}", R"({"alg":256})",
                            R"({"alg":"RS256","alg":"RS256"})", R"({"alg":"RS256","crit":[]})",
                            R"({"alg":"RS256","crit":"b64","b64":false})", R"({"alg":"RS256","crit":["b64",1],"b64":false})",
@@ -190,82 +125,117 @@ TEST_F(SecurityUtilsServiceTest, RefusesHeadersThatAreNotAProperJSONObject) {
     SCOPED_TRACE(json);
     EXPECT_EQ(check(forgedJws(json, "sig"), m.rsaLeaf), OrvSecurityUtilsResultInvalidHeader);
   }
-  // The duplicate must not let a later member override an earlier one.
-  EXPECT_EQ(check(signJws(m.rsaKey, "RS256", R"({"alg":"none","alg":"RS256"})"), m.rsaLeaf), OrvSecurityUtilsResultInvalidHeader);
-}
-
-TEST_F(SecurityUtilsServiceTest, RefusesCriticalParametersItDoesNotUnderstand) {
-  for (const char* json : {R"({"alg":"RS256","crit":["exp"],"exp":1})", R"({"alg":"RS256","crit":["alg"]})",
-                           R"({"alg":"RS256","crit":["b64","kid"],"b64":true,"kid":"k"})"}) {
-    SCOPED_TRACE(json);
-    EXPECT_EQ(check(signJws(m.rsaKey, "RS256", json), m.rsaLeaf), OrvSecurityUtilsResultUnknownCritical);
-  }
-}
-
-TEST_F(SecurityUtilsServiceTest, B64OnlyAsACriticalParameter) {
+  ASSERT_NE(rs256.header->size() % 4, 0u);
+  ASSERT_NE(rs256.signature->size() % 4, 0u);
+  const std::string headerPadding(4 - rs256.header->size() % 4, '='), signaturePadding(4 - rs256.signature->size() % 4, '=');
   constexpr const char* critical = R"({"alg":"ES256","b64":false,"crit":["b64"]})";
   constexpr const char* notCritical = R"({"alg":"ES256","b64":false})";
-  EXPECT_EQ(check(signJws(m.p256Key, "ES256", critical, kPayload, true), m.p256Leaf), OrvSecurityUtilsResultSuccess);
-  EXPECT_EQ(check(signJws(m.p256Key, "ES256", critical, kPayload, false), m.p256Leaf), OrvSecurityUtilsResultSignatureMismatch);
-  // Without "crit", "b64" is refused whichever input was signed: verifiers could disagree on it.
-  for (const bool unencoded : {true, false}) {
-    EXPECT_EQ(check(signJws(m.p256Key, "ES256", notCritical, kPayload, unencoded), m.p256Leaf),
-              OrvSecurityUtilsResultUncriticalUnencodedPayload);
-  }
-  // "b64": true in "crit" keeps the ordinary form.
-  EXPECT_EQ(verifyResult(*service, signJws(m.p256Key, "ES256", R"({"alg":"ES256","b64":true,"crit":["b64"]})", kPayload, false),
-                         m.p256Leaf),
-            OrvSecurityUtilsResultSuccess);
+  // The duplicate must not let a later member override an earlier one.
+  expectVerdict(OrvSecurityUtilsResultInvalidHeader,
+                {{"duplicate alg", signJws(m.rsaKey, "RS256", R"({"alg":"none","alg":"RS256"})"), m.rsaLeaf}});
+  expectVerdict(OrvSecurityUtilsResultMalformedEncoding,
+                {{"padded header", {*rs256.header + headerPadding, rs256.signature}, m.rsaLeaf},
+                 {"padded signature", {rs256.header, *rs256.signature + signaturePadding}, m.rsaLeaf},
+                 {"non-canonical header", {nonCanonical(*rs256.header), rs256.signature}, m.rsaLeaf},
+                 {"non-canonical signature", {rs256.header, nonCanonical(*rs256.signature)}, m.rsaLeaf},
+                 {"leading space", {" " + *rs256.header, rs256.signature}, m.rsaLeaf},
+                 {"standard alphabet", {rs256.header, "+/" + *rs256.signature}, m.rsaLeaf}});
+  expectVerdict(OrvSecurityUtilsResultUnknownCritical,
+                {{"crit names exp", signJws(m.rsaKey, "RS256", R"({"alg":"RS256","crit":["exp"],"exp":1})"), m.rsaLeaf},
+                 {"crit names alg", signJws(m.rsaKey, "RS256", R"({"alg":"RS256","crit":["alg"]})"), m.rsaLeaf},
+                 {"crit names kid", signJws(m.rsaKey, "RS256", R"({"alg":"RS256","crit":["b64","kid"],"b64":true,"kid":"k"})"),
+                  m.rsaLeaf}});
+  // "b64" only as a critical parameter: without "crit" verifiers could disagree on what was signed.
+  expectVerdict(
+      OrvSecurityUtilsResultSuccess,
+      {{"b64 false, critical", signJws(m.p256Key, "ES256", critical, kPayload, true), m.p256Leaf},
+       {"b64 true, critical", signJws(m.p256Key, "ES256", R"({"alg":"ES256","b64":true,"crit":["b64"]})"), m.p256Leaf}});
+  expectVerdict(OrvSecurityUtilsResultSignatureMismatch, {{"b64 false, critical, encoded input signed",
+                                                           signJws(m.p256Key, "ES256", critical, kPayload, false), m.p256Leaf}});
+  expectVerdict(
+      OrvSecurityUtilsResultUncriticalUnencodedPayload,
+      {{"b64 false, not critical", signJws(m.p256Key, "ES256", notCritical, kPayload, true), m.p256Leaf},
+       {"b64 false, not critical, encoded input signed", signJws(m.p256Key, "ES256", notCritical, kPayload, false), m.p256Leaf}});
+  expectVerdict(OrvSecurityUtilsResultMissingInput, {{"no header", {std::nullopt, rs256.signature}, m.rsaLeaf},
+                                                     {"no signature", {rs256.header, std::nullopt}, m.rsaLeaf},
+                                                     {"no certificate", rs256, nullptr}});
+  EXPECT_EQ(OrvSecurityUtilsResultDescription(OrvSecurityUtilsResultUntrustedChain), "OrvSecurityUtilsResultUntrustedChain");
+  EXPECT_EQ(OrvSecurityUtilsResultDescription(-1), "Unknown OrvSecurityUtilsResult of -1");
 }
 
-TEST_F(SecurityUtilsServiceTest, ThumbprintMustNameTheCertificate) {
-  const auto withThumbprint = [&](const std::string& thumbprint) {
-    return signJws(m.rsaKey, "RS256", R"({"alg":"RS256","x5t#S256":")" + thumbprint + R"("})");
-  };
-  EXPECT_EQ(check(withThumbprint(emulator::base64UrlEncode(m.rsaLeaf->sha256Thumbprint())), m.rsaLeaf),
-            OrvSecurityUtilsResultSuccess);
-  EXPECT_EQ(check(withThumbprint(emulator::base64UrlEncode(m.noKeyUsage->sha256Thumbprint())), m.rsaLeaf),
-            OrvSecurityUtilsResultThumbprintMismatch);
-  EXPECT_EQ(check(withThumbprint(emulator::base64UrlEncode(m.rsaLeaf->sha256Thumbprint()) + "="), m.rsaLeaf),
-            OrvSecurityUtilsResultMalformedEncoding);
-}
-
-TEST_F(SecurityUtilsServiceTest, RefusesSignaturesThatDoNotMatch) {
-  const auto jws = signJws(m.rsaKey, "PS256", header("PS256"));
+TEST_F(SecurityUtilsServiceTest, RefusesKeysAndSignaturesThatDoNotFit) {
+  const auto rsaSignature = *emulator::signRaw(m.rsaKey, "RS256", "x");
+  EXPECT_FALSE(emulator::signRaw(m.p256Key, "RS256", "x").has_value());
+  const auto es256 = signJws(m.p256Key, "ES256", header("ES256"));
+  const auto esRaw = *OrvBase64URLDecode(*es256.signature);
+  ASSERT_EQ(esRaw.size(), 64u);
+  const auto ed = signJws(m.ed25519Key, "EdDSA", header("EdDSA"));
+  const auto ps256 = signJws(m.rsaKey, "PS256", header("PS256"));
+  auto flipped = *OrvBase64URLDecode(*ps256.signature);
+  flipped[0] ^= 0x80;
   std::string tampered(kPayload);
   tampered[10] ^= 1;
-  EXPECT_EQ(check(jws, m.rsaLeaf, tampered), OrvSecurityUtilsResultSignatureMismatch);
-  EXPECT_EQ(check(jws, m.rsaLeaf, std::string(kPayload) + " "), OrvSecurityUtilsResultSignatureMismatch);
-  auto signature = *OrvBase64URLDecode(*jws.signature);
-  signature[0] ^= 0x80;
-  EXPECT_EQ(check({jws.header, emulator::base64UrlEncode(signature)}, m.rsaLeaf), OrvSecurityUtilsResultSignatureMismatch);
-  EXPECT_EQ(check(signJws(m.rsaOtherKey, "PS256", header("PS256")), m.rsaLeaf), OrvSecurityUtilsResultSignatureMismatch);
-  // A PKCS#1 v1.5 signature presented as PSS, and the header changed after signing.
-  EXPECT_EQ(check({emulator::base64UrlEncode(header("PS256")), signJws(m.rsaKey, "RS256", header("PS256")).signature}, m.rsaLeaf),
-            OrvSecurityUtilsResultSignatureMismatch);
-  EXPECT_EQ(check({emulator::base64UrlEncode(R"({"alg":"PS256","kid":"x"})"), jws.signature}, m.rsaLeaf),
-            OrvSecurityUtilsResultSignatureMismatch);
+  const auto [weakKey, weakCertificate] = weakRSA(m);
+  ASSERT_TRUE(weakKey && weakCertificate);
+  const auto thumbprint = [&](const OrvCertificateRef& named, std::string suffix = "") {
+    const auto value = emulator::base64UrlEncode(named->sha256Thumbprint()) + suffix;
+    return signJws(m.rsaKey, "RS256", R"({"alg":"RS256","x5t#S256":")" + value + R"("})");
+  };
+  expectVerdict(OrvSecurityUtilsResultAlgorithmKeyMismatch,
+                {{"RS256 on a P-256 key", forgedJws(header("RS256"), rsaSignature), m.p256Leaf},
+                 {"PS256 on an Ed25519 key", forgedJws(header("PS256"), rsaSignature), m.ed25519Leaf},
+                 {"EdDSA on an RSA key", forgedJws(header("EdDSA"), std::string(64, 'x')), m.rsaLeaf},
+                 // The curve counts, not only the key type.
+                 {"ES256 on a P-384 key", signJws(m.p384Key, "ES384", header("ES256")), m.p384Leaf},
+                 {"P-256 signature, P-384 key", signJws(m.p256Key, "ES256", header("ES256")), m.p384Leaf}});
+  expectVerdict(OrvSecurityUtilsResultKeyTooWeak,
+                {{"RSA key of 1024 bits", signJws(*weakKey, "RS256", header("RS256")), weakCertificate}});
+  // ECDSA and EdDSA signatures have exactly one length.
+  expectVerdict(OrvSecurityUtilsResultMalformedSignature,
+                {{"ES256 as DER", withSignature(es256, derFromRaw(esRaw)), m.p256Leaf},
+                 {"ES256 one byte long", withSignature(es256, esRaw + '\0'), m.p256Leaf},
+                 {"ES256 one byte short", withSignature(es256, esRaw.substr(1)), m.p256Leaf},
+                 {"ES256 empty", withSignature(es256, ""), m.p256Leaf},
+                 {"EdDSA one byte short", withSignature(ed, OrvBase64URLDecode(*ed.signature)->substr(1)), m.ed25519Leaf}});
+  expectVerdict(OrvSecurityUtilsResultSuccess, {{"thumbprint of the certificate", thumbprint(m.rsaLeaf), m.rsaLeaf}});
+  expectVerdict(OrvSecurityUtilsResultThumbprintMismatch, {{"thumbprint of another", thumbprint(m.noKeyUsage), m.rsaLeaf}});
+  expectVerdict(OrvSecurityUtilsResultMalformedEncoding, {{"padded thumbprint", thumbprint(m.rsaLeaf, "="), m.rsaLeaf}});
+  expectVerdict(OrvSecurityUtilsResultSignatureMismatch,
+                {{"payload changed", ps256, m.rsaLeaf, tampered},
+                 {"payload extended", ps256, m.rsaLeaf, std::string(kPayload) + " "},
+                 {"signature bit flipped", withSignature(ps256, flipped), m.rsaLeaf},
+                 {"signed by another key", signJws(m.rsaOtherKey, "PS256", header("PS256")), m.rsaLeaf},
+                 {"PKCS#1 v1.5 presented as PSS",
+                  {emulator::base64UrlEncode(header("PS256")), signJws(m.rsaKey, "RS256", header("PS256")).signature},
+                  m.rsaLeaf},
+                 {"header changed after signing",
+                  {emulator::base64UrlEncode(R"({"alg":"PS256","kid":"x"})"), ps256.signature},
+                  m.rsaLeaf}});
 }
 
-TEST_F(SecurityUtilsServiceTest, IssuerMustCarryTheRequiredNameExactly) {
-  const auto jws = signJws(m.rsaKey, "RS256", header("RS256"));
-  EXPECT_EQ(check(jws, m.selfSigned), OrvSecurityUtilsResultSuccess);
-  EXPECT_EQ(check(jws, m.issuerByCommonName), OrvSecurityUtilsResultSuccess);
-  EXPECT_EQ(check(jws, m.issuerPrefix), OrvSecurityUtilsResultIssuerMismatch);
-  EXPECT_EQ(check(jws, m.issuerOtherCase), OrvSecurityUtilsResultIssuerMismatch);
-  EXPECT_EQ(check(jws, m.selfSigned, kPayload, "Varnel Systems, Inc. "), OrvSecurityUtilsResultIssuerMismatch);
-  EXPECT_EQ(check(jws, m.selfSigned, kPayload, "Varnel Systems"), OrvSecurityUtilsResultIssuerMismatch);
-  // The leaf's own organisation is not its issuer's.
-  EXPECT_EQ(check(jws, m.rsaLeaf, kPayload, "Varnel Signing"), OrvSecurityUtilsResultIssuerMismatch);
-  // No required name: the issuer is not looked at.
-  EXPECT_EQ(check(jws, m.issuerPrefix, kPayload, std::nullopt), OrvSecurityUtilsResultSuccess);
-  EXPECT_EQ(service->validateJWT(kPayload, jws.header, jws.signature, m.issuerPrefix, nullptr).first,
+TEST_F(SecurityUtilsServiceTest, JudgesTheCertificateItIsGiven) {
+  const std::string payload(kPayload);
+  expectVerdict(OrvSecurityUtilsResultSuccess, {{"issuer is the required organisation", rs256, m.selfSigned},
+                                                {"issuer's common name is the required name", rs256, m.issuerByCommonName},
+                                                // No required name: the issuer is not looked at.
+                                                {"no required name", rs256, m.issuerPrefix, payload, std::nullopt},
+                                                {"no key usage at all", rs256, m.noKeyUsage},
+                                                // Without anchors a certificate is judged on its own.
+                                                {"other root, no anchors", rs256, m.leafOfOtherRoot}});
+  expectVerdict(OrvSecurityUtilsResultIssuerMismatch,
+                {{"issuer name is a prefix", rs256, m.issuerPrefix},
+                 {"issuer name in other case", rs256, m.issuerOtherCase},
+                 {"required name with a space", rs256, m.selfSigned, payload, "Varnel Systems, Inc. "},
+                 {"required name is a prefix", rs256, m.selfSigned, payload, "Varnel Systems"},
+                 // The leaf's own organisation is not its issuer's.
+                 {"required name is the subject's", rs256, m.rsaLeaf, payload, "Varnel Signing"}});
+  expectVerdict(OrvSecurityUtilsResultKeyUsageForbidsSignature, {{"no digitalSignature", rs256, m.noDigitalSignature}});
+  EXPECT_EQ(service->validateJWT(kPayload, rs256.header, rs256.signature, m.issuerPrefix, nullptr).result,
             OrvSecurityUtilsResultSuccess);
 }
 
 TEST_F(SecurityUtilsServiceTest, ValidityPeriodIncludesBothEnds) {
-  const auto jws = signJws(m.rsaKey, "RS256", header("RS256"));
-  const auto at = [&](OrvDate now) { return verifyResult(*serviceAt(now, true), jws, m.rsaLeaf); };
+  const auto at = [&](OrvDate now) { return verifyResult(*serviceAt(now, true), rs256, m.rsaLeaf); };
   EXPECT_EQ(at(m.leafNotBefore), OrvSecurityUtilsResultSuccess);
   EXPECT_EQ(at(m.leafNotAfter), OrvSecurityUtilsResultSuccess);
   EXPECT_EQ(at(m.leafNotBefore - 1ms), OrvSecurityUtilsResultCertificateNotYetValid);
@@ -281,38 +251,28 @@ TEST_F(SecurityUtilsServiceTest, ValidityPeriodIncludesBothEnds) {
   configuration.clock = [&now] { return now; };
   configuration.trustAnchors = {m.root};
   const auto moving = OrvSecurityUtilsService::create(configuration);
-  EXPECT_EQ(verifyResult(*moving, jws, m.rsaLeaf), OrvSecurityUtilsResultSuccess);
-  EXPECT_EQ(verifyResult(*moving, jws, m.rsaLeaf), OrvSecurityUtilsResultSuccess);
+  EXPECT_EQ(verifyResult(*moving, rs256, m.rsaLeaf), OrvSecurityUtilsResultSuccess);
+  EXPECT_EQ(verifyResult(*moving, rs256, m.rsaLeaf), OrvSecurityUtilsResultSuccess);
   now = m.leafNotAfter + 1ms;
-  EXPECT_EQ(verifyResult(*moving, jws, m.rsaLeaf), OrvSecurityUtilsResultCertificateExpired);
-}
-
-TEST_F(SecurityUtilsServiceTest, KeyUsageMustAllowDigitalSignature) {
-  const auto jws = signJws(m.rsaKey, "RS256", header("RS256"));
-  EXPECT_EQ(check(jws, m.noDigitalSignature), OrvSecurityUtilsResultKeyUsageForbidsSignature);
-  EXPECT_EQ(check(jws, m.noKeyUsage), OrvSecurityUtilsResultSuccess);
+  EXPECT_EQ(verifyResult(*moving, rs256, m.rsaLeaf), OrvSecurityUtilsResultCertificateExpired);
 }
 
 TEST_F(SecurityUtilsServiceTest, TrustAnchorsRefuseCertificatesThatOnlyCarryTheRightName) {
-  const auto jws = signJws(m.rsaKey, "RS256", header("RS256"));
-  EXPECT_EQ(verifyResult(*anchored, jws, m.rsaLeaf), OrvSecurityUtilsResultSuccess);
-  EXPECT_EQ(verifyResult(*anchored, jws, m.selfSigned), OrvSecurityUtilsResultUntrustedChain);
-  EXPECT_EQ(verifyResult(*anchored, jws, m.leafOfOtherRoot), OrvSecurityUtilsResultUntrustedChain);
-  // Without anchors the same certificates are judged on their own (the self-signed one: above).
-  EXPECT_EQ(check(jws, m.leafOfOtherRoot), OrvSecurityUtilsResultSuccess);
-
+  EXPECT_EQ(verifyResult(*anchored, rs256, m.rsaLeaf), OrvSecurityUtilsResultSuccess);
+  EXPECT_EQ(verifyResult(*anchored, rs256, m.selfSigned), OrvSecurityUtilsResultUntrustedChain);
+  EXPECT_EQ(verifyResult(*anchored, rs256, m.leafOfOtherRoot), OrvSecurityUtilsResultUntrustedChain);
   OrvSecurityUtilsService::Configuration configuration;
   configuration.clock = [now = m.now] { return now; };
   configuration.trustAnchors = {nullptr, m.expiredRoot};
   const auto expiredAnchor = OrvSecurityUtilsService::create(configuration);
   EXPECT_EQ(expiredAnchor->trustAnchorCount(), 1u);
-  EXPECT_EQ(verifyResult(*expiredAnchor, jws, m.leafOfExpiredRoot), OrvSecurityUtilsResultUntrustedChain);
+  EXPECT_EQ(verifyResult(*expiredAnchor, rs256, m.leafOfExpiredRoot), OrvSecurityUtilsResultUntrustedChain);
   configuration.trustAnchors = {nullptr};
-  EXPECT_EQ(verifyResult(*OrvSecurityUtilsService::create(configuration), jws, m.rsaLeaf), OrvSecurityUtilsResultUntrustedChain);
+  EXPECT_EQ(verifyResult(*OrvSecurityUtilsService::create(configuration), rs256, m.rsaLeaf),
+            OrvSecurityUtilsResultUntrustedChain);
 }
 
 TEST_F(SecurityUtilsServiceTest, DefaultTrustAnchorsComeFromTheHostTheEnvironmentOrNowhere) {
-  const auto jws = signJws(m.rsaKey, "RS256", header("RS256"));
   const auto withDefaults = [&](bool useDefaults = true) {
     OrvSecurityUtilsService::Configuration configuration;
     configuration.clock = [now = m.now] { return now; };
@@ -324,81 +284,79 @@ TEST_F(SecurityUtilsServiceTest, DefaultTrustAnchorsComeFromTheHostTheEnvironmen
   writeFile(files.file("garbage.pem"), "not a certificate");
 
   EXPECT_EQ(OrvSecurityUtilsService::defaultTrustAnchors().origin, "none");
-  EXPECT_EQ(verifyResult(*withDefaults(), jws, m.leafOfOtherRoot), OrvSecurityUtilsResultSuccess);
+  EXPECT_EQ(verifyResult(*withDefaults(), rs256, m.leafOfOtherRoot), OrvSecurityUtilsResultSuccess);
 
   ::setenv("ORV_APPCONFIG_TRUST_ANCHORS", files.file("root.pem").c_str(), 1);
-  EXPECT_EQ(verifyResult(*withDefaults(), jws, m.rsaLeaf), OrvSecurityUtilsResultSuccess);
-  EXPECT_EQ(verifyResult(*withDefaults(), jws, m.leafOfOtherRoot), OrvSecurityUtilsResultUntrustedChain);
-  EXPECT_EQ(verifyResult(*withDefaults(false), jws, m.leafOfOtherRoot), OrvSecurityUtilsResultSuccess);
+  EXPECT_EQ(verifyResult(*withDefaults(), rs256, m.rsaLeaf), OrvSecurityUtilsResultSuccess);
+  EXPECT_EQ(verifyResult(*withDefaults(), rs256, m.leafOfOtherRoot), OrvSecurityUtilsResultUntrustedChain);
+  EXPECT_EQ(verifyResult(*withDefaults(false), rs256, m.leafOfOtherRoot), OrvSecurityUtilsResultSuccess);
 
   // A bundle that cannot be read trusts nothing, and says so, rather than falling back to trusting names.
   ::setenv("ORV_APPCONFIG_TRUST_ANCHORS", files.file("garbage.pem").c_str(), 1);
   const auto broken = OrvSecurityUtilsService::defaultTrustAnchors();
   ASSERT_TRUE(broken.anchors && broken.problem);
   EXPECT_NE(broken.problem->find(files.file("garbage.pem")), std::string::npos);
-  EXPECT_EQ(verifyResult(*withDefaults(), jws, m.rsaLeaf), OrvSecurityUtilsResultUntrustedChain);
+  EXPECT_EQ(verifyResult(*withDefaults(), rs256, m.rsaLeaf), OrvSecurityUtilsResultUntrustedChain);
 
   // The host's list wins over the environment until it is taken back.
   OrvSecurityUtilsService::setDefaultTrustAnchors(std::vector<OrvCertificateRef>{m.otherRoot});
   EXPECT_EQ(OrvSecurityUtilsService::defaultTrustAnchors().origin, "host");
-  EXPECT_EQ(verifyResult(*withDefaults(), jws, m.leafOfOtherRoot), OrvSecurityUtilsResultSuccess);
-  EXPECT_EQ(verifyResult(*withDefaults(), jws, m.rsaLeaf), OrvSecurityUtilsResultUntrustedChain);
+  EXPECT_EQ(verifyResult(*withDefaults(), rs256, m.leafOfOtherRoot), OrvSecurityUtilsResultSuccess);
+  EXPECT_EQ(verifyResult(*withDefaults(), rs256, m.rsaLeaf), OrvSecurityUtilsResultUntrustedChain);
   OrvSecurityUtilsService::setDefaultTrustAnchors(std::nullopt);
   ::unsetenv("ORV_APPCONFIG_TRUST_ANCHORS");
   EXPECT_EQ(OrvSecurityUtilsService::defaultTrustAnchors().anchors, std::nullopt);
 }
 
-TEST_F(SecurityUtilsServiceTest, MissingInputAndResultNames) {
-  const auto jws = signJws(m.rsaKey, "RS256", header("RS256"));
-  EXPECT_EQ(check({std::nullopt, jws.signature}, m.rsaLeaf), OrvSecurityUtilsResultMissingInput);
-  EXPECT_EQ(check({jws.header, std::nullopt}, m.rsaLeaf), OrvSecurityUtilsResultMissingInput);
-  EXPECT_EQ(check(jws, nullptr), OrvSecurityUtilsResultMissingInput);
-  EXPECT_EQ(OrvSecurityUtilsResultDescription(OrvSecurityUtilsResultUntrustedChain), "OrvSecurityUtilsResultUntrustedChain");
-  EXPECT_EQ(OrvSecurityUtilsResultDescription(-1), "Unknown OrvSecurityUtilsResult of -1");
-}
-
-TEST_F(SecurityUtilsServiceTest, CompletesOnAWorkerThreadEvenAfterTheServiceIsGone) {
-  const auto jws = signJws(m.rsaKey, "RS256", header("RS256"));
-  auto log = std::make_shared<CompletionLog>();
-  auto transient = serviceAt(m.now);
-  transient->asyncValidateJWTWithJwtPayload(std::string(kPayload), jws.header, jws.signature, m.rsaLeaf, issuerOptions(),
-                                            CompletionLog::recorder(log, 0));
-  transient->asyncValidateJWTWithJwtPayload("other", jws.header, jws.signature, m.rsaLeaf, issuerOptions(),
-                                            CompletionLog::recorder(log, 1));
-  transient->asyncValidateJWTWithJwtPayload(std::string(kPayload), jws.header, jws.signature, m.rsaLeaf, issuerOptions(), {});
-  transient.reset();
-  const auto completions = log->waitForCount(2);
-  ASSERT_EQ(completions.size(), 2u);
-  EXPECT_EQ(completions.at(0).result, OrvSecurityUtilsResultSuccess);
-  EXPECT_FALSE(completions.at(0).hasError);
-  EXPECT_EQ(completions.at(1).result, OrvSecurityUtilsResultSignatureMismatch);
-  EXPECT_TRUE(completions.at(1).hasError);
-  for (const auto& [tag, completion] : completions) EXPECT_NE(completion.thread, std::this_thread::get_id());
-}
-
-TEST_F(SecurityUtilsServiceTest, ManyVerificationsInParallelShareOneCertificate) {
+// Callers on several threads share one certificate; the service is gone before the last verifications
+// complete. Each completion comes once, on a worker thread, with its own verdict.
+TEST_F(SecurityUtilsServiceTest, ParallelVerificationsCompleteOnWorkersEvenAfterTheServiceIsGone) {
   const DetachedJws signatures[] = {signJws(m.rsaKey, "PS256", header("PS256")), signJws(m.p256Key, "ES256", header("ES256")),
                                     signJws(m.ed25519Key, "EdDSA", header("EdDSA"))};
   const OrvCertificateRef certificates[] = {m.rsaLeaf, m.p256Leaf, m.ed25519Leaf};
-  constexpr int kCallers = 4;
-  constexpr int kPerCaller = 48;
-  auto log = std::make_shared<CompletionLog>();
+  constexpr int kCallers = 4, kPerCaller = 48;
+  auto options = std::make_shared<AdditionalCertificateValidationOptions>();
+  options->setRequiredIssuerName(kRequiredIssuer);
+  // Shared with the blocks, which may outlive a failed wait.
+  struct Log {
+    std::mutex mutex;
+    std::map<int, std::pair<std::int64_t, bool>> byTag;
+    std::atomic<int> count{0}, onCaller{0};
+  };
+  auto log = std::make_shared<Log>();
+  // Made on the calling thread, which the completion must not run on.
+  const auto record = [log](int tag) {
+    return [log, caller = std::this_thread::get_id(), tag](std::int64_t result, std::optional<OrvError> error) {
+      std::lock_guard lock(log->mutex);
+      log->onCaller += std::this_thread::get_id() == caller;
+      log->byTag.insert_or_assign(tag, std::pair{result, error.has_value()});
+      ++log->count;
+    };
+  };
+  auto transient = serviceAt(m.now, true);
   std::vector<std::thread> callers;
   for (int caller = 0; caller < kCallers; ++caller) {
     callers.emplace_back([&, caller] {
       for (int i = 0; i < kPerCaller; ++i) {
         const int which = (caller + i) % 3;
-        anchored->asyncValidateJWTWithJwtPayload(i % 4 == 0 ? "tampered" : std::string(kPayload), signatures[which].header,
-                                                 signatures[which].signature, certificates[which], issuerOptions(),
-                                                 CompletionLog::recorder(log, caller * kPerCaller + i));
+        transient->asyncValidateJWTWithJwtPayload(i % 4 == 0 ? "tampered" : std::string(kPayload), signatures[which].header,
+                                                  signatures[which].signature, certificates[which], options,
+                                                  record(caller * kPerCaller + i));
       }
     });
   }
   for (auto& thread : callers) thread.join();
-  for (const auto& [tag, completion] : log->waitForCount(kCallers * kPerCaller)) {
-    EXPECT_EQ(completion.result,
-              tag % kPerCaller % 4 == 0 ? OrvSecurityUtilsResultSignatureMismatch : OrvSecurityUtilsResultSuccess)
-        << tag;
+  transient->asyncValidateJWTWithJwtPayload(std::string(kPayload), rs256.header, rs256.signature, m.rsaLeaf, options, {});
+  transient.reset();
+  EXPECT_TRUE(pollUntil([&] { return log->count >= kCallers * kPerCaller; }, 120s));
+  std::lock_guard lock(log->mutex);
+  EXPECT_EQ(log->count, kCallers * kPerCaller);
+  ASSERT_EQ(log->byTag.size(), static_cast<std::size_t>(kCallers * kPerCaller));
+  EXPECT_EQ(log->onCaller, 0);
+  for (const auto& [tag, verdict] : log->byTag) {
+    const bool tampered = tag % kPerCaller % 4 == 0;
+    EXPECT_EQ(verdict.first, tampered ? OrvSecurityUtilsResultSignatureMismatch : OrvSecurityUtilsResultSuccess) << tag;
+    EXPECT_EQ(verdict.second, tampered) << tag;
   }
 }
 
