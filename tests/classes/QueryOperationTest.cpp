@@ -3,7 +3,6 @@
 #include <atomic>
 
 #include "OrvAppConfigAutoDiscoverOperation.h"
-#include "OrvAppConfigDiscoveryHosts.h"
 #include "OrvAppConfigGetSigningCertificateOperation.h"
 #include "OrvOperationQueue.h"
 #include "OrvOperationQueueTesting.h"
@@ -44,7 +43,7 @@ struct StatusCase {
 }  // namespace
 
 TEST(OrvAppConfigQueryOperationTest, AnswerTable) {
-  OrvAppConfigDiscoveryHosts::setProductionHost("prod.example.net");
+  const orv::test::DiscoveryHostsOverride hosts("prod.example.net");
   auto log = orv::test::LogCollector::install();
   const OrvError transport(OrvURLErrorDomain, 7, {{OrvLocalizedDescriptionKey, "Couldn't connect to server"}});
   const std::vector<StatusCase> cases = {
@@ -77,11 +76,16 @@ TEST(OrvAppConfigQueryOperationTest, AnswerTable) {
     }
   }
   EXPECT_TRUE(log->contains("URL request for AutoDiscover failed with error: " + transport.description()));
-  OrvAppConfigDiscoveryHosts::setProductionHost(std::nullopt);
+  // Each line names the method that wrote it, never a closure inside it.
+  for (const auto& line : log->lines()) {
+    EXPECT_EQ(line.function.find("<lambda"), std::string::npos) << line.message << ": " << line.function;
+    EXPECT_TRUE(!line.message.starts_with("Completing operation") ||
+                line.function.find("::completeOperationWithStatus(") != std::string::npos);
+  }
 }
 
 TEST(OrvAppConfigQueryOperationTest, GoodAnswerCapturesSignatureAndSendsProviderHeaders) {
-  OrvAppConfigDiscoveryHosts::setProductionHost("prod.example.net");
+  const orv::test::DiscoveryHostsOverride hosts("prod.example.net");
   auto session = std::make_shared<FakeURLSession>([](const OrvURLRequest&) {
     return FakeResponse{OrvData(kRecordBody), 200, {{"VARNEL-SIGNATURE", "aGVhZA.c2ln"}}};
   });
@@ -100,8 +104,6 @@ TEST(OrvAppConfigQueryOperationTest, GoodAnswerCapturesSignatureAndSendsProvider
   // setHeaders replaces a field of the same name and leaves the others: the transaction header,
   // applied last, wins.
   EXPECT_EQ(request.valueForHTTPHeaderField("X-Shared"), "from-transaction");
-
-  OrvAppConfigDiscoveryHosts::setProductionHost(std::nullopt);
 }
 
 TEST(OrvAppConfigQueryOperationTest, CancelledBeforeStartAndNoURLMakeNoRequest) {
@@ -151,8 +153,7 @@ class CertificateFactory : public OrvSecurityServiceProtocol {
 }  // namespace
 
 TEST(OrvAppConfigGetSigningCertificateOperationTest, HostTypesAndAnswers) {
-  OrvAppConfigDiscoveryHosts::setProductionHost("prod.example.net");
-  OrvAppConfigDiscoveryHosts::setStagingHost("stage.example.net");
+  const orv::test::DiscoveryHostsOverride hosts("prod.example.net", "stage.example.net");
   auto log = orv::test::LogCollector::install();
   auto factory = std::make_shared<CertificateFactory>();
   const auto make = [&](std::uint64_t hostType, const char* body) {
@@ -191,8 +192,6 @@ TEST(OrvAppConfigGetSigningCertificateOperationTest, HostTypesAndAnswers) {
     EXPECT_EQ(op->varnelSignatureHeader(), std::nullopt);
     EXPECT_EQ(op->responseData(), std::nullopt);
   }
-  OrvAppConfigDiscoveryHosts::setProductionHost(std::nullopt);
-  OrvAppConfigDiscoveryHosts::setStagingHost(std::nullopt);
 }
 
 // Running out of memory while an answer is handled, or while the operation's end is handed to the

@@ -1,39 +1,32 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "MockOrvAppConfigService.h"
-#include "OrvAppConfigAutoDiscoverRecord.h"
-#include "OrvAppConfigDiscoveryHosts.h"
-#include "OrvAppConfigService.h"
 #include "OrvAppConfigServiceLogger.h"
 #include "TestSupport.h"
 
-using orv::test::Capture;
-using orv::test::FakeResponse;
-using orv::test::FakeURLSession;
+using namespace orv::test;
 
 namespace {
 
-std::shared_ptr<OrvAppConfigService> makeService(std::shared_ptr<OrvURLSession> session = nullptr,
-                                                 std::shared_ptr<OrvFeatureFlagProviderProtocol> flags = nullptr) {
-  if (!session) session = std::make_shared<FakeURLSession>([](const OrvURLRequest&) { return FakeResponse{std::nullopt, 404}; });
-  return OrvAppConfigService::initWithURLSession(session, std::make_shared<orv::test::StaticHeaderProvider>(), nullptr, flags);
+std::shared_ptr<FakeURLSession> answering(std::int64_t status) {
+  return std::make_shared<FakeURLSession>([status](const OrvURLRequest&) { return FakeResponse{std::nullopt, status}; });
 }
 
-using AutoCapture =
-    Capture<OrvAppConfigServiceCompletionStatus, std::shared_ptr<OrvAppConfigAutoDiscoverRecord>, std::optional<OrvError>>;
-using SettingsCapture =
-    Capture<OrvAppConfigServiceCompletionStatus, std::optional<OrvAppConfigStoreSettingsDictionary>, std::optional<OrvError>>;
+std::shared_ptr<OrvAppConfigService> makeService(std::shared_ptr<OrvURLSession> session,
+                                                 std::shared_ptr<OrvFeatureFlagProviderProtocol> flags = nullptr) {
+  return OrvAppConfigService::initWithURLSession(std::move(session), std::make_shared<StaticHeaderProvider>(), nullptr,
+                                                 std::move(flags));
+}
 
 }  // namespace
 
 TEST(OrvAppConfigServiceTest, FeatureFlagsAreReadOnceInOrderAndDefaultOn) {
-  auto service = makeService();
+  auto service = makeService(answering(404));
   EXPECT_TRUE(service->shouldValidateEntireDomainForURLDiscovery());
   EXPECT_TRUE(service->shouldEnableFeatureChannels());
 
-  auto flags = std::make_shared<orv::test::FixedFeatureFlags>(false, true);
-  auto flagged = makeService(nullptr, flags);
+  auto flags = std::make_shared<FixedFeatureFlags>(false, true);
+  auto flagged = makeService(answering(404), flags);
   EXPECT_FALSE(flagged->shouldValidateEntireDomainForURLDiscovery());
   EXPECT_TRUE(flagged->shouldEnableFeatureChannels());
   ASSERT_EQ(flags->questions.size(), 2u);
@@ -46,67 +39,48 @@ TEST(OrvAppConfigServiceTest, FeatureFlagsAreReadOnceInOrderAndDefaultOn) {
   EXPECT_EQ(OrvAppConfigService::descriptionForPayloadValidationStatus(-1), "Unknown OrvPayloadValidationStatus of -1");
 }
 
-TEST(OrvAppConfigServiceTest, RefusedAutoDiscoveryIsDeliveredLaterOnTheMainQueue) {
-  auto log = orv::test::LogCollector::install();
-  auto session = std::make_shared<FakeURLSession>([](const OrvURLRequest&) { return FakeResponse{}; });
+// Refusals send nothing, yet still arrive the way every other outcome does: later, on the main queue
+// (discover() and retrieve() check that).
+TEST(OrvAppConfigServiceTest, RefusedRequestsSendNothing) {
+  auto log = LogCollector::install();
+  auto session = answering(200);
   auto service = makeService(session);
-  for (const std::optional<std::string>& input :
+  for (const auto& input :
        {std::optional<std::string>{}, std::optional<std::string>(""), std::optional<std::string>(" \t\n\u2028")}) {
-    AutoCapture capture;
-    service->asyncStartAutodiscoveryForUserInput(input, 0, capture.block());
-    EXPECT_EQ(capture.calls, 0) << "never synchronous";
-    ASSERT_TRUE(capture.wait());
-    EXPECT_TRUE(capture.onMainQueue);
-    EXPECT_EQ(std::get<0>(capture.values), OrvAppConfigServiceCompletionStatusInvalidParameters);
-    EXPECT_EQ(std::get<1>(capture.values), nullptr);
-    EXPECT_EQ(std::get<2>(capture.values), std::nullopt);
+    const auto refused = discover(*service, input);
+    EXPECT_EQ(refused.status, OrvAppConfigServiceCompletionStatusInvalidParameters);
+    EXPECT_EQ(refused.result, nullptr);
+    EXPECT_EQ(refused.error, std::nullopt);
   }
   // Without a block nothing is delivered, and the unmatched end of the workflow does no harm.
   service->asyncStartAutodiscoveryForUserInput("user@example.com", 0, nullptr);
-  EXPECT_EQ(session->requestCount(), 0u);
   EXPECT_TRUE(log->contains("nil email address or completion block was provided - failing request"));
-}
 
-TEST(OrvAppConfigServiceTest, RefusedSettingsRetrievalIsDeliveredLaterOnTheMainQueue) {
-  auto log = orv::test::LogCollector::install();
-  auto session = std::make_shared<FakeURLSession>([](const OrvURLRequest&) { return FakeResponse{}; });
-  auto service = makeService(session);
   const auto store = *OrvURL::URLWithString("https://store.example.com/Store");
-
-  SettingsCapture empty;
-  service->asyncStartSettingsRetrievalForStoreUrls({}, 0, 0, empty.block());
-  EXPECT_EQ(empty.calls, 0);
-  ASSERT_TRUE(empty.wait());
-  EXPECT_TRUE(empty.onMainQueue);
-  EXPECT_EQ(std::get<0>(empty.values), OrvAppConfigServiceCompletionStatusInvalidParameters);
-  EXPECT_EQ(std::get<1>(empty.values), std::nullopt);
+  std::vector<std::pair<OrvAppConfigStoreURLSet, std::optional<std::string>>> settings = {{{}, std::nullopt}};
+  for (const char* channel : {"be ta", "beta%20", "beta?", "b#", "b;", "b\u00e9"})
+    settings.emplace_back(OrvAppConfigStoreURLSet{store}, channel);
+  for (const auto& [stores, channel] : settings) {
+    const auto refused = retrieve(*service, stores, channel);
+    EXPECT_EQ(refused.status, OrvAppConfigServiceCompletionStatusInvalidParameters) << channel.value_or("no store");
+    EXPECT_EQ(refused.result, std::nullopt);
+  }
   EXPECT_TRUE(
       log->contains("Store URL count = 0 (expected non-zero) or invalid channel name (nil) or nil completionBlock provided"));
-
-  for (const char* channel : {"be ta", "beta%20", "beta?", "b#", "b;", "b\u00e9"}) {
-    SettingsCapture capture;
-    service->asyncStartSettingsRetrievalForStoreUrls({store}, 0, 0, channel, capture.block());
-    ASSERT_TRUE(capture.wait());
-    EXPECT_EQ(std::get<0>(capture.values), OrvAppConfigServiceCompletionStatusInvalidParameters) << channel;
-  }
   EXPECT_TRUE(
       log->contains("Store URL count = 1 (expected non-zero) or invalid channel name be ta or nil completionBlock provided"));
   EXPECT_EQ(session->requestCount(), 0u);
 }
 
 TEST(OrvAppConfigServiceTest, ChannelNameIsDroppedWhileChannelsAreOff) {
-  OrvAppConfigDiscoveryHosts::setProductionHost("prod.example.net");
-  auto session = std::make_shared<FakeURLSession>([](const OrvURLRequest&) { return FakeResponse{std::nullopt, 500}; });
-  auto service = makeService(session, std::make_shared<orv::test::FixedFeatureFlags>(true, false));
-  SettingsCapture capture;
+  const DiscoveryHostsOverride hosts("prod.example.net");
+  auto session = answering(500);
+  auto service = makeService(session, std::make_shared<FixedFeatureFlags>(true, false));
   // Invalid as a channel, but it never reaches the request while the feature is off.
-  service->asyncStartSettingsRetrievalForStoreUrls({*OrvURL::URLWithString("https://store.example.com/Store")}, 0, 0, "be ta",
-                                                   capture.block());
-  ASSERT_TRUE(capture.wait());
-  EXPECT_EQ(std::get<0>(capture.values), OrvAppConfigServiceCompletionStatusConfigurationRetrievalFailed);
+  const auto failed = retrieve(*service, {*OrvURL::URLWithString("https://store.example.com/Store")}, "be ta");
+  EXPECT_EQ(failed.status, OrvAppConfigServiceCompletionStatusConfigurationRetrievalFailed);
   ASSERT_EQ(session->requestCount(), 1u);
   EXPECT_THAT(session->requests()[0].URL().absoluteString(), ::testing::EndsWith("/product/kaleth/os/ios"));
-  OrvAppConfigDiscoveryHosts::setProductionHost(std::nullopt);
 }
 
 TEST(OrvAppConfigServiceTest, ContextsNormaliseTheirInputs) {
@@ -128,7 +102,7 @@ TEST(OrvAppConfigServiceTest, ContextsNormaliseTheirInputs) {
 }
 
 TEST(OrvAppConfigServiceLoggerTest, MessagesReachTheDelegateAsData) {
-  auto log = orv::test::LogCollector::install();
+  auto log = LogCollector::install();
   const auto url = OrvURL::URLWithString("https://example.com/a%40b%25s");
   ASSERT_TRUE(url);
   ORV_LOG_ERROR("URL %@ with %lu and %% %@", *url, 5u, std::string("{0} %d"));
@@ -140,28 +114,4 @@ TEST(OrvAppConfigServiceLoggerTest, MessagesReachTheDelegateAsData) {
   EXPECT_EQ(lines.back().file, "tests/classes/ServiceFacadeTest.cpp");
   EXPECT_THAT(lines.back().function, ::testing::HasSubstr("TestBody"));
   EXPECT_GT(lines.back().line, 0);
-}
-
-TEST(MockOrvAppConfigServiceTest, PassesArgumentsThroughUntouched) {
-  MockOrvAppConfigService mock;
-  std::optional<std::string> seenInput, seenChannel;
-  std::uint64_t seenPlatform = 0;
-  int delivered = -1;
-  mock.asyncStartAutodiscoveryForUserInputBlock = [&](auto input, auto, auto block) {
-    seenInput = input;
-    block(7, nullptr, std::nullopt);  // the substitute's caller decides where completions run
-  };
-  mock.asyncStartSettingsRetrievalForStoreUrlsBlock = [&](auto, auto, auto platform, auto) { seenPlatform = platform; };
-  mock.asyncStartSettingsRetrievalForStoreUrlsBlockWithChannelName = [&](auto, auto, auto, auto channel, auto) {
-    seenChannel = channel;
-  };
-  OrvAppConfigServiceProtocol& service = mock;
-  service.asyncStartAutodiscoveryForUserInput("  user@example.com\n", 9,
-                                              [&](auto status, auto, auto) { delivered = int(status); });
-  service.asyncStartSettingsRetrievalForStoreUrls({}, 0, 5, nullptr);
-  service.asyncStartSettingsRetrievalForStoreUrls({}, 0, 0, "   ", nullptr);
-  EXPECT_EQ(seenInput, "  user@example.com\n") << "no trimming";
-  EXPECT_EQ(delivered, 7) << "synchronously, as the block chose";
-  EXPECT_EQ(seenPlatform, 5u);
-  EXPECT_EQ(seenChannel, "   ") << "no feature flag, no trimming";
 }

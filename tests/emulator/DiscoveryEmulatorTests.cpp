@@ -1,105 +1,17 @@
+// The emulator's own contract, where the client's tests do not reach it: what it refuses to load or to
+// start with, how strictly it matches request paths, and that misbehaving clients cannot break it.
 #include <curl/curl.h>
 #include <gtest/gtest.h>
 
 #include <boost/json.hpp>
 
 #include "EmulatorTestSupport.h"
-#include "OrvCertificate.h"
 #include "OrvCurlURLSession.h"
 #include "OrvSDKStringUtils.h"
-#include "OrvSecurityUtilsService.h"
-#include "OrvString.h"
 
 using namespace orv::test;
 using orv::emulator::DiscoveryEmulator;
 using orv::emulator::FaultSpec;
-
-namespace {
-
-constexpr const char* kIssuer = "Varnel Systems, Inc.";
-const std::string kStore = "https://store.example.com:443/Store";
-
-std::shared_ptr<OrvCurlURLSession> trustingSession(const DiscoveryEmulator& emulator) {
-  OrvCurlURLSessionConfiguration configuration;
-  configuration.caFile = emulator.tlsCAFile();
-  auto session = OrvCurlURLSession::create(configuration);
-  EXPECT_TRUE(session);
-  return session;
-}
-
-std::string settingsPath(const std::string& store, const std::string& os, bool padded = false) {
-  auto encoded = *OrvBase64URLEncodedStringFromString(store);
-  if (padded) encoded.append((4 - encoded.size() % 4) % 4, '=');
-  return "/ads/root/url/" + encoded + "/product/kaleth/os/" + os;
-}
-
-// Expects a signature header of exactly two pieces that the client's own verifier accepts for the body.
-void expectSigned(TaskOutcome& outcome, const std::string& certificatePEM) {
-  ASSERT_EQ(outcome.status(), 200);
-  const auto signature = outcome.response->valueForHTTPHeaderField("Varnel-Signature");
-  ASSERT_TRUE(signature && outcome.data);
-  const auto pieces = orv::detail::componentsSeparatedByString(*signature, ".");
-  ASSERT_EQ(pieces.size(), 2u) << *signature;
-  AdditionalCertificateValidationOptions options;
-  options.setRequiredIssuerName(kIssuer);
-  auto service = OrvSecurityUtilsService::create();
-  EXPECT_EQ(service
-                ->validateJWT(*outcome.data, pieces[0], pieces[1],
-                              service->createCertificateFromCertificateContent(certificatePEM), &options)
-                .first,
-            0);
-}
-
-}  // namespace
-
-TEST(DiscoveryEmulatorMaterial, GeneratesCertificatesWithTheRequiredNames) {
-  const std::string& dir = generatedMaterialDir();
-  const auto signingCA = OrvCertificate::certificateWithContent(readFile(dir + "/signing-ca.pem"));
-  ASSERT_TRUE(signingCA);
-  EXPECT_EQ(signingCA->subjectOrganization(), kIssuer);
-  EXPECT_EQ(signingCA->subjectCommonName(), kIssuer);
-
-  for (const char* leaf : {"/signing.pem", "/signing-ec.pem"}) {
-    const auto certificate = OrvCertificate::certificateWithContent(readFile(dir + leaf));
-    ASSERT_TRUE(certificate) << leaf;
-    EXPECT_EQ(certificate->issuerOrganization(), kIssuer) << leaf;
-    EXPECT_EQ(certificate->issuerCommonName(), kIssuer) << leaf;
-    // Valid from an hour ago, for about two years.
-    EXPECT_LT(certificate->notValidBefore(), std::chrono::system_clock::now());
-    EXPECT_GT(certificate->notValidAfter(), std::chrono::system_clock::now() + std::chrono::hours(24 * 700));
-  }
-
-  const auto tlsCA = OrvCertificate::certificateWithContent(readFile(dir + "/tls-ca.pem"));
-  const auto tlsServer = OrvCertificate::certificateWithContent(readFile(dir + "/tls-server.pem"));
-  ASSERT_TRUE(tlsCA && tlsServer);
-  EXPECT_EQ(tlsServer->issuerCommonName(), tlsCA->subjectCommonName());
-  EXPECT_NE(tlsCA->subjectCommonName(), signingCA->subjectCommonName());
-  for (const char* key :
-       {"/signing-key.pem", "/signing-ec-key.pem", "/tls-server-key.pem", "/signing-ca-key.pem", "/tls-ca-key.pem"}) {
-    EXPECT_NE(readFile(dir + key).find("PRIVATE KEY"), std::string::npos) << key;
-  }
-
-  // The demo catalog on disk is one the emulator accepts.
-  auto emulator = startEmulator();
-  ASSERT_TRUE(emulator);
-  EXPECT_TRUE(emulator->setCatalogJSON(readFile(dir + "/catalog.json")));
-
-  std::string error;
-  EXPECT_FALSE(orv::emulator::generateMaterial("/proc/orv-cannot-write-here", &error));
-  EXPECT_FALSE(error.empty());
-
-  orv::emulator::EmulatorOptions badAlgorithm;
-  badAlgorithm.algorithm = "HS256";
-  badAlgorithm.materialDir = dir;
-  EXPECT_FALSE(DiscoveryEmulator::start(badAlgorithm, &error));
-  EXPECT_NE(error.find("HS256"), std::string::npos);
-  FaultSpec invalid;
-  invalid.status = 42;
-  EXPECT_FALSE(emulator->setFault("/p", invalid));
-  error.clear();
-  EXPECT_FALSE(emulator->setCatalogJSON(R"({"domains": []})", &error));
-  EXPECT_FALSE(error.empty());
-}
 
 TEST(DiscoveryEmulatorCatalog, RefusesMistypedCatalogsNamingTheField) {
   auto emulator = startEmulator();
@@ -112,6 +24,7 @@ TEST(DiscoveryEmulatorCatalog, RefusesMistypedCatalogsNamingTheField) {
       {R"({"stores": {"s": {"channels": {"beta": {"ios": {"settingsChannel": "beta"}}}}}})",
        "catalog: /stores/s/channels/beta/ios/settingsChannel: expected an object"},
       {R"({"domains": {"x.example": {"exp": "1700000000"}}})", "catalog: /domains/x.example/exp: expected a number"},
+      {R"({"domains": []})", "catalog: /domains: expected an object"},
       // Mistakes that would otherwise only show as a 404 later.
       {R"({"stores": {"s": {"iOS": {}}}})", "catalog: /stores/s/iOS: unexpected member (allowed: ios, macos, channels)"},
       {R"({"domain": {}})", "catalog: /domain: unexpected member (allowed: $schema, domains, stores)"},
@@ -130,11 +43,9 @@ TEST(DiscoveryEmulatorCatalog, RefusesMistypedCatalogsNamingTheField) {
   // The same check when the emulator starts from a file.
   TemporaryDirectory scratch;
   writeFile(scratch.file("catalog.json"), cases[0].first);
-  orv::emulator::EmulatorOptions options;
-  options.materialDir = generatedMaterialDir();
-  options.catalogFile = scratch.file("catalog.json");
   std::string error;
-  EXPECT_FALSE(DiscoveryEmulator::start(options, &error));
+  EXPECT_FALSE(
+      DiscoveryEmulator::start({.materialDir = generatedMaterialDir(), .catalogFile = scratch.file("catalog.json")}, &error));
   EXPECT_EQ(error, cases[0].second);
 
   // The schema that documents this shape is JSON itself.
@@ -144,48 +55,67 @@ TEST(DiscoveryEmulatorCatalog, RefusesMistypedCatalogsNamingTheField) {
   EXPECT_EQ(schema.at("$schema"), "https://json-schema.org/draft/2020-12/schema");
 }
 
-TEST(DiscoveryEmulatorEndpoints, AnswersAndRefusals) {
-  auto emulator = startEmulator();
-  ASSERT_TRUE(emulator);
-  auto session = trustingSession(*emulator);
-  const std::string base = emulator->baseURL();
-  const std::string pem = emulator->signingCertificatePEM();
+TEST(DiscoveryEmulatorOptions, RefusesWhatItCannotServe) {
+  std::string error;
+  EXPECT_FALSE(orv::emulator::generateMaterial("/proc/orv-cannot-write-here", &error));
+  EXPECT_FALSE(error.empty());
+  EXPECT_FALSE(DiscoveryEmulator::start({.materialDir = generatedMaterialDir(), .algorithm = "HS256"}, &error));
+  EXPECT_NE(error.find("HS256"), std::string::npos);
+  EXPECT_FALSE(startEmulator()->setFault("/p", {.status = 42}));
 
-  // Domains match case-insensitively and percent-decoded; store URLs in base64url with or without padding.
-  expectSigned(*fetch(*session, base + "/ads/root/domain/Example%2ECOM/"), pem);
-  expectSigned(*fetch(*session, base + settingsPath(kStore, "ios")), pem);
-  expectSigned(*fetch(*session, base + settingsPath(kStore, "macos", true) + "/channel/beta"), pem);
-
-  for (const std::string& path :
-       {std::string("/ads/root/domain/unknown.example/"), std::string("/ads/root/domain/example.com"),
-        settingsPath("https://store.example.com/Store", "ios"), settingsPath(kStore, "ios") + "/channel/gamma",
-        settingsPath(kStore, "android"), std::string("/ads/root/publickey/extra"), std::string("/")}) {
-    auto missing = fetch(*session, base + path);
-    EXPECT_EQ(missing->status(), 404) << path;
-    EXPECT_FALSE(missing->response && missing->response->valueForHTTPHeaderField("Varnel-Signature")) << path;
-  }
-  EXPECT_EQ(fetch(*session, base + "/ads/root/url/not*base64/product/kaleth/os/ios")->status(), 400);
-  auto wrongMethod = requestFor(base + "/ads/root/publickey");
-  wrongMethod.setHTTPMethod("DELETE");
-  EXPECT_EQ(fetch(*session, wrongMethod)->status(), 405);
-}
-
-TEST(DiscoveryEmulatorFaults, CommandLineFaultsFoldIntoOneSpecPerPath) {
+  // Faults given on the command line add up per path; a colon inside the path or the body splits neither.
   std::map<std::string, FaultSpec> faults;
-  EXPECT_TRUE(orv::emulator::addFaultArgument(faults, "/ads/root/publickey:status=500"));
-  EXPECT_TRUE(orv::emulator::addFaultArgument(faults, "/ads/root/publickey:delay=250"));
-  EXPECT_TRUE(orv::emulator::addFaultArgument(faults, "/a:b/c:body={\"x\":\"1:2\"}"));
-  EXPECT_TRUE(orv::emulator::addFaultArgument(faults, "/p:nosig"));
+  for (const char* argument :
+       {"/ads/root/publickey:status=500", "/ads/root/publickey:delay=250", "/a:b/c:body={\"x\":\"1:2\"}", "/p:nosig"}) {
+    EXPECT_TRUE(orv::emulator::addFaultArgument(faults, argument)) << argument;
+  }
   ASSERT_EQ(faults.size(), 3u);
   EXPECT_EQ(faults["/ads/root/publickey"].status, 500u);
   EXPECT_EQ(faults["/ads/root/publickey"].delay, std::chrono::milliseconds(250));
   EXPECT_EQ(faults["/a:b/c"].body, "{\"x\":\"1:2\"}");
   EXPECT_TRUE(faults["/p"].omitSignature);
   for (const char* bad : {"/p", "/p:status=99", "/p:status=abc", "p:drop", "/p:explode", "/p:body=@/nonexistent/file"}) {
-    std::string error;
+    error.clear();
     EXPECT_FALSE(orv::emulator::addFaultArgument(faults, bad, &error)) << bad;
     EXPECT_FALSE(error.empty()) << bad;
   }
+}
+
+// The client's tests only ever ask for what exists; a lenient emulator would let a client that builds
+// its URLs wrongly pass them.
+TEST(DiscoveryEmulatorEndpoints, MatchesPathsStrictly) {
+  auto emulator = startEmulator();
+  ASSERT_TRUE(emulator);
+  OrvCurlURLSessionConfiguration configuration;
+  configuration.caFile = emulator->tlsCAFile();
+  auto session = OrvCurlURLSession::create(configuration);
+  const auto settings = [](const std::string& store, const char* os, bool padded = false) {
+    auto encoded = *OrvBase64URLEncodedStringFromString(store);
+    if (padded) encoded.append((4 - encoded.size() % 4) % 4, '=');
+    return "/ads/root/url/" + encoded + "/product/kaleth/os/" + os;
+  };
+  const std::string store = "https://store.example.com:443/Store";
+  const std::pair<std::string, std::int64_t> cases[] = {
+      // Domains match ignoring case, percent-decoded; store URLs come in base64url with or without padding.
+      {"/ads/root/domain/Example%2ECOM/", 200},
+      {settings(store, "macos", true) + "/channel/beta", 200},
+      {"/ads/root/domain/unknown.example/", 404},
+      {"/ads/root/domain/example.com", 404},
+      {settings("https://store.example.com/Store", "ios"), 404},
+      {settings(store, "ios") + "/channel/gamma", 404},
+      {settings(store, "android"), 404},
+      {"/ads/root/publickey/extra", 404},
+      {"/", 404},
+      {"/ads/root/url/not*base64/product/kaleth/os/ios", 400},
+  };
+  for (const auto& [path, status] : cases) {
+    auto outcome = fetch(*session, emulator->baseURL() + path);
+    EXPECT_EQ(outcome->status(), status) << path;
+    EXPECT_EQ(outcome->response && outcome->response->valueForHTTPHeaderField("Varnel-Signature"), status == 200) << path;
+  }
+  auto wrongMethod = requestFor(emulator->baseURL() + "/ads/root/publickey");
+  wrongMethod.setHTTPMethod("DELETE");
+  EXPECT_EQ(fetch(*session, wrongMethod)->status(), 405);
 }
 
 namespace {
@@ -216,42 +146,45 @@ void sendAll(CURL* easy, std::string_view bytes) {
   }
 }
 
-// Everything the server sends until it closes the connection (or the wait runs out).
-std::string receiveUntilClosed(CURL* easy) {
+// Everything the server sends until it closes the connection; nullopt when it keeps it open.
+std::optional<std::string> receiveUntilClosed(CURL* easy) {
   std::string received;
-  pollUntil([&] {
-    char buffer[4096];
-    std::size_t got = 0;
-    const CURLcode code = curl_easy_recv(easy, buffer, sizeof buffer, &got);
-    if (code == CURLE_AGAIN) return false;
-    received.append(buffer, got);
-    return code != CURLE_OK || got == 0;
-  });
-  return received;
+  const bool closed = pollUntil(
+      [&] {
+        char buffer[4096];
+        std::size_t got = 0;
+        const CURLcode code = curl_easy_recv(easy, buffer, sizeof buffer, &got);
+        if (code == CURLE_AGAIN) return false;
+        received.append(buffer, got);
+        return code != CURLE_OK || got == 0;
+      },
+      std::chrono::seconds(5));
+  return closed ? std::optional(received) : std::nullopt;
 }
 
 }  // namespace
 
 TEST(DiscoveryEmulatorRobustness, RefusesBadRequestsAndSurvivesBrokenClients) {
-  orv::emulator::EmulatorOptions options;
-  options.idleTimeout = std::chrono::milliseconds(300);
-  options.maxHeaderBytes = 2048;
-  auto emulator = startEmulator(options);
+  auto emulator = startEmulator({.idleTimeout = std::chrono::milliseconds(300), .maxHeaderBytes = 2048});
   ASSERT_TRUE(emulator);
-
-  auto garbage = rawConnection(*emulator);
-  sendAll(garbage.get(), "NOT AN HTTP REQUEST\r\n\r\n");
-  EXPECT_EQ(receiveUntilClosed(garbage.get()).rfind("HTTP/1.1 400", 0), 0u);
-
-  auto huge = rawConnection(*emulator);
-  sendAll(huge.get(), "GET /ads/root/publickey HTTP/1.1\r\nHost: x\r\nX-Big: " + std::string(4096, 'a') + "\r\n\r\n");
-  EXPECT_EQ(receiveUntilClosed(huge.get()).rfind("HTTP/1.1 431", 0), 0u);
-
-  // Half a request, then the client gives up; and a connection that says nothing is closed for idleness.
+  // What the client sends, and how the emulator's answer begins before it closes the connection; a
+  // connection that says nothing is closed for idleness.
+  const std::pair<std::string, std::string> cases[] = {
+      {"NOT AN HTTP REQUEST\r\n\r\n", "HTTP/1.1 400"},
+      {"GET /ads/root/publickey HTTP/1.1\r\nHost: x\r\nX-Big: " + std::string(4096, 'a') + "\r\n\r\n", "HTTP/1.1 431"},
+      {"", ""},
+  };
+  for (const auto& [request, answer] : cases) {
+    auto connection = rawConnection(*emulator);
+    sendAll(connection.get(), request);
+    const auto received = receiveUntilClosed(connection.get());
+    ASSERT_TRUE(received) << "left open: " << request.substr(0, 30);
+    EXPECT_EQ(answer.empty() ? *received : received->substr(0, answer.size()), answer) << request.substr(0, 30);
+  }
+  // Half a request, then the client gives up.
   { sendAll(rawConnection(*emulator).get(), "GET /ads/root/publickey HTTP/1.1\r\nHo"); }
-  auto idle = rawConnection(*emulator);
-  EXPECT_EQ(receiveUntilClosed(idle.get()), "");
 
-  auto session = trustingSession(*emulator);
-  EXPECT_EQ(fetch(*session, emulator->baseURL() + "/ads/root/publickey")->status(), 200);
+  OrvCurlURLSessionConfiguration configuration;
+  configuration.caFile = emulator->tlsCAFile();
+  EXPECT_EQ(fetch(*OrvCurlURLSession::create(configuration), emulator->baseURL() + "/ads/root/publickey")->status(), 200);
 }

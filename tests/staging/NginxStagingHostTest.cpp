@@ -18,7 +18,6 @@
 
 #include "EmulatorHarness.h"
 #include "OrvAppConfigAutoDiscoverRecord.h"
-#include "OrvAppConfigDiscoveryHosts.h"
 #include "OrvAppConfigSettingsRecord.h"
 #include "OrvDiscoveryEmulator.h"
 #include "TestSupport.h"
@@ -84,84 +83,85 @@ class NginxProcess {
   bool reaped_ = false;
 };
 
-struct DiscoveryHostsOverride {
-  explicit DiscoveryHostsOverride(const std::string& host) {
-    OrvAppConfigDiscoveryHosts::setProductionHost(host);
-    OrvAppConfigDiscoveryHosts::setStagingHost(host);
+// Serves an exported catalog from nginx on a free loopback port, with the discovery hosts pointed at it.
+class NginxStagingHostTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (access(kNginx, X_OK) != 0) GTEST_SKIP() << kNginx << " is not installed (Debian's nginx package provides it)";
+    std::string error;
+    ASSERT_TRUE(orv::emulator::generateMaterial(material.path().string(), &error)) << error;
   }
-  ~DiscoveryHostsOverride() {
-    OrvAppConfigDiscoveryHosts::setProductionHost(std::nullopt);
-    OrvAppConfigDiscoveryHosts::setStagingHost(std::nullopt);
-  }
-};
 
-using SettingsCapture =
-    Capture<OrvAppConfigServiceCompletionStatus, std::optional<OrvAppConfigStoreSettingsDictionary>, std::optional<OrvError>>;
+  // The emulator's demo catalog unless another is given.
+  void serve(std::optional<std::string> catalogJSON = std::nullopt) {
+    const orv::emulator::ExportOptions options{.materialDir = material.path().string(),
+                                               .catalogJSON = std::move(catalogJSON),
+                                               .port = orv::emulator::freeLoopbackPort()};
+    ASSERT_NE(options.port, 0);
+    std::string error;
+    ASSERT_TRUE(orv::emulator::exportCatalog(options, out.path().string(), &error)) << error;
+    nginx = std::make_unique<NginxProcess>(out.path());
+    ASSERT_TRUE(nginx->waitUntilAccepting(options.port)) << readFile(out.file("error.log"));
+    hosts.emplace("127.0.0.1:" + std::to_string(options.port));
+  }
+
+  std::shared_ptr<OrvAppConfigService> makeService(bool trustSigningCA) {
+    OrvCurlURLSessionConfiguration configuration;
+    configuration.caFile = material.file(orv::emulator::kTLSCAFile);
+    OrvSecurityUtilsService::Configuration security;
+    if (trustSigningCA) {
+      security.trustAnchors = OrvSecurityUtilsService::loadCertificatesFromPEMFile(material.file(orv::emulator::kSigningCAFile))
+                                  .value_or(std::vector<OrvCertificateRef>{});
+      EXPECT_FALSE(security.trustAnchors.empty());
+    }
+    return OrvAppConfigService::initWithURLSession(OrvCurlURLSession::create(configuration),
+                                                   std::make_shared<OrvHttpHeaderProviderService>(),
+                                                   OrvSecurityUtilsService::create(security), nullptr);
+  }
+
+  std::vector<std::string> accessLog() const {
+    std::istringstream log(readFile(out.file("access.log")));
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(log, line);) lines.push_back(line);
+    return lines;
+  }
+
+  TemporaryDirectory material, out;
+  std::unique_ptr<NginxProcess> nginx;
+  std::optional<DiscoveryHostsOverride> hosts;
+};
 
 }  // namespace
 
-TEST(NginxStagingHostTest, ClientDiscoversAndRetrievesSettingsFromAnExportedCatalogOverHTTP2) {
-  if (access(kNginx, X_OK) != 0) GTEST_SKIP() << kNginx << " is not installed (Debian's nginx package provides it)";
-
-  TemporaryDirectory material, out;
-  std::string error;
-  ASSERT_TRUE(orv::emulator::generateMaterial(material.path().string(), &error)) << error;
-  orv::emulator::ExportOptions options;
-  options.materialDir = material.path().string();
-  options.port = orv::emulator::freeLoopbackPort();
-  ASSERT_NE(options.port, 0);
-  ASSERT_TRUE(orv::emulator::exportCatalog(options, out.path().string(), &error)) << error;
-
+TEST_F(NginxStagingHostTest, ClientDiscoversAndRetrievesSettingsFromAnExportedCatalogOverHTTP2) {
+  ASSERT_NO_FATAL_FAILURE(serve());
   // Static files cannot be stamped per request: their validity was fixed at export.
   const auto answer = boost::json::parse(readFile(out.file("root/ads/root/domain/example.com/answer.json"))).as_object();
   EXPECT_EQ(answer.at("exp").to_number<std::int64_t>() - answer.at("iat").to_number<std::int64_t>(), 30 * 24 * 3600 + 60);
-
-  NginxProcess nginx(out.path());
-  ASSERT_TRUE(nginx.waitUntilAccepting(options.port)) << readFile(out.file("error.log"));
-
-  const DiscoveryHostsOverride hosts("127.0.0.1:" + std::to_string(options.port));
-  OrvCurlURLSessionConfiguration configuration;
-  configuration.caFile = material.file(orv::emulator::kTLSCAFile);
-  auto session = OrvCurlURLSession::create(configuration);
-  OrvSecurityUtilsService::Configuration securityConfiguration;
-  securityConfiguration.trustAnchors =
-      OrvSecurityUtilsService::loadCertificatesFromPEMFile(material.file(orv::emulator::kSigningCAFile))
-          .value_or(std::vector<OrvCertificateRef>{});
-  ASSERT_FALSE(securityConfiguration.trustAnchors.empty());
-  auto service = OrvAppConfigService::initWithURLSession(session, std::make_shared<OrvHttpHeaderProviderService>(),
-                                                         OrvSecurityUtilsService::create(securityConfiguration), nullptr);
+  auto service = makeService(/*trustSigningCA=*/true);
 
   // The domain as a user may type it: nginx has to match it ignoring case, as the emulator does.
-  Capture<OrvAppConfigServiceCompletionStatus, std::shared_ptr<OrvAppConfigAutoDiscoverRecord>, std::optional<OrvError>>
-      discovered;
-  service->asyncStartAutodiscoveryForUserInput("user@Example.COM", 0, discovered.block());
-  ASSERT_TRUE(discovered.wait());
-  EXPECT_EQ(std::get<0>(discovered.values), 0u) << readFile(out.file("access.log"));
-  ASSERT_TRUE(std::get<1>(discovered.values));
-  EXPECT_EQ(std::get<1>(discovered.values)->domain()->name(), "example.com");
-  EXPECT_EQ(std::get<1>(discovered.values)->kaleth()->serviceUrls()->size(), 2u);
+  const auto discovered = discover(*service, "user@Example.COM");
+  EXPECT_EQ(discovered.status, 0u) << readFile(out.file("access.log"));
+  ASSERT_TRUE(discovered.result);
+  EXPECT_EQ(discovered.result->domain()->name(), "example.com");
+  EXPECT_EQ(discovered.result->kaleth()->serviceUrls()->size(), 2u);
 
   const auto storeURL = *OrvURL::URLWithString("https://store.example.com/Store");
-  const auto appsURL = *OrvURL::URLWithString("https://apps.example.com/Store");
-  SettingsCapture macos;
-  service->asyncStartSettingsRetrievalForStoreUrls({storeURL, appsURL}, 0, 1, std::nullopt, macos.block());
-  ASSERT_TRUE(macos.wait());
-  EXPECT_EQ(std::get<0>(macos.values), 0u);
-  ASSERT_TRUE(std::get<1>(macos.values));
-  ASSERT_EQ(std::get<1>(macos.values)->size(), 2u);
-  EXPECT_EQ(std::get<1>(macos.values)->at(storeURL)->kaleth()->name(), "Example Store");
+  const auto macos = retrieve(*service, {storeURL, *OrvURL::URLWithString("https://apps.example.com/Store")}, std::nullopt,
+                              OrvAppConfigPlatformMacOS);
+  EXPECT_EQ(macos.status, 0u);
+  ASSERT_TRUE(macos.result);
+  ASSERT_EQ(macos.result->size(), 2u);
+  EXPECT_EQ(macos.result->at(storeURL)->kaleth()->name(), "Example Store");
 
-  SettingsCapture beta;
-  service->asyncStartSettingsRetrievalForStoreUrls({storeURL}, 0, 0, "beta", beta.block());
-  ASSERT_TRUE(beta.wait());
-  EXPECT_EQ(std::get<0>(beta.values), 0u);
-  ASSERT_TRUE(std::get<1>(beta.values) && std::get<1>(beta.values)->contains(storeURL));
-  EXPECT_EQ(std::get<1>(beta.values)->at(storeURL)->settingsChannel()->channelName(), "beta");
+  const auto beta = retrieve(*service, {storeURL}, "beta");
+  EXPECT_EQ(beta.status, 0u);
+  ASSERT_TRUE(beta.result && beta.result->contains(storeURL));
+  EXPECT_EQ(beta.result->at(storeURL)->settingsChannel()->channelName(), "beta");
 
   // Every request went over HTTP/2, the certificate fetch included.
-  std::istringstream log(readFile(out.file("access.log")));
-  std::vector<std::string> lines;
-  for (std::string line; std::getline(log, line);) lines.push_back(line);
+  const auto lines = accessLog();
   EXPECT_GE(lines.size(), 5u);
   for (const auto& line : lines) EXPECT_NE(line.find(" HTTP/2.0 \"GET "), std::string::npos) << line;
   const auto requested = [&](std::string_view path) {
@@ -173,12 +173,11 @@ TEST(NginxStagingHostTest, ClientDiscoversAndRetrievesSettingsFromAnExportedCata
 
 // A burst of stores, more than one connection's streams, asked twice on one session: everything rides
 // one TLS connection, the second request included.
-TEST(NginxStagingHostTest, ManyStoresRepeatedShareOneConnection) {
-  if (access(kNginx, X_OK) != 0) GTEST_SKIP() << kNginx << " is not installed (Debian's nginx package provides it)";
-  constexpr int kStores = 300;
+TEST_F(NginxStagingHostTest, ManyStoresRepeatedShareOneConnection) {
+  constexpr std::size_t kStores = 300;
   boost::json::object stores;
   OrvAppConfigStoreURLSet urls;
-  for (int i = 0; i < kStores; ++i) {
+  for (std::size_t i = 0; i < kStores; ++i) {
     const std::string name = "https://s" + std::to_string(i) + ".example.com:443/Store";
     boost::json::object answer;
     answer["kaleth"] = boost::json::parse(
@@ -187,35 +186,18 @@ TEST(NginxStagingHostTest, ManyStoresRepeatedShareOneConnection) {
     stores[name] = boost::json::object{{"ios", std::move(answer)}};
     urls.insert(*OrvURL::URLWithString(name));
   }
-  TemporaryDirectory material, out;
-  std::string error;
-  ASSERT_TRUE(orv::emulator::generateMaterial(material.path().string(), &error)) << error;
-  orv::emulator::ExportOptions options;
-  options.materialDir = material.path().string();
-  options.catalogJSON = boost::json::serialize(boost::json::object{{"domains", boost::json::object{}}, {"stores", stores}});
-  options.port = orv::emulator::freeLoopbackPort();
-  ASSERT_TRUE(orv::emulator::exportCatalog(options, out.path().string(), &error)) << error;
-  NginxProcess nginx(out.path());
-  ASSERT_TRUE(nginx.waitUntilAccepting(options.port)) << readFile(out.file("error.log"));
-
-  const DiscoveryHostsOverride hosts("127.0.0.1:" + std::to_string(options.port));
-  OrvCurlURLSessionConfiguration configuration;
-  configuration.caFile = material.file(orv::emulator::kTLSCAFile);
-  auto service = OrvAppConfigService::initWithURLSession(OrvCurlURLSession::create(configuration),
-                                                         std::make_shared<OrvHttpHeaderProviderService>(),
-                                                         OrvSecurityUtilsService::create(), nullptr);
+  ASSERT_NO_FATAL_FAILURE(
+      serve(boost::json::serialize(boost::json::object{{"domains", boost::json::object{}}, {"stores", stores}})));
+  auto service = makeService(/*trustSigningCA=*/false);
   for (int round = 0; round < 2; ++round) {
-    SettingsCapture settings;
-    service->asyncStartSettingsRetrievalForStoreUrls(urls, 0, 0, std::nullopt, settings.block());
-    ASSERT_TRUE(settings.wait(std::chrono::seconds(60)));
-    EXPECT_EQ(std::get<0>(settings.values), 0u);
-    EXPECT_EQ(std::get<1>(settings.values).value_or(OrvAppConfigStoreSettingsDictionary{}).size(), std::size_t(kStores));
+    const auto settings = retrieve(*service, urls, std::nullopt, 0, std::chrono::seconds(60));
+    EXPECT_EQ(settings.status, 0u);
+    EXPECT_EQ(settings.result.value_or(OrvAppConfigStoreSettingsDictionary{}).size(), kStores);
   }
 
-  std::istringstream log(readFile(out.file("access.log")));
   std::set<std::string> connections;
-  std::size_t requests = 0;
-  for (std::string line; std::getline(log, line); ++requests) connections.insert(line.substr(line.rfind("connection=")));
-  EXPECT_EQ(requests, 2u * (kStores + 1));
+  const auto lines = accessLog();
+  for (const auto& line : lines) connections.insert(line.substr(line.rfind("connection=")));
+  EXPECT_EQ(lines.size(), 2u * (kStores + 1));
   EXPECT_EQ(connections.size(), 1u) << "TLS connections opened";
 }

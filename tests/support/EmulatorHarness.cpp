@@ -6,8 +6,7 @@
 #include <random>
 #include <sstream>
 
-#include "OrvAppConfigDiscoveryHosts.h"
-#include "TestSupport.h"
+#include "OrvSDKStringUtils.h"
 
 namespace orv::test {
 
@@ -34,6 +33,11 @@ std::string readFile(const std::string& path) {
   return text.str();
 }
 
+std::string settingsPath(const std::string& normalisedStore, std::string_view os) {
+  return "/ads/root/url/" + OrvBase64URLEncodedStringFromString(normalisedStore).value_or("") + "/product/kaleth/os/" +
+         std::string(os);
+}
+
 EmulatorHarness::EmulatorHarness(HarnessOptions options) {
   std::string error;
   if (!orv::emulator::generateMaterial(material_.path().string(), &error)) ADD_FAILURE() << error;
@@ -47,27 +51,18 @@ EmulatorHarness::EmulatorHarness(HarnessOptions options) {
     ADD_FAILURE() << "emulator: " << error;
     return;
   }
-  OrvAppConfigDiscoveryHosts::setProductionHost(emulator_->hostAndPort());
-  OrvAppConfigDiscoveryHosts::setStagingHost(emulator_->hostAndPort());
+  hosts_.emplace(emulator_->hostAndPort());
   OrvCurlURLSessionConfiguration configuration;
   configuration.caFile = emulator_->tlsCAFile();
   session = OrvCurlURLSession::create(configuration);
-  OrvSecurityUtilsService::Configuration securityConfiguration;
-  if (options.useTrustAnchors) {
-    securityConfiguration.trustAnchors =
-        OrvSecurityUtilsService::loadCertificatesFromPEMFile(material_.file(orv::emulator::kSigningCAFile))
-            .value_or(std::vector<OrvCertificateRef>{});
-  }
-  security = OrvSecurityUtilsService::create(securityConfiguration);
-  rebuildService(session, security, options.featureFlags);
+  security = OrvSecurityUtilsService::create();
+  rebuildService(session, security);
 }
 
 EmulatorHarness::~EmulatorHarness() {
   service.reset();
   session.reset();
   emulator_.reset();
-  OrvAppConfigDiscoveryHosts::setProductionHost(std::nullopt);
-  OrvAppConfigDiscoveryHosts::setStagingHost(std::nullopt);
 }
 
 void EmulatorHarness::rebuildService(std::shared_ptr<OrvURLSession> urlSession,

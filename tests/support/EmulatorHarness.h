@@ -9,6 +9,7 @@
 #include "OrvCurlURLSession.h"
 #include "OrvDiscoveryEmulator.h"
 #include "OrvSecurityUtilsService.h"
+#include "TestSupport.h"
 
 namespace orv::test {
 
@@ -26,12 +27,12 @@ class TemporaryDirectory {
 
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& text);
+// Where the emulator answers for a store's settings, the store URL as the client normalises it.
+std::string settingsPath(const std::string& normalisedStore, std::string_view os = "ios");
 
 struct HarnessOptions {
   std::optional<std::string> catalogJSON;
   std::string algorithm = "RS256";
-  bool useTrustAnchors = false;
-  std::shared_ptr<OrvFeatureFlagProviderProtocol> featureFlags;
   // Runs on the freshly generated material before the emulator reads it.
   std::function<void(const class TemporaryDirectory&)> prepareMaterial;
 };
@@ -56,6 +57,7 @@ class EmulatorHarness {
  private:
   TemporaryDirectory material_;
   std::unique_ptr<orv::emulator::DiscoveryEmulator> emulator_;
+  std::optional<DiscoveryHostsOverride> hosts_;
 };
 
 }  // namespace orv::test

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <thread>
 
-#include "OrvAppConfigService.h"
+#include <gtest/gtest.h>
+
+#include "OrvAppConfigDiscoveryHosts.h"
 #include "OrvOperationQueue.h"
 
 namespace orv::test {
@@ -108,6 +110,50 @@ bool pollUntil(const std::function<bool()>& predicate, std::chrono::milliseconds
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   return true;
+}
+
+namespace {
+
+template <typename Result, typename Start>
+Delivered<Result> deliver(Start start, std::chrono::milliseconds timeout) {
+  Capture<OrvAppConfigServiceCompletionStatus, Result, std::optional<OrvError>> capture;
+  start(capture.block());
+  EXPECT_EQ(capture.calls, 0) << "delivered before the entry point returned";
+  EXPECT_TRUE(capture.wait(timeout));
+  EXPECT_EQ(capture.calls, 1);
+  EXPECT_TRUE(capture.onMainQueue);
+  auto& [status, result, error] = capture.values;
+  return {status, std::move(result), std::move(error)};
+}
+
+}  // namespace
+
+Delivered<std::shared_ptr<OrvAppConfigAutoDiscoverRecord>> discover(OrvAppConfigService& service,
+                                                                    std::optional<std::string> input, std::uint64_t hostType) {
+  return deliver<std::shared_ptr<OrvAppConfigAutoDiscoverRecord>>(
+      [&](auto block) { service.asyncStartAutodiscoveryForUserInput(std::move(input), hostType, std::move(block)); },
+      std::chrono::seconds(20));
+}
+
+Delivered<std::optional<OrvAppConfigStoreSettingsDictionary>> retrieve(OrvAppConfigService& service,
+                                                                       OrvAppConfigStoreURLSet stores,
+                                                                       std::optional<std::string> channel, std::uint64_t platform,
+                                                                       std::chrono::milliseconds timeout) {
+  return deliver<std::optional<OrvAppConfigStoreSettingsDictionary>>(
+      [&](auto block) {
+        service.asyncStartSettingsRetrievalForStoreUrls(std::move(stores), 0, platform, std::move(channel), std::move(block));
+      },
+      timeout);
+}
+
+DiscoveryHostsOverride::DiscoveryHostsOverride(const std::string& production, std::optional<std::string> staging) {
+  OrvAppConfigDiscoveryHosts::setProductionHost(production);
+  OrvAppConfigDiscoveryHosts::setStagingHost(staging.value_or(production));
+}
+
+DiscoveryHostsOverride::~DiscoveryHostsOverride() {
+  OrvAppConfigDiscoveryHosts::setProductionHost(std::nullopt);
+  OrvAppConfigDiscoveryHosts::setStagingHost(std::nullopt);
 }
 
 }  // namespace orv::test

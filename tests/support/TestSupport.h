@@ -10,6 +10,8 @@
 #include <tuple>
 #include <vector>
 
+#include "OrvAppConfigAutoDiscoverRecord.h"
+#include "OrvAppConfigService.h"
 #include "OrvFeatureFlagProviderProtocol.h"
 #include "OrvHttpHeaderProviderServiceProtocol.h"
 #include "OrvMainQueue.h"
@@ -114,6 +116,31 @@ struct Capture {
   bool wait(std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
     return runMainQueueUntil([this] { return calls.load() > 0; }, timeout);
   }
+};
+
+using AutoDiscoveryCapture =
+    Capture<OrvAppConfigServiceCompletionStatus, std::shared_ptr<OrvAppConfigAutoDiscoverRecord>, std::optional<OrvError>>;
+
+// What one request's completion received.
+template <typename Result>
+struct Delivered {
+  OrvAppConfigServiceCompletionStatus status = 99;
+  Result result;
+  std::optional<OrvError> error;
+};
+
+// Runs one request to its completion, and fails the test unless that completion came once, later, on the
+// main queue: every delivery is asynchronous, refusals included.
+Delivered<std::shared_ptr<OrvAppConfigAutoDiscoverRecord>> discover(OrvAppConfigService& service,
+                                                                    std::optional<std::string> input, std::uint64_t hostType = 0);
+Delivered<std::optional<OrvAppConfigStoreSettingsDictionary>> retrieve(
+    OrvAppConfigService& service, OrvAppConfigStoreURLSet stores, std::optional<std::string> channel = std::nullopt,
+    std::uint64_t platform = 0, std::chrono::milliseconds timeout = std::chrono::seconds(20));
+
+// Points both discovery hosts somewhere for the life of the object, then back to the defaults.
+struct DiscoveryHostsOverride {
+  explicit DiscoveryHostsOverride(const std::string& production, std::optional<std::string> staging = std::nullopt);
+  ~DiscoveryHostsOverride();
 };
 
 }  // namespace orv::test

@@ -5,11 +5,9 @@
 #include <boost/json.hpp>
 
 #include "EmulatorHarness.h"
-#include "OrvSDKStringUtils.h"
 #include "TestSupport.h"
 
 using namespace orv::test;
-using ::testing::HasSubstr;
 
 namespace {
 
@@ -47,27 +45,20 @@ const OrvAppConfigTraceStep* findStep(const OrvAppConfigRequestTrace& trace, std
 TEST(DiagnosticsTraceTest, NamesTheURLAndRuleThatFailedWithoutChangingTheOutcome) {
   EmulatorHarness harness({kCatalog});
   auto collector = std::make_shared<TraceCollector>();
-  std::size_t tracesBeforeCompletion = 99;
-  const auto discover = [&](const char* input) {
-    Capture<OrvAppConfigServiceCompletionStatus, std::shared_ptr<OrvAppConfigAutoDiscoverRecord>, std::optional<OrvError>>
-        capture;
-    harness.service->asyncStartAutodiscoveryForUserInput(input, 0,
-                                                         [&, block = capture.block()](auto status, auto record, auto error) {
-                                                           tracesBeforeCompletion = collector->traces.size();
-                                                           block(status, std::move(record), std::move(error));
-                                                         });
-    EXPECT_TRUE(capture.wait());
-    return std::get<0>(capture.values);
-  };
-
-  orv::emulator::FaultSpec badSignature;
-  badSignature.corruptSignature = true;
-  harness.emulator().setFault("/ads/root/domain/example.com/", badSignature);
-  EXPECT_EQ(discover("user@example.com"), 2u);
+  harness.emulator().setFault("/ads/root/domain/example.com/", {.corruptSignature = true});
+  EXPECT_EQ(discover(*harness.service, "user@example.com").status, 2u);
   EXPECT_TRUE(collector->traces.empty()) << "no delegate, no trace";
 
   harness.service->setDiagnosticsDelegate(collector);
-  EXPECT_EQ(discover("user@example.com"), 2u);
+  AutoDiscoveryCapture capture;
+  std::size_t tracesBeforeCompletion = 99;
+  harness.service->asyncStartAutodiscoveryForUserInput("user@example.com", 0,
+                                                       [&, block = capture.block()](auto status, auto record, auto error) {
+                                                         tracesBeforeCompletion = collector->traces.size();
+                                                         block(status, std::move(record), std::move(error));
+                                                       });
+  ASSERT_TRUE(capture.wait());
+  EXPECT_EQ(std::get<0>(capture.values), 2u);
   ASSERT_EQ(collector->traces.size(), 1u);
   EXPECT_EQ(tracesBeforeCompletion, 1u) << "the trace arrives just before the completion block";
   EXPECT_TRUE(collector->onMainQueue);
@@ -77,13 +68,13 @@ TEST(DiagnosticsTraceTest, NamesTheURLAndRuleThatFailedWithoutChangingTheOutcome
   ASSERT_TRUE(signature);
   EXPECT_FALSE(signature->passed);
   EXPECT_EQ(signature->rule, OrvSecurityUtilsResultSignatureMismatch);
-  EXPECT_THAT(forged.explanation(), HasSubstr("rule 15 OrvSecurityUtilsResultSignatureMismatch"));
+  EXPECT_THAT(forged.explanation(), ::testing::HasSubstr("rule 15 OrvSecurityUtilsResultSignatureMismatch"));
   const auto json = boost::json::parse(forged.JSONString()).as_object();
   EXPECT_EQ(json.at("steps").as_array().size(), forged.steps.size());
 
   // The probe of the whole host shows as its own step, between the two queries.
   harness.emulator().clearFaults();
-  EXPECT_EQ(discover("https://portal.eu.example.org/x"), 0u);
+  EXPECT_EQ(discover(*harness.service, "https://portal.eu.example.org/x").status, 0u);
   const auto& probed = *collector->traces.back();
   ASSERT_TRUE(findStep(probed, "auto-discover query", "/domain/example.org/"));
   EXPECT_EQ(findStep(probed, "auto-discover query", "/domain/example.org/")->httpStatus, 404);
@@ -91,7 +82,7 @@ TEST(DiagnosticsTraceTest, NamesTheURLAndRuleThatFailedWithoutChangingTheOutcome
   EXPECT_TRUE(findStep(probed, "domain match") && findStep(probed, "domain match")->passed);
 
   harness.service->setDiagnosticsDelegate(nullptr);
-  EXPECT_EQ(discover("user@example.com"), 0u);
+  EXPECT_EQ(discover(*harness.service, "user@example.com").status, 0u);
   EXPECT_EQ(collector->traces.size(), 2u);
 }
 
@@ -99,20 +90,11 @@ TEST(DiagnosticsTraceTest, SettingsThatFailWithoutAnErrorStillSayWhyForEachStore
   EmulatorHarness harness({kCatalog});
   auto collector = std::make_shared<TraceCollector>();
   harness.service->setDiagnosticsDelegate(collector);
-  orv::emulator::FaultSpec drop;
-  drop.dropMidBody = true;
-  harness.emulator().setFault(
-      "/ads/root/url/" + *OrvBase64URLEncodedStringFromString("https://store.example.com:443/Store") + "/product/kaleth/os/ios",
-      drop);
-
-  Capture<OrvAppConfigServiceCompletionStatus, std::optional<OrvAppConfigStoreSettingsDictionary>, std::optional<OrvError>>
-      capture;
-  harness.service->asyncStartSettingsRetrievalForStoreUrls(
-      {*OrvURL::URLWithString("https://store.example.com/Store"), *OrvURL::URLWithString("https://gone.example.com/Store")}, 0, 0,
-      capture.block());
-  ASSERT_TRUE(capture.wait());
-  EXPECT_EQ(std::get<0>(capture.values), 3u);
-  EXPECT_EQ(std::get<2>(capture.values), std::nullopt);
+  harness.emulator().setFault(settingsPath("https://store.example.com:443/Store"), {.dropMidBody = true});
+  const auto failed = retrieve(*harness.service, {*OrvURL::URLWithString("https://store.example.com/Store"),
+                                                  *OrvURL::URLWithString("https://gone.example.com/Store")});
+  EXPECT_EQ(failed.status, 3u);
+  EXPECT_EQ(failed.error, std::nullopt);
 
   ASSERT_EQ(collector->traces.size(), 1u);
   const auto& trace = *collector->traces[0];
