@@ -252,10 +252,8 @@ boost::json::object settingsJSON(const std::map<std::string, std::shared_ptr<Orv
 }
 
 bool writeArchive(const std::string& file, const std::map<std::string, std::shared_ptr<OrvAppConfigSettingsRecord>>& settings) {
-  OrvObjectDictionary root;
-  for (const auto& [url, record] : settings) root.push_back({url, OrvObject(std::shared_ptr<OrvSecureCoding>(record))});
   std::optional<OrvError> error;
-  const auto data = OrvKeyedArchiver::archivedDataWithRootObject(OrvObject(std::move(root)), &error);
+  const auto data = OrvKeyedArchiver::archivedDataWithRootObject(settings, &error);
   if (!data) {
     fmt::print(stderr, "cannot archive the records: {}\n", error ? error->description() : std::string("unknown error"));
     return false;
@@ -391,23 +389,14 @@ int runShowArchive(const std::string& file) {
     return kExitInput;
   }
   std::optional<OrvError> error;
-  const auto root = OrvKeyedUnarchiver::unarchivedObjectOfClasses(
-      {&OrvClass::dictionary(), &OrvClass::string(), &OrvAppConfigSettingsRecord::orvClass()}, bytes.str(), &error);
-  const auto* entries = root ? root->dictionary() : nullptr;
-  if (!entries) {
-    fmt::print(stderr, "not an archive of settings records: {}\n",
-               error ? error->description() : std::string("the root is not a dictionary"));
+  using StoredSettings = std::map<std::string, std::shared_ptr<OrvAppConfigSettingsRecord>>;
+  const auto records = OrvKeyedUnarchiver::unarchivedObjectOfType<StoredSettings>(bytes.str(), &error);
+  if (!records) {
+    fmt::print(stderr, "not an archive of settings records: {}\n", error ? error->description() : std::string("the root is nil"));
     return kExitInput;
   }
   boost::json::object json;
-  for (const auto& entry : *entries) {
-    auto record = entry.value.objectAs<OrvAppConfigSettingsRecord>();
-    if (!record) {
-      fmt::print(stderr, "not an archive of settings records: the entry {} is not a settings record\n", entry.key);
-      return kExitInput;
-    }
-    json[entry.key] = OrvAppConfigSettingsRecordJSONObject(*record);
-  }
+  for (const auto& [url, record] : *records) json[url] = OrvAppConfigSettingsRecordJSONObject(*record);
   fmt::print("{}\n", boost::json::serialize(json));
   return 0;
 }

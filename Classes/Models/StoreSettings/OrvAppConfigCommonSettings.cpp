@@ -16,21 +16,12 @@ std::shared_ptr<Group> OrvAppConfigCommonSettings::groupFromJSON(const boost::js
 
 template <class Group>
 std::shared_ptr<Group> OrvAppConfigCommonSettings::groupFromCoder(OrvKeyedUnarchiver& coder) {
-  auto settings = coder.decodeArrayOfObjectsOfClasses<OrvAppConfigSingleAppSetting>(
-      {&OrvClass::array(), &OrvClass::mutableArray(), &OrvAppConfigSingleAppSetting::orvClass()}, "settings");
-  auto priority = coder.decodeNumberForKey("assignmentPriority");
-  const bool userOverride = coder.decodeBoolForKey("isUserOverride");
-  auto category = coder.decodeStringForKey("category");
-  auto assignedTo = coder.decodeArrayOfStringsOfClasses({&OrvClass::array(), &OrvClass::string()}, "assignedTo");
-  if (coder.error()) return nullptr;
+  auto settings = coder.decode<OrvAppConfigSingleAppSettingList>("settings");
+  auto priority = coder.decode<OrvNumber>("assignmentPriority");
+  const bool userOverride = coder.decode<bool>("isUserOverride").value_or(false);
+  auto category = coder.decode<std::string>("category");
+  auto assignedTo = coder.decode<std::vector<std::string>>("assignedTo");
   return Group::initWithAppSettings(std::move(settings), priority, userOverride, std::move(category), std::move(assignedTo));
-}
-
-template <class Group>
-const OrvClass& OrvAppConfigCommonSettings::registerGroupClass(const char* name, const OrvClass* superclass) {
-  return OrvClass::registerClass(
-      name, superclass, supportsSecureCoding(),
-      [](OrvKeyedUnarchiver& coder) -> std::shared_ptr<OrvSecureCoding> { return groupFromCoder<Group>(coder); });
 }
 
 std::shared_ptr<OrvAppConfigCommonSettings> OrvAppConfigCommonSettings::initWithAppSettings(
@@ -45,25 +36,20 @@ std::shared_ptr<OrvAppConfigCommonSettings> OrvAppConfigCommonSettings::initWith
   return groupFromJSON<OrvAppConfigCommonSettings>(jsonDictionary);
 }
 
-const OrvClass& OrvAppConfigCommonSettings::orvClass() {
-  static const OrvClass& cls = registerGroupClass<OrvAppConfigCommonSettings>("OrvAppConfigCommonSettings", nullptr);
-  return cls;
-}
-
 std::shared_ptr<OrvAppConfigCommonSettings> OrvAppConfigCommonSettings::initWithCoder(OrvKeyedUnarchiver& coder) {
   return groupFromCoder<OrvAppConfigCommonSettings>(coder);
 }
 
 void OrvAppConfigCommonSettings::encodeWithCoder(OrvKeyedArchiver& coder) const {
-  coder.encodeObjects(settings_, "settings");
-  coder.encodeNumber(assignmentPriority_, "assignmentPriority");
-  coder.encodeBool(isUserOverride_, "isUserOverride");
-  coder.encodeString(category_, "category");
-  coder.encodeStrings(assignedTo_, "assignedTo");
+  coder.encode(settings_, "settings");
+  coder.encode(assignmentPriority_, "assignmentPriority");
+  coder.encode(isUserOverride_, "isUserOverride");
+  coder.encode(category_, "category");
+  coder.encode(assignedTo_, "assignedTo");
 }
 
 bool operator==(const OrvAppConfigCommonSettings& a, const OrvAppConfigCommonSettings& b) {
-  return &a.classForCoder() == &b.classForCoder() && orv::detail::sameObjects(a.settings_, b.settings_) &&
+  return a.className() == b.className() && orv::detail::sameObjects(a.settings_, b.settings_) &&
          a.assignmentPriority_ == b.assignmentPriority_ && a.category_ == b.category_ && a.assignedTo_ == b.assignedTo_ &&
          a.isUserOverride_ == b.isUserOverride_;
 }
@@ -82,12 +68,6 @@ std::shared_ptr<OrvAppConfigSettingsMacOS> OrvAppConfigSettingsMacOS::initWithJS
   return groupFromJSON<OrvAppConfigSettingsMacOS>(jsonDictionary);
 }
 
-const OrvClass& OrvAppConfigSettingsMacOS::orvClass() {
-  static const OrvClass& cls =
-      registerGroupClass<OrvAppConfigSettingsMacOS>("OrvAppConfigSettingsMacOS", &OrvAppConfigCommonSettings::orvClass());
-  return cls;
-}
-
 std::shared_ptr<OrvAppConfigSettingsMacOS> OrvAppConfigSettingsMacOS::initWithCoder(OrvKeyedUnarchiver& coder) {
   return groupFromCoder<OrvAppConfigSettingsMacOS>(coder);
 }
@@ -104,12 +84,6 @@ std::shared_ptr<OrvAppConfigSettingsIos> OrvAppConfigSettingsIos::initWithAppSet
 std::shared_ptr<OrvAppConfigSettingsIos> OrvAppConfigSettingsIos::initWithJSONDictionary(
     const boost::json::object* jsonDictionary) {
   return groupFromJSON<OrvAppConfigSettingsIos>(jsonDictionary);
-}
-
-const OrvClass& OrvAppConfigSettingsIos::orvClass() {
-  static const OrvClass& cls =
-      registerGroupClass<OrvAppConfigSettingsIos>("OrvAppConfigSettingsIos", &OrvAppConfigCommonSettings::orvClass());
-  return cls;
 }
 
 std::shared_ptr<OrvAppConfigSettingsIos> OrvAppConfigSettingsIos::initWithCoder(OrvKeyedUnarchiver& coder) {

@@ -41,10 +41,10 @@ class OrvAppConfigCommonSettings : public OrvSecureCoding {
   bool isUserOverride() const noexcept { return isUserOverride_; }
   void setIsUserOverride(bool userOverride) noexcept { isUserOverride_ = userOverride; }
 
-  static const OrvClass& orvClass();
-  static bool supportsSecureCoding() noexcept { return true; }
+  static constexpr std::string_view orvClassName = "OrvAppConfigCommonSettings";
+  static constexpr bool supportsSecureCoding() noexcept { return true; }
   static std::shared_ptr<OrvAppConfigCommonSettings> initWithCoder(OrvKeyedUnarchiver& coder);
-  const OrvClass& classForCoder() const override { return orvClass(); }
+  std::string_view className() const override { return orvClassName; }
   void encodeWithCoder(OrvKeyedArchiver& coder) const override;
 
   // A group of one platform never equals the same group of the other platform.
@@ -56,8 +56,6 @@ class OrvAppConfigCommonSettings : public OrvSecureCoding {
   static std::shared_ptr<Group> groupFromJSON(const boost::json::object* jsonDictionary);
   template <class Group>
   static std::shared_ptr<Group> groupFromCoder(OrvKeyedUnarchiver& coder);
-  template <class Group>
-  static const OrvClass& registerGroupClass(const char* name, const OrvClass* superclass);
 
  private:
   std::optional<OrvAppConfigSingleAppSettingList> settings_;
@@ -77,9 +75,9 @@ class OrvAppConfigSettingsMacOS final : public OrvAppConfigCommonSettings {
                                                                         std::optional<std::vector<std::string>> assignedTo);
   static std::shared_ptr<OrvAppConfigSettingsMacOS> initWithJSONDictionary(const boost::json::object* jsonDictionary);
 
-  static const OrvClass& orvClass();
+  static constexpr std::string_view orvClassName = "OrvAppConfigSettingsMacOS";
   static std::shared_ptr<OrvAppConfigSettingsMacOS> initWithCoder(OrvKeyedUnarchiver& coder);
-  const OrvClass& classForCoder() const override { return orvClass(); }
+  std::string_view className() const override { return orvClassName; }
 };
 
 class OrvAppConfigSettingsIos final : public OrvAppConfigCommonSettings {
@@ -92,9 +90,15 @@ class OrvAppConfigSettingsIos final : public OrvAppConfigCommonSettings {
                                                                       std::optional<std::vector<std::string>> assignedTo);
   static std::shared_ptr<OrvAppConfigSettingsIos> initWithJSONDictionary(const boost::json::object* jsonDictionary);
 
-  static const OrvClass& orvClass();
+  static constexpr std::string_view orvClassName = "OrvAppConfigSettingsIos";
   static std::shared_ptr<OrvAppConfigSettingsIos> initWithCoder(OrvKeyedUnarchiver& coder);
-  const OrvClass& classForCoder() const override { return orvClass(); }
+  std::string_view className() const override { return orvClassName; }
+};
+
+// Where a group is asked for, a platform's group comes back as itself.
+template <>
+struct OrvCoderSubclasses<OrvAppConfigCommonSettings> {
+  using type = OrvClassList<OrvAppConfigSettingsMacOS, OrvAppConfigSettingsIos>;
 };
 
 using OrvAppConfigSettingsMacOSList = std::vector<std::shared_ptr<OrvAppConfigSettingsMacOS>>;

@@ -34,26 +34,15 @@ std::shared_ptr<OrvAppConfigSettingsApp> OrvAppConfigSettingsApp::initWithJSONDi
   return initWithMacOSSettings(std::move(macos), std::move(ios));
 }
 
-const OrvClass& OrvAppConfigSettingsApp::orvClass() {
-  static const OrvClass& cls =
-      OrvClass::registerClass("OrvAppConfigSettingsApp", nullptr, supportsSecureCoding(),
-                              [](OrvKeyedUnarchiver& coder) -> std::shared_ptr<OrvSecureCoding> { return initWithCoder(coder); });
-  return cls;
-}
-
 void OrvAppConfigSettingsApp::encodeWithCoder(OrvKeyedArchiver& coder) const {
-  coder.encodeObjects(ios_, "ios");
-  coder.encodeObjects(macos_, "macos");
+  coder.encode(ios_, "ios");
+  coder.encode(macos_, "macos");
 }
 
 std::shared_ptr<OrvAppConfigSettingsApp> OrvAppConfigSettingsApp::initWithCoder(OrvKeyedUnarchiver& coder) {
   // Each list admits only its own platform's class, so a group cannot change platform inside an archive.
-  auto macos = coder.decodeArrayOfObjectsOfClasses<OrvAppConfigSettingsMacOS>(
-      {&OrvClass::mutableArray(), &OrvClass::array(), &OrvAppConfigSettingsMacOS::orvClass()}, "macos");
-  auto ios = coder.decodeArrayOfObjectsOfClasses<OrvAppConfigSettingsIos>(
-      {&OrvClass::mutableArray(), &OrvClass::array(), &OrvAppConfigSettingsIos::orvClass()}, "ios");
-  if (coder.error()) return nullptr;
-  return initWithMacOSSettings(std::move(macos), std::move(ios));
+  auto macos = coder.decode<OrvAppConfigSettingsMacOSList>("macos");
+  return initWithMacOSSettings(std::move(macos), coder.decode<OrvAppConfigSettingsIosList>("ios"));
 }
 
 bool operator==(const OrvAppConfigSettingsApp& a, const OrvAppConfigSettingsApp& b) {

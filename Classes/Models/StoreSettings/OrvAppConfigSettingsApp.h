@@ -22,10 +22,10 @@ class OrvAppConfigSettingsApp : public OrvSecureCoding {
   const std::optional<OrvAppConfigSettingsMacOSList>& macos() const noexcept { return macos_; }
   void setMacos(std::optional<OrvAppConfigSettingsMacOSList> macos) { macos_ = std::move(macos); }
 
-  static const OrvClass& orvClass();
-  static bool supportsSecureCoding() noexcept { return true; }
+  static constexpr std::string_view orvClassName = "OrvAppConfigSettingsApp";
+  static constexpr bool supportsSecureCoding() noexcept { return true; }
   static std::shared_ptr<OrvAppConfigSettingsApp> initWithCoder(OrvKeyedUnarchiver& coder);
-  const OrvClass& classForCoder() const override { return orvClass(); }
+  std::string_view className() const override { return orvClassName; }
   void encodeWithCoder(OrvKeyedArchiver& coder) const override;
 
   friend bool operator==(const OrvAppConfigSettingsApp& a, const OrvAppConfigSettingsApp& b);

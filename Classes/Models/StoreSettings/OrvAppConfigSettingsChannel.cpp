@@ -13,19 +13,8 @@ std::shared_ptr<OrvAppConfigSettingsChannel> OrvAppConfigSettingsChannel::initWi
   return initWithChannelName(OrvJSON::jsonStringForKey(jsonDictionary, "channelName"));
 }
 
-const OrvClass& OrvAppConfigSettingsChannel::orvClass() {
-  static const OrvClass& cls =
-      OrvClass::registerClass("OrvAppConfigSettingsChannel", nullptr, supportsSecureCoding(),
-                              [](OrvKeyedUnarchiver& coder) -> std::shared_ptr<OrvSecureCoding> { return initWithCoder(coder); });
-  return cls;
-}
-
-void OrvAppConfigSettingsChannel::encodeWithCoder(OrvKeyedArchiver& coder) const {
-  coder.encodeString(channelName_, "channelName");
-}
+void OrvAppConfigSettingsChannel::encodeWithCoder(OrvKeyedArchiver& coder) const { coder.encode(channelName_, "channelName"); }
 
 std::shared_ptr<OrvAppConfigSettingsChannel> OrvAppConfigSettingsChannel::initWithCoder(OrvKeyedUnarchiver& coder) {
-  auto channelName = coder.decodeStringForKey("channelName");
-  if (coder.error()) return nullptr;
-  return initWithChannelName(std::move(channelName));
+  return initWithChannelName(coder.decode<std::string>("channelName"));
 }

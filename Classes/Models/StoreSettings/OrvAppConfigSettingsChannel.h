@@ -17,10 +17,10 @@ class OrvAppConfigSettingsChannel : public OrvSecureCoding {
   const std::optional<std::string>& channelName() const noexcept { return channelName_; }
   void setChannelName(std::optional<std::string> channelName) { channelName_ = std::move(channelName); }
 
-  static const OrvClass& orvClass();
-  static bool supportsSecureCoding() noexcept { return true; }
+  static constexpr std::string_view orvClassName = "OrvAppConfigSettingsChannel";
+  static constexpr bool supportsSecureCoding() noexcept { return true; }
   static std::shared_ptr<OrvAppConfigSettingsChannel> initWithCoder(OrvKeyedUnarchiver& coder);
-  const OrvClass& classForCoder() const override { return orvClass(); }
+  std::string_view className() const override { return orvClassName; }
   void encodeWithCoder(OrvKeyedArchiver& coder) const override;
 
   friend bool operator==(const OrvAppConfigSettingsChannel& a, const OrvAppConfigSettingsChannel& b) {

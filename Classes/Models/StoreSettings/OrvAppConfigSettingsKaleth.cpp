@@ -19,26 +19,18 @@ std::shared_ptr<OrvAppConfigSettingsKaleth> OrvAppConfigSettingsKaleth::initWith
       OrvJSON::jsonBoolForKey(jsonDictionary, "useForAppConfig"));
 }
 
-const OrvClass& OrvAppConfigSettingsKaleth::orvClass() {
-  static const OrvClass& cls =
-      OrvClass::registerClass("OrvAppConfigSettingsKaleth", nullptr, supportsSecureCoding(),
-                              [](OrvKeyedUnarchiver& coder) -> std::shared_ptr<OrvSecureCoding> { return initWithCoder(coder); });
-  return cls;
-}
-
 void OrvAppConfigSettingsKaleth::encodeWithCoder(OrvKeyedArchiver& coder) const {
-  coder.encodeObject(appSettings_, "appSettings");
-  coder.encodeString(name_, "name");
-  coder.encodeString(theDescription_, "theDescription");
-  coder.encodeBool(isUseForAppConfig_, "isUseForAppConfig");
+  coder.encode(appSettings_, "appSettings");
+  coder.encode(name_, "name");
+  coder.encode(theDescription_, "theDescription");
+  coder.encode(isUseForAppConfig_, "isUseForAppConfig");
 }
 
 std::shared_ptr<OrvAppConfigSettingsKaleth> OrvAppConfigSettingsKaleth::initWithCoder(OrvKeyedUnarchiver& coder) {
-  auto appSettings = coder.decodeObjectOfClass<OrvAppConfigSettingsApp>("appSettings");
-  auto name = coder.decodeStringForKey("name");
-  auto description = coder.decodeStringForKey("theDescription");
-  const bool useForAppConfig = coder.decodeBoolForKey("isUseForAppConfig");
-  if (coder.error()) return nullptr;
+  auto appSettings = coder.decode<std::shared_ptr<OrvAppConfigSettingsApp>>("appSettings");
+  auto name = coder.decode<std::string>("name");
+  auto description = coder.decode<std::string>("theDescription");
+  const bool useForAppConfig = coder.decode<bool>("isUseForAppConfig").value_or(false);
   return initWithAppSettings(std::move(appSettings), std::move(name), std::move(description), useForAppConfig);
 }
 

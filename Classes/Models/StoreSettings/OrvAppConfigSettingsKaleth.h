@@ -33,10 +33,10 @@ class OrvAppConfigSettingsKaleth : public OrvSecureCoding {
   bool isUseForAppConfig() const noexcept { return isUseForAppConfig_; }
   void setIsUseForAppConfig(bool useForAppConfig) noexcept { isUseForAppConfig_ = useForAppConfig; }
 
-  static const OrvClass& orvClass();
-  static bool supportsSecureCoding() noexcept { return true; }
+  static constexpr std::string_view orvClassName = "OrvAppConfigSettingsKaleth";
+  static constexpr bool supportsSecureCoding() noexcept { return true; }
   static std::shared_ptr<OrvAppConfigSettingsKaleth> initWithCoder(OrvKeyedUnarchiver& coder);
-  const OrvClass& classForCoder() const override { return orvClass(); }
+  std::string_view className() const override { return orvClassName; }
   void encodeWithCoder(OrvKeyedArchiver& coder) const override;
 
   friend bool operator==(const OrvAppConfigSettingsKaleth& a, const OrvAppConfigSettingsKaleth& b);

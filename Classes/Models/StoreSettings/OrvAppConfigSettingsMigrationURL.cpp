@@ -30,23 +30,14 @@ std::optional<OrvAppConfigSettingsMigrationURLList> OrvAppConfigSettingsMigratio
   return entries;
 }
 
-const OrvClass& OrvAppConfigSettingsMigrationURL::orvClass() {
-  static const OrvClass& cls =
-      OrvClass::registerClass("OrvAppConfigSettingsMigrationURL", nullptr, supportsSecureCoding(),
-                              [](OrvKeyedUnarchiver& coder) -> std::shared_ptr<OrvSecureCoding> { return initWithCoder(coder); });
-  return cls;
-}
-
 void OrvAppConfigSettingsMigrationURL::encodeWithCoder(OrvKeyedArchiver& coder) const {
-  coder.encodeNumber(dovrinValidUntil_, "dovrinValidUntil");
-  coder.encodeDate(dovrinValidUntilDate_, "dovrinValidUntilDate");
-  coder.encodeString(url_, "url");
+  coder.encode(dovrinValidUntil_, "dovrinValidUntil");
+  coder.encode(dovrinValidUntilDate_, "dovrinValidUntilDate");
+  coder.encode(url_, "url");
 }
 
 std::shared_ptr<OrvAppConfigSettingsMigrationURL> OrvAppConfigSettingsMigrationURL::initWithCoder(OrvKeyedUnarchiver& coder) {
-  auto validUntil = coder.decodeNumberForKey("dovrinValidUntil");
-  auto validUntilDate = coder.decodeDateForKey("dovrinValidUntilDate");
-  auto url = coder.decodeStringForKey("url");
-  if (coder.error()) return nullptr;
-  return initWithDovrinValidUntil(validUntil, validUntilDate, std::move(url));
+  auto validUntil = coder.decode<OrvNumber>("dovrinValidUntil");
+  auto validUntilDate = coder.decode<OrvDate>("dovrinValidUntilDate");
+  return initWithDovrinValidUntil(validUntil, validUntilDate, coder.decode<std::string>("url"));
 }

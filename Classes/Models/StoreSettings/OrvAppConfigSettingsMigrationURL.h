@@ -32,10 +32,10 @@ class OrvAppConfigSettingsMigrationURL : public OrvSecureCoding {
   const std::optional<std::string>& url() const noexcept { return url_; }
   void setUrl(std::optional<std::string> url) { url_ = std::move(url); }
 
-  static const OrvClass& orvClass();
-  static bool supportsSecureCoding() noexcept { return true; }
+  static constexpr std::string_view orvClassName = "OrvAppConfigSettingsMigrationURL";
+  static constexpr bool supportsSecureCoding() noexcept { return true; }
   static std::shared_ptr<OrvAppConfigSettingsMigrationURL> initWithCoder(OrvKeyedUnarchiver& coder);
-  const OrvClass& classForCoder() const override { return orvClass(); }
+  std::string_view className() const override { return orvClassName; }
   void encodeWithCoder(OrvKeyedArchiver& coder) const override;
 
   friend bool operator==(const OrvAppConfigSettingsMigrationURL& a, const OrvAppConfigSettingsMigrationURL& b) {

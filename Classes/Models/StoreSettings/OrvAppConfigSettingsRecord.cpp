@@ -1,7 +1,5 @@
 #include "OrvAppConfigSettingsRecord.h"
 
-#include <functional>
-
 #include "OrvAppConfigServiceConstants.h"
 #include "OrvAppConfigSettingsComparison.h"
 #include "OrvJSONAccessors.h"
@@ -72,42 +70,20 @@ void OrvAppConfigSettingsRecord::setIat(std::optional<OrvNumber> iat) {
   notValidBefore_ = iat ? std::optional<OrvDate>(orv::detail::dateFromEpochSeconds(*iat)) : std::nullopt;
 }
 
-const OrvClass& OrvAppConfigSettingsRecord::orvClass() {
-  static const OrvClass& cls = [] {
-    // The whole family is made known up front, so that a class swapped inside an archive reads as
-    // "not allowed" rather than "unknown", whichever classes the process happened to use before.
-    (void)OrvAppConfigSettingsKaleth::orvClass();
-    (void)OrvAppConfigSettingsApp::orvClass();
-    (void)OrvAppConfigCommonSettings::orvClass();
-    (void)OrvAppConfigSettingsIos::orvClass();
-    (void)OrvAppConfigSettingsMacOS::orvClass();
-    (void)OrvAppConfigSingleAppSetting::orvClass();
-    (void)OrvAppConfigSettingsURL::orvClass();
-    (void)OrvAppConfigSettingsMigrationURL::orvClass();
-    (void)OrvAppConfigSettingsChannel::orvClass();
-    return std::cref(OrvClass::registerClass(
-        "OrvAppConfigSettingsRecord", nullptr, supportsSecureCoding(),
-        [](OrvKeyedUnarchiver& coder) -> std::shared_ptr<OrvSecureCoding> { return initWithCoder(coder); }));
-  }();
-  return cls;
-}
-
 void OrvAppConfigSettingsRecord::encodeWithCoder(OrvKeyedArchiver& coder) const {
-  coder.encodeObject(kaleth_, "kaleth");
-  coder.encodeObject(url_, "url");
-  coder.encodeNumber(exp_, "exp");
-  coder.encodeNumber(iat_, "iat");
-  coder.encodeObject(settingsChannel_, "settingsChannel");
+  coder.encode(kaleth_, "kaleth");
+  coder.encode(url_, "url");
+  coder.encode(exp_, "exp");
+  coder.encode(iat_, "iat");
+  coder.encode(settingsChannel_, "settingsChannel");
 }
 
 std::shared_ptr<OrvAppConfigSettingsRecord> OrvAppConfigSettingsRecord::initWithCoder(OrvKeyedUnarchiver& coder) {
-  auto kaleth = coder.decodeObjectOfClass<OrvAppConfigSettingsKaleth>("kaleth");
-  auto url = coder.decodeObjectOfClass<OrvAppConfigSettingsURL>("url");
-  auto channel = coder.decodeObjectOfClass<OrvAppConfigSettingsChannel>("settingsChannel");
-  auto exp = coder.decodeNumberForKey("exp");
-  auto iat = coder.decodeNumberForKey("iat");
-  if (coder.error()) return nullptr;
-  return initWithKaleth(std::move(kaleth), std::move(url), std::move(channel), exp, iat);
+  auto kaleth = coder.decode<std::shared_ptr<OrvAppConfigSettingsKaleth>>("kaleth");
+  auto url = coder.decode<std::shared_ptr<OrvAppConfigSettingsURL>>("url");
+  auto channel = coder.decode<std::shared_ptr<OrvAppConfigSettingsChannel>>("settingsChannel");
+  auto exp = coder.decode<OrvNumber>("exp");
+  return initWithKaleth(std::move(kaleth), std::move(url), std::move(channel), exp, coder.decode<OrvNumber>("iat"));
 }
 
 bool operator==(const OrvAppConfigSettingsRecord& a, const OrvAppConfigSettingsRecord& b) {

@@ -48,10 +48,10 @@ class OrvAppConfigSettingsRecord : public OrvSecureCoding {
   const std::optional<OrvDate>& notValidAfter() const noexcept { return notValidAfter_; }
   void setNotValidAfter(std::optional<OrvDate> date) { notValidAfter_ = date; }
 
-  static const OrvClass& orvClass();
-  static bool supportsSecureCoding() noexcept { return true; }
+  static constexpr std::string_view orvClassName = "OrvAppConfigSettingsRecord";
+  static constexpr bool supportsSecureCoding() noexcept { return true; }
   static std::shared_ptr<OrvAppConfigSettingsRecord> initWithCoder(OrvKeyedUnarchiver& coder);
-  const OrvClass& classForCoder() const override { return orvClass(); }
+  std::string_view className() const override { return orvClassName; }
   void encodeWithCoder(OrvKeyedArchiver& coder) const override;
 
   // Deep and by value, dates included.

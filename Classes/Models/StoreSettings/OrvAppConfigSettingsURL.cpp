@@ -16,24 +16,14 @@ std::shared_ptr<OrvAppConfigSettingsURL> OrvAppConfigSettingsURL::initWithJSONDi
       OrvAppConfigSettingsMigrationURL::migrationUrlsFromJSONObjects(OrvJSON::jsonArrayForKey(jsonDictionary, "migrationUrl")));
 }
 
-const OrvClass& OrvAppConfigSettingsURL::orvClass() {
-  static const OrvClass& cls =
-      OrvClass::registerClass("OrvAppConfigSettingsURL", nullptr, supportsSecureCoding(),
-                              [](OrvKeyedUnarchiver& coder) -> std::shared_ptr<OrvSecureCoding> { return initWithCoder(coder); });
-  return cls;
-}
-
 void OrvAppConfigSettingsURL::encodeWithCoder(OrvKeyedArchiver& coder) const {
-  coder.encodeString(name_, "name");
-  coder.encodeObjects(migrationUrl_, "migrationUrl");
+  coder.encode(name_, "name");
+  coder.encode(migrationUrl_, "migrationUrl");
 }
 
 std::shared_ptr<OrvAppConfigSettingsURL> OrvAppConfigSettingsURL::initWithCoder(OrvKeyedUnarchiver& coder) {
-  auto name = coder.decodeStringForKey("name");
-  auto migrationURLs = coder.decodeArrayOfObjectsOfClasses<OrvAppConfigSettingsMigrationURL>(
-      {&OrvClass::array(), &OrvClass::mutableArray(), &OrvAppConfigSettingsMigrationURL::orvClass()}, "migrationUrl");
-  if (coder.error()) return nullptr;
-  return initWithName(std::move(name), std::move(migrationURLs));
+  auto name = coder.decode<std::string>("name");
+  return initWithName(std::move(name), coder.decode<OrvAppConfigSettingsMigrationURLList>("migrationUrl"));
 }
 
 bool operator==(const OrvAppConfigSettingsURL& a, const OrvAppConfigSettingsURL& b) {

@@ -26,24 +26,14 @@ std::optional<OrvAppConfigSingleAppSettingList> OrvAppConfigSingleAppSetting::co
   return settings;
 }
 
-const OrvClass& OrvAppConfigSingleAppSetting::orvClass() {
-  static const OrvClass& cls =
-      OrvClass::registerClass("OrvAppConfigSingleAppSetting", nullptr, supportsSecureCoding(),
-                              [](OrvKeyedUnarchiver& coder) -> std::shared_ptr<OrvSecureCoding> { return initWithCoder(coder); });
-  return cls;
-}
-
 void OrvAppConfigSingleAppSetting::encodeWithCoder(OrvKeyedArchiver& coder) const {
-  coder.encodeString(name_, "name");
-  coder.encodeJSONValue(value_, "value");
+  coder.encode(name_, "name");
+  coder.encode(value_, "value");
 }
 
 std::shared_ptr<OrvAppConfigSingleAppSetting> OrvAppConfigSingleAppSetting::initWithCoder(OrvKeyedUnarchiver& coder) {
-  auto name = coder.decodeStringForKey("name");
-  // A JSON null archives as the null object, which this list leaves out on purpose: such a setting
-  // can be stored but not read back.
-  auto value = coder.decodeJSONValueOfClasses(
-      {&OrvClass::number(), &OrvClass::string(), &OrvClass::array(), &OrvClass::dictionary()}, "value");
-  if (coder.error()) return nullptr;
-  return initWithName(std::move(name), std::move(value));
+  auto name = coder.decode<std::string>("name");
+  // A JSON value admits numbers, strings, arrays and dictionaries but not the null object, so a
+  // setting holding a JSON null can be stored but not read back.
+  return initWithName(std::move(name), coder.decode<boost::json::value>("value"));
 }

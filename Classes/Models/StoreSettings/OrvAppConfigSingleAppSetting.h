@@ -28,10 +28,10 @@ class OrvAppConfigSingleAppSetting : public OrvSecureCoding {
   const std::optional<boost::json::value>& value() const noexcept { return value_; }
   void setValue(std::optional<boost::json::value> value) { value_ = std::move(value); }
 
-  static const OrvClass& orvClass();
-  static bool supportsSecureCoding() noexcept { return true; }
+  static constexpr std::string_view orvClassName = "OrvAppConfigSingleAppSetting";
+  static constexpr bool supportsSecureCoding() noexcept { return true; }
   static std::shared_ptr<OrvAppConfigSingleAppSetting> initWithCoder(OrvKeyedUnarchiver& coder);
-  const OrvClass& classForCoder() const override { return orvClass(); }
+  std::string_view className() const override { return orvClassName; }
   void encodeWithCoder(OrvKeyedArchiver& coder) const override;
 
   friend bool operator==(const OrvAppConfigSingleAppSetting& a, const OrvAppConfigSingleAppSetting& b) {
