@@ -190,42 +190,32 @@ EOF
 
 ## What the ratios are made of
 
-Investigated when this benchmark was written, on the same kind of 2-vCPU Debian 12 machine, with
-`perf` and by changing one thing at a time. The shares move with the machine; the causes do not.
+Investigated with `perf` (CPU samples and `sched_switch`), `/usr/bin/time` (voluntary switches) and by
+changing one thing at a time, on the same kind of 2-vCPU Debian 12 machine. The shares move with the
+machine; the causes do not.
 
-- **Decoding the signing certificate again every flow.** Every flow fetches the certificate afresh,
-  by design, and the library decodes it again: about 0.3 ms in OpenSSL 3.0, as much as the floor's
-  whole warm auto-discovery. The floor decodes it again only when the fetched bytes change; made to
-  decode it every flow, its warm auto-discovery goes from about 0.33 to 0.65 ms, where the
-  library's is. That is most of the warm auto-discovery ratio at 1 to 100 stores.
 - **Reading long answers.** The floor parses no answer. The library turns each into records and reads
-  every URL with Boost.URL: a domain answer listing 1,000 stores costs it about 3 ms more CPU.
-- **Checking the certificate's chain once per answer.** With trust anchors, each answer's
-  verification checks the same certificate's chain again (`X509_verify_cert`, about 15 % of the
-  library's CPU for 1,000 stores). Without anchors, the CPU ratio of warm settings at 1,000 stores
-  drops from about 2.4 to 1.8.
-- **Matching answers to stores.** After the last answer, on one thread, every answer's store URL is
-  parsed and normalised again to match it to the request (Boost.URL is about 7 % of the CPU for
-  1,000 stores).
-- **Hand-offs.** Each answer goes from the I/O thread to the worker pool to its operation, each
-  verification is a worker-pool task of its own, and the result a main-queue task; the floor checks
-  signatures in place on two threads.
-- **Connections.** nginx ends a connection after 1,000 requests (`keepalive_requests`), so warm
-  flows at 100 and 1,000 stores now and then need a new connection, the floor's as well as the
-  library's, and every fresh flow at 1,000 stores needs two. Over HTTP/2 the library then opens up to
-  six connections at once: curl still counts the origin as multiplexing, so `PIPEWAIT` does not
-  hold the waiting transfers back, and the per-host limit of six applies. The floor opens one. The
-  spare connections stay cached and serve later flows, so over a run they add only a few.
-- **One-second stalls.** About one fresh settings flow in 50 to 100 at 100 stores, and now and then a
-  warm flow just after nginx ended a connection, takes about a second longer than the rest. Before
-  it knows whether an origin multiplexes, the library hands curl as many transfers as the host limit
-  allows; with `PIPEWAIT` all but one wait in curl's pending list, which curl 7.88 lets out one
-  transfer at a time and, as seen here, sometimes leaves a transfer ready to run with no timer armed,
-  so that nothing moves until the caller polls curl again. The session's I/O thread sleeps its whole
-  poll interval, a quarter of the inactivity time-out but at most 1 s: with a
-  1.6 s inactivity time-out the stalls shrink to 0.4 s, with a 10 ms interval they are gone. The floor
-  never hands curl a transfer that would have to wait, and never sleeps longer than 10 ms. A run in
-  which no stall happened shows none above; more rounds (`--rounds 200`) make one likely.
+  every URL with Boost.URL (about 1 µs a URL, now once per URL: an `OrvURL` keeps where its parts
+  lie): a domain answer listing 1,000 stores costs it about 3 ms more CPU, warm or cold. That is most
+  of the auto-discovery ratio at 100 and 1,000 stores.
+- **A new service per fresh flow.** A fresh flow builds a new service, whose security service has not
+  decoded the signing certificate yet (about 0.3 ms in OpenSSL 3.0); the floor decodes it once per
+  process. Warm flows find it decoded.
+- **Hand-offs, fewer than before.** Answers found in one pass over curl go to the worker pool as one
+  batch split over the cores; asynchronous operations added together start in one batch and wake the
+  I/O thread once; the verifications of one request go out together, and a worker runs one share of
+  what it hands on itself. A lone answer with nothing else in flight is handled on the I/O thread, and
+  the workflow goes on from there. At 100 stores, warm, voluntary context switches went from about 73
+  to about 13 per flow; the floor makes about 3. The rest of the gap is the library's own work: an
+  operation, a request context, a record and a URL match per store, and a trace of thread turns that
+  the floor's single loop does not have.
+- **Connections.** nginx ends a connection after 1,000 requests (`keepalive_requests`), so warm flows
+  at 100 and 1,000 stores now and then need a new connection, and every fresh flow at 1,000 stores
+  needs two, the floor's as well as the library's. Requests that met the closing connection are
+  retried on one new connection rather than each on a fresh one of its own.
+- **Peak RSS over HTTP/1.1 at 1,000 stores** is about 12 MiB above the floor's: up to six connections'
+  worth of answers wait as records for the last one, and the library keeps its records, URLs and
+  contexts, where the floor keeps bodies only.
 EOF
 } > "$OUTPUT"
 echo "wrote $OUTPUT" >&2
