@@ -19,8 +19,8 @@
 #include "OrvCertificateHandle.h"
 #include "OrvJSONSerialization.h"
 #include "OrvOperationQueue.h"
-#include "OrvWorkerPool.h"
 #include "OrvSDKStringUtils.h"
+#include "OrvWorkerPool.h"
 
 namespace orv::detail {
 

@@ -129,10 +129,10 @@ class OrvSecurityUtilsService : public OrvSecurityServiceProtocol {
                                       OrvJWTValidationCompletionBlock completionBlock) override;
 
   // The same verification, done on the calling thread.
-  OrvJWTValidationResult validateJWT(
-      std::string_view jwtPayload, const std::optional<std::string>& base64URLEncodedJWTHeader,
-      const std::optional<std::string>& base64URLEncodedJWTSignature, const OrvCertificateRef& verificationCertificate,
-      const AdditionalCertificateValidationOptions* additionalValidationOptions) const;
+  OrvJWTValidationResult validateJWT(std::string_view jwtPayload, const std::optional<std::string>& base64URLEncodedJWTHeader,
+                                     const std::optional<std::string>& base64URLEncodedJWTSignature,
+                                     const OrvCertificateRef& verificationCertificate,
+                                     const AdditionalCertificateValidationOptions* additionalValidationOptions) const;
 
   std::size_t trustAnchorCount() const noexcept;
 
