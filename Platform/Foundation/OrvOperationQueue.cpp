@@ -172,6 +172,7 @@ void shareOut(std::vector<std::function<void()>>& tasks, bool keepOneShareHere) 
   static const std::size_t cores = std::max<std::size_t>(1, std::thread::hardware_concurrency());
   const std::size_t shares = std::min({tasks.size(), cores, std::max<std::size_t>(1, pool.workerCount())});
   auto all = std::make_shared<std::vector<std::function<void()>>>(std::move(tasks));
+  tasks.clear();
   try {
     std::vector<std::function<void()>> posted;
     posted.reserve(shares);
@@ -188,21 +189,14 @@ void shareOut(std::vector<std::function<void()>>& tasks, bool keepOneShareHere) 
 }
 }  // namespace
 
-void dispatchBatchToWorkerPool(std::vector<std::function<void()>> tasks) {
+void dispatchBatchToWorkerPool(std::vector<std::function<void()>>& tasks) {
   if (tlsDeferredPosts) {
     tlsDeferredPosts->reserve(tlsDeferredPosts->size() + tasks.size());
     for (auto& task : tasks) tlsDeferredPosts->push_back(std::move(task));
+    tasks.clear();
     return;
   }
   shareOut(tasks, false);
-}
-
-void dispatchToWorkerPoolAfterTurn(std::function<void()> task) {
-  if (!tlsDeferredPosts) {
-    dispatchToWorkerPool(std::move(task));
-    return;
-  }
-  tlsDeferredPosts->push_back(std::move(task));
 }
 
 bool deferToEndOfTurn(std::function<void()> action) {
@@ -239,7 +233,7 @@ void OperationQueueState::startWhatMayStart() {
   // worker of its own, as it may take its time.
   std::vector<std::function<void()>> quickStarts;
   const auto startQuickOnes = [&quickStarts] {
-    if (!quickStarts.empty()) dispatchBatchToWorkerPool(std::exchange(quickStarts, {}));
+    if (!quickStarts.empty()) dispatchBatchToWorkerPool(quickStarts);
   };
   while (!waiting_.empty() && (maxConcurrent_ < 0 || started_.size() < static_cast<std::size_t>(maxConcurrent_))) {
     auto operation = std::move(waiting_.front());

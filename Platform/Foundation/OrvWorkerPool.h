@@ -13,14 +13,12 @@ bool isInWorkerTurn() noexcept;
 void runAsTurn(std::vector<std::function<void()>>& tasks) noexcept;
 // Hands over several tasks with one wake-up per worker rather than one per task. Tasks are spread over
 // at most as many pool tasks as the machine has cores, each running its share in order. Called from a
-// pool thread, they wait for the end of its turn, and that thread then runs one share itself. Throws
-// only when they cannot be queued (out of memory); then none of them was.
-void dispatchBatchToWorkerPool(std::vector<std::function<void()>> tasks);
+// pool thread, they wait for the end of its turn, and that thread then runs one share itself. Takes the
+// tasks out of `tasks`; throws only when they cannot be queued (out of memory), and `tasks` then still
+// holds them all, for the caller to run some other way.
+void dispatchBatchToWorkerPool(std::vector<std::function<void()>>& tasks);
 // On a pool thread, keeps `action` until the end of the thread's turn (its task, or its share of a
 // batch) and answers true; anywhere else answers false, and the caller acts at once. Lets a burst of
 // requests started in one turn wake their I/O thread once rather than once each.
 bool deferToEndOfTurn(std::function<void()> action);
-// dispatchToWorkerPool, except on a pool thread: there the task waits for the end of the thread's turn
-// and goes out with the rest the turn handed over, as one batch. For work nobody in the turn waits for.
-void dispatchToWorkerPoolAfterTurn(std::function<void()> task);
 }  // namespace orv::detail

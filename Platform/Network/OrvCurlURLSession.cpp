@@ -432,15 +432,10 @@ void CurlSessionCore::handOver(std::vector<std::function<void()>>& completions) 
     return;
   }
   try {
-    dispatchBatchToWorkerPool(std::move(completions));
+    dispatchBatchToWorkerPool(completions);
   } catch (...) {
     // No memory for the hand-off: the answers are delivered late, from this thread, rather than never.
-    for (auto& completion : completions) {
-      try {
-        if (completion) completion();
-      } catch (...) {
-      }
-    }
+    runAsTurn(completions);
   }
   completions.clear();
 }

@@ -517,7 +517,8 @@ void OrvSecurityUtilsService::asyncValidateJWTWithJwtPayload(
   if (!completionBlock) return;
   try {
     // Verifications asked for together (one per store of a request) go to the pool together.
-    orv::detail::dispatchToWorkerPoolAfterTurn(
+    std::vector<std::function<void()>> verification;
+    verification.emplace_back(
         [configuration = configuration_, payload = std::move(jwtPayload), header = std::move(base64URLEncodedJWTHeader),
          signature = std::move(base64URLEncodedJWTSignature), certificate = std::move(verificationCertificate),
          options = std::move(additionalValidationOptions), completion = std::move(completionBlock)]() mutable {
@@ -534,6 +535,7 @@ void OrvSecurityUtilsService::asyncValidateJWTWithJwtPayload(
             // A host's completion that throws must not take a worker thread down with it.
           }
         });
+    orv::detail::dispatchBatchToWorkerPool(verification);
   } catch (const std::exception&) {
     // The pool could not take the task (out of memory); nothing can be delivered later either.
   }
