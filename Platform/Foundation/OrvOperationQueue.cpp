@@ -95,6 +95,21 @@ class WorkerPool {
 
   std::size_t workerCount() const noexcept { return threads_.size(); }
 
+  // A session's I/O thread may run a turn of its own (runAsTurn), and that turn may hold the last
+  // references of a request whose result main() has already received. Exit waits for such turns as
+  // it waits for the workers' tasks, so that what they release is released before the process ends.
+  void beginOutsideTurn() {
+    std::lock_guard lock(mutex_);
+    ++outsideTurns_;
+  }
+  void endOutsideTurn() {
+    {
+      std::lock_guard lock(mutex_);
+      --outsideTurns_;
+    }
+    outsideTurnsEnded_.notify_all();
+  }
+
   void injectFailures(int count) { failuresToInject_.store(count); }
 
  private:
@@ -115,7 +130,8 @@ class WorkerPool {
 
   void stopAndJoin() {
     {
-      std::lock_guard lock(mutex_);
+      std::unique_lock lock(mutex_);
+      outsideTurnsEnded_.wait(lock, [this] { return outsideTurns_ == 0; });
       stopping_ = true;
     }
     available_.notify_all();
@@ -153,6 +169,8 @@ class WorkerPool {
   std::vector<std::thread> threads_;
   bool stopping_ = false;
   bool joined_ = false;
+  std::size_t outsideTurns_ = 0;
+  std::condition_variable outsideTurnsEnded_;
   std::atomic<int> failuresToInject_{0};
 };
 
@@ -162,7 +180,12 @@ void dispatchToWorkerPool(std::function<void()> task) { WorkerPool::shared().pos
 
 bool isInWorkerTurn() noexcept { return tlsDeferredPosts != nullptr; }
 
-void runAsTurn(std::vector<std::function<void()>>& tasks) noexcept { runTurn(tasks, 0, 1); }
+void runAsTurn(std::vector<std::function<void()>>& tasks) noexcept {
+  auto& pool = WorkerPool::shared();
+  pool.beginOutsideTurn();
+  runTurn(tasks, 0, 1);
+  pool.endOutsideTurn();
+}
 
 namespace {
 void shareOut(std::vector<std::function<void()>>& tasks, bool keepOneShareHere) {
