@@ -9,6 +9,8 @@ const std::shared_ptr<OrvSdkLogger>& OrvAppConfigServiceLogger::sharedInstance()
 
 namespace orv::detail {
 
+bool appConfigLogEnabled() { return OrvAppConfigServiceLogger::sharedInstance()->hasDelegate(); }
+
 void appConfigCoreLog(std::string_view module, std::int64_t level, std::string_view fileName, std::string_view functionName,
                       std::int64_t lineNumber, std::string_view format, std::span<const std::string> arguments) {
   const std::string message = formatPlatformString(format, arguments);

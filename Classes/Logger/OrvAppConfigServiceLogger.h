@@ -23,6 +23,8 @@ class OrvAppConfigServiceLogger {
 inline constexpr const char* OrvAppConfigServiceLogModule = "OrvAppConfigService";
 
 namespace orv::detail {
+// False while the host has set no log delegate: a line nobody receives is then not formatted at all.
+bool appConfigLogEnabled();
 void appConfigCoreLog(std::string_view module, std::int64_t level, std::string_view fileName, std::string_view functionName,
                       std::int64_t lineNumber, std::string_view format, std::span<const std::string> arguments);
 }  // namespace orv::detail
@@ -32,6 +34,7 @@ void appConfigCoreLog(std::string_view module, std::int64_t level, std::string_v
 template <typename... Args>
 void ORVAPPCONFIGCORELOG(std::string_view module, std::int64_t level, std::string_view fileName, std::string_view functionName,
                          std::int64_t lineNumber, std::string_view format, const Args&... args) {
+  if (!orv::detail::appConfigLogEnabled()) return;
   const std::array<std::string, sizeof...(Args)> described{OrvDescription(args)...};
   orv::detail::appConfigCoreLog(module, level, fileName, functionName, lineNumber, format, described);
 }

@@ -189,6 +189,7 @@ class CurlSessionCore : public std::enable_shared_from_this<CurlSessionCore> {
   };
   void placeTransfer(std::unique_ptr<CurlTransfer> transfer);
   bool attach(CurlTransfer& transfer);
+  bool configureEasyHandle(CurlTransfer& transfer);
   void dropTransfer(std::map<std::uint64_t, std::unique_ptr<CurlTransfer>>::iterator it, bool reuseHandle = false);
   void admitWaiting(const std::string& origin);
   std::size_t capacity(const Origin& origin) const noexcept;
@@ -526,17 +527,11 @@ void CurlSessionCore::startTransfer(const std::shared_ptr<CurlDataTask>& task) {
   if (task->isFinished()) return;
   try {
     auto transfer = std::make_unique<CurlTransfer>(multi_.get(), task, configuration_);
-    transfer->easy = takeEasyHandle();
-    CURL* easy = transfer->easy.get();
-    if (!easy) {
-      task->complete(std::nullopt, nullptr, transportError(CURLE_FAILED_INIT, {}));
-      return;
-    }
-
     const OrvURLRequest& request = task->request();
     curl_slist* headers = nullptr;
     for (const auto& [name, value] : request.allHTTPHeaderFields()) {
       if (!isSendableField(name, value)) {
+        curl_slist_free_all(headers);
         task->complete(std::nullopt, nullptr,
                        transportError(CURLE_BAD_FUNCTION_ARGUMENT, "header field \"" + name + "\" cannot be sent"));
         return;
@@ -552,53 +547,63 @@ void CurlSessionCore::startTransfer(const std::shared_ptr<CurlDataTask>& task) {
       headers = extended;
     }
     transfer->headers.reset(headers);
-
-    const auto& config = configuration_;
-    const bool automaticVersion = config.httpVersion == OrvCurlHTTPVersion::automatic;
-    CURLcode code = CURLE_OK;
-    const auto set = [&](CURLoption option, auto value) {
-      if (code == CURLE_OK) code = curl_easy_setopt(easy, option, value);
-    };
-    set(CURLOPT_URL, request.URL().absoluteString().c_str());
-    set(CURLOPT_PRIVATE, static_cast<void*>(transfer.get()));
-    set(CURLOPT_ERRORBUFFER, transfer->errorBuffer);
-    set(CURLOPT_NOSIGNAL, 1L);
-    set(CURLOPT_PROTOCOLS_STR, "https");
-    set(CURLOPT_REDIR_PROTOCOLS_STR, "https");
-    set(CURLOPT_FOLLOWLOCATION, config.maxRedirects > 0 ? 1L : 0L);
-    set(CURLOPT_MAXREDIRS, config.maxRedirects);
-    set(CURLOPT_SSL_VERIFYPEER, 1L);
-    set(CURLOPT_SSL_VERIFYHOST, 2L);
-    set(CURLOPT_SSLVERSION, long(CURL_SSLVERSION_TLSv1_2));
-    if (config.caFile) set(CURLOPT_CAINFO, config.caFile->c_str());
-    set(CURLOPT_HTTP_VERSION, long(automaticVersion ? CURL_HTTP_VERSION_2TLS : CURL_HTTP_VERSION_1_1));
-    // Wait for a connection that may multiplex rather than open a parallel one.
-    set(CURLOPT_PIPEWAIT, automaticVersion ? 1L : 0L);
-    set(CURLOPT_CONNECTTIMEOUT_MS, long(config.connectTimeout.count()));
-    if (config.totalTimeout) set(CURLOPT_TIMEOUT_MS, long(config.totalTimeout->count()));
-    set(CURLOPT_MAXFILESIZE_LARGE, curl_off_t(config.maxResponseBytes));
-    set(CURLOPT_WRITEFUNCTION, &CurlSessionCore::onBody);
-    set(CURLOPT_WRITEDATA, static_cast<void*>(transfer.get()));
-    set(CURLOPT_HEADERFUNCTION, &CurlSessionCore::onHeader);
-    set(CURLOPT_HEADERDATA, static_cast<void*>(transfer.get()));
-    set(CURLOPT_HTTPHEADER, transfer->headers.get());
-    set(CURLOPT_SHARE, share_.get());
-    if (request.HTTPMethod() == "GET") {
-      set(CURLOPT_HTTPGET, 1L);
-    } else if (request.HTTPMethod() == "HEAD") {
-      set(CURLOPT_NOBODY, 1L);
-    } else {
-      set(CURLOPT_CUSTOMREQUEST, request.HTTPMethod().c_str());
-    }
-    if (code != CURLE_OK) {
-      task->complete(std::nullopt, nullptr, transportError(code, transfer->errorBuffer));
-      return;
-    }
     transfer->origin = originOf(request.URL().absoluteString());
     placeTransfer(std::move(transfer));
   } catch (...) {
     task->complete(std::nullopt, nullptr, transportError(CURLE_OUT_OF_MEMORY, {}));
   }
+}
+
+// An easy handle is taken only when its transfer may go out. A burst of a thousand stores then cycles
+// through as many handles as the origin has transfers in flight, all reused, instead of making (and
+// faulting in) a handle with its buffers for every store that is still waiting.
+bool CurlSessionCore::configureEasyHandle(CurlTransfer& transfer) {
+  const auto fail = [&](CURLcode code) {
+    transfer.task->complete(std::nullopt, nullptr, transportError(code, transfer.errorBuffer));
+    return false;
+  };
+  if (!transfer.easy) transfer.easy = takeEasyHandle();
+  CURL* easy = transfer.easy.get();
+  if (!easy) return fail(CURLE_FAILED_INIT);
+  const OrvURLRequest& request = transfer.task->request();
+  const auto& config = configuration_;
+  const bool automaticVersion = config.httpVersion == OrvCurlHTTPVersion::automatic;
+  CURLcode code = CURLE_OK;
+  const auto set = [&](CURLoption option, auto value) {
+    if (code == CURLE_OK) code = curl_easy_setopt(easy, option, value);
+  };
+  set(CURLOPT_URL, request.URL().absoluteString().c_str());
+  set(CURLOPT_PRIVATE, static_cast<void*>(&transfer));
+  set(CURLOPT_ERRORBUFFER, transfer.errorBuffer);
+  set(CURLOPT_NOSIGNAL, 1L);
+  set(CURLOPT_PROTOCOLS_STR, "https");
+  set(CURLOPT_REDIR_PROTOCOLS_STR, "https");
+  set(CURLOPT_FOLLOWLOCATION, config.maxRedirects > 0 ? 1L : 0L);
+  set(CURLOPT_MAXREDIRS, config.maxRedirects);
+  set(CURLOPT_SSL_VERIFYPEER, 1L);
+  set(CURLOPT_SSL_VERIFYHOST, 2L);
+  set(CURLOPT_SSLVERSION, long(CURL_SSLVERSION_TLSv1_2));
+  if (config.caFile) set(CURLOPT_CAINFO, config.caFile->c_str());
+  set(CURLOPT_HTTP_VERSION, long(automaticVersion ? CURL_HTTP_VERSION_2TLS : CURL_HTTP_VERSION_1_1));
+  // Wait for a connection that may multiplex rather than open a parallel one.
+  set(CURLOPT_PIPEWAIT, automaticVersion ? 1L : 0L);
+  set(CURLOPT_CONNECTTIMEOUT_MS, long(config.connectTimeout.count()));
+  if (config.totalTimeout) set(CURLOPT_TIMEOUT_MS, long(config.totalTimeout->count()));
+  set(CURLOPT_MAXFILESIZE_LARGE, curl_off_t(config.maxResponseBytes));
+  set(CURLOPT_WRITEFUNCTION, &CurlSessionCore::onBody);
+  set(CURLOPT_WRITEDATA, static_cast<void*>(&transfer));
+  set(CURLOPT_HEADERFUNCTION, &CurlSessionCore::onHeader);
+  set(CURLOPT_HEADERDATA, static_cast<void*>(&transfer));
+  set(CURLOPT_HTTPHEADER, transfer.headers.get());
+  set(CURLOPT_SHARE, share_.get());
+  if (request.HTTPMethod() == "GET") {
+    set(CURLOPT_HTTPGET, 1L);
+  } else if (request.HTTPMethod() == "HEAD") {
+    set(CURLOPT_NOBODY, 1L);
+  } else {
+    set(CURLOPT_CUSTOMREQUEST, request.HTTPMethod().c_str());
+  }
+  return code == CURLE_OK || fail(code);
 }
 
 void CurlSessionCore::placeTransfer(std::unique_ptr<CurlTransfer> transfer) {
@@ -621,6 +626,7 @@ std::size_t CurlSessionCore::capacity(const Origin& origin) const noexcept {
 }
 
 bool CurlSessionCore::attach(CurlTransfer& transfer) {
+  if (!configureEasyHandle(transfer)) return false;
   const CURLMcode added = curl_multi_add_handle(multi_.get(), transfer.easy.get());
   if (added != CURLM_OK) {
     transfer.task->complete(std::nullopt, nullptr, transportError(CURLE_FAILED_INIT, curl_multi_strerror(added)));

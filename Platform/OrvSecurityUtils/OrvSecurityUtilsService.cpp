@@ -317,7 +317,7 @@ Verdict verify(const SecurityServiceConfiguration& configuration, std::string_vi
     signingInput.reserve(encodedHeader->size() + 1 + payload.size());
     signingInput.append(*encodedHeader).append(1, '.').append(payload);
   } else {
-    const std::string encodedPayload = OrvBase64URLEncodedStringFromString(std::string(payload)).value_or("");
+    const std::string encodedPayload = OrvBase64URLEncode(payload);
     signingInput.reserve(encodedHeader->size() + 1 + encodedPayload.size());
     signingInput.append(*encodedHeader).append(1, '.').append(encodedPayload);
   }
@@ -518,23 +518,23 @@ void OrvSecurityUtilsService::asyncValidateJWTWithJwtPayload(
   try {
     // Verifications asked for together (one per store of a request) go to the pool together.
     std::vector<std::function<void()>> verification;
-    verification.emplace_back(
-        [configuration = configuration_, payload = std::move(jwtPayload), header = std::move(base64URLEncodedJWTHeader),
-         signature = std::move(base64URLEncodedJWTSignature), certificate = std::move(verificationCertificate),
-         options = std::move(additionalValidationOptions), completion = std::move(completionBlock)]() mutable {
-          auto [result, error] = verifyCatchingEverything(*configuration, payload, header, signature, certificate, options.get());
-          // Whatever OpenSSL state this task held the last reference to is freed before the completion
-          // runs, not after: a host that waits for the completion and then shuts OpenSSL down (at process
-          // exit, say) must not race with this thread freeing certificates.
-          certificate.reset();
-          configuration.reset();
-          options.reset();
-          try {
-            completion(result, std::move(error));
-          } catch (...) {
-            // A host's completion that throws must not take a worker thread down with it.
-          }
-        });
+    verification.emplace_back([configuration = configuration_, payload = std::move(jwtPayload),
+                               header = std::move(base64URLEncodedJWTHeader), signature = std::move(base64URLEncodedJWTSignature),
+                               certificate = std::move(verificationCertificate), options = std::move(additionalValidationOptions),
+                               completion = std::move(completionBlock)]() mutable {
+      auto [result, error] = verifyCatchingEverything(*configuration, payload, header, signature, certificate, options.get());
+      // Whatever OpenSSL state this task held the last reference to is freed before the completion
+      // runs, not after: a host that waits for the completion and then shuts OpenSSL down (at process
+      // exit, say) must not race with this thread freeing certificates.
+      certificate.reset();
+      configuration.reset();
+      options.reset();
+      try {
+        completion(result, std::move(error));
+      } catch (...) {
+        // A host's completion that throws must not take a worker thread down with it.
+      }
+    });
     orv::detail::dispatchBatchToWorkerPool(verification);
   } catch (const std::exception&) {
     // The pool could not take the task (out of memory); nothing can be delivered later either.

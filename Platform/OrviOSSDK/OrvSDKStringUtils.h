@@ -13,5 +13,7 @@ bool OrvIsCaseInsensitiveEqualToString(const std::optional<std::string>& receive
 // Strict base64url decoding: alphabet A-Z a-z 0-9 - _ only, no "=" padding, no white space, and the
 // unused low bits of the last character must be zero (one text per byte string). Nothing otherwise.
 std::optional<std::string> OrvBase64URLDecode(std::string_view text);
+// base64url without padding, of bytes the caller already holds (no copy into an optional first).
+std::string OrvBase64URLEncode(std::string_view bytes);
 // Standard base64 (RFC 4648 section 4) with padding.
 std::string OrvBase64Encode(std::string_view bytes);

@@ -5,11 +5,13 @@
 
 #include "OrvDescription.h"
 
-OrvSdkLogger::OrvSdkLogger(std::shared_ptr<OrvSdkLoggerDelegate> delegate) : delegate_(std::move(delegate)) {}
+OrvSdkLogger::OrvSdkLogger(std::shared_ptr<OrvSdkLoggerDelegate> delegate)
+    : delegate_(std::move(delegate)), hasDelegate_(delegate_ != nullptr) {}
 
 void OrvSdkLogger::setDelegate(std::shared_ptr<OrvSdkLoggerDelegate> delegate) {
   std::lock_guard lock(mutex_);
   delegate_ = std::move(delegate);
+  hasDelegate_.store(delegate_ != nullptr, std::memory_order_release);
 }
 
 std::shared_ptr<OrvSdkLoggerDelegate> OrvSdkLogger::delegate() const {
@@ -20,6 +22,7 @@ std::shared_ptr<OrvSdkLoggerDelegate> OrvSdkLogger::delegate() const {
 void OrvSdkLogger::logWithModule(std::string_view module, std::int64_t logLevel, const char* fileName, const char* functionName,
                                  std::int64_t lineNumber, std::string_view formatString,
                                  std::initializer_list<std::string_view> arguments) {
+  if (!hasDelegate()) return;
   // The delegate is called outside the lock: it may log again or replace itself.
   const auto target = delegate();
   if (!target) return;

@@ -1,6 +1,7 @@
 #pragma once
 // The SDK logger: formats nothing itself beyond its format string and hands every line to a
 // delegate, which decides where lines go.
+#include <atomic>
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
@@ -29,6 +30,9 @@ class OrvSdkLogger {
 
   void setDelegate(std::shared_ptr<OrvSdkLoggerDelegate> delegate);
   std::shared_ptr<OrvSdkLoggerDelegate> delegate() const;
+  // Lock-free: lets callers skip describing their arguments when nobody listens, which is the
+  // common case and happens on every step of every request.
+  bool hasDelegate() const { return hasDelegate_.load(std::memory_order_acquire); }
 
   // Fills formatString (platform syntax) with the arguments and passes the result to the delegate.
   void logWithModule(std::string_view module, std::int64_t logLevel, const char* fileName, const char* functionName,
@@ -37,4 +41,5 @@ class OrvSdkLogger {
  private:
   mutable std::mutex mutex_;
   std::shared_ptr<OrvSdkLoggerDelegate> delegate_;
+  std::atomic<bool> hasDelegate_{false};
 };
