@@ -7,10 +7,9 @@ std::optional<OrvURL> addPortAndSchemeIfNotPresent(const OrvURL& url) {
   const auto scheme = url.scheme();
   // Already in its normal form, as most store URLs are after their first trip: nothing to rebuild.
   if (scheme == "http" || (scheme == "https" && url.port())) return url;
-  std::string string = url.absoluteString();
-  if (string.empty()) return std::nullopt;
-  if (scheme != "https" && scheme != "http") string.insert(0, "https://");
-  auto normalised = OrvURL::URLWithString(string);
+  if (url.absoluteString().empty()) return std::nullopt;
+  // Parsed again only when a scheme is put in front: that changes what the rest of the text means.
+  auto normalised = scheme == "https" ? std::optional<OrvURL>(url) : OrvURL::URLWithString("https://" + url.absoluteString());
   if (!normalised) return std::nullopt;
   // Only the secure default is made explicit; plain http stays without a port.
   if (!normalised->port() && normalised->scheme() == "https") return normalised->URLBySettingPort(443);

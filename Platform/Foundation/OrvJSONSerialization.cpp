@@ -4,7 +4,9 @@
 #include <boost/json/error.hpp>
 #include <boost/json/value_stack.hpp>
 #include <cmath>
+#include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_set>
 #include <vector>
 
@@ -30,11 +32,14 @@ class StrictHandler {
   bool on_document_end(json::error_code&) { return true; }
 
   bool on_object_begin(json::error_code&) {
-    keys_.emplace_back();
+    objects_.push_back({keySpans_.size(), nullptr});
     return true;
   }
   bool on_object_end(std::size_t n, json::error_code&) {
-    keys_.pop_back();
+    const std::size_t first = objects_.back().firstKey;
+    if (first < keySpans_.size()) keyText_.resize(keySpans_[first].first);
+    keySpans_.resize(first);
+    objects_.pop_back();
     stack.push_object(n);
     return true;
   }
@@ -50,8 +55,9 @@ class StrictHandler {
     return true;
   }
   bool on_key(json::string_view s, std::size_t, json::error_code& ec) {
-    key_.append(s.data(), s.size());
-    const bool fresh = keys_.back().insert(std::move(key_)).second;
+    std::string_view key(s.data(), s.size());
+    if (!key_.empty()) key = key_.append(s.data(), s.size());
+    const bool fresh = rememberKey(key);
     key_.clear();
     if (!fresh) return fail(ec, "Duplicate key in JSON object");
     stack.push_key(s);
@@ -99,7 +105,37 @@ class StrictHandler {
     return false;
   }
 
-  std::vector<std::unordered_set<std::string>> keys_;
+  // False when the innermost open object has the key already. The keys of the open objects lie back
+  // to back in one buffer, so a small object costs no allocation per key and is checked by a scan;
+  // one that grows past a few dozen keys moves to a set, so that no answer can make this quadratic.
+  bool rememberKey(std::string_view key) {
+    constexpr std::size_t kScannedKeys = 32;
+    auto& object = objects_.back();
+    if (object.manyKeys) return object.manyKeys->emplace(key).second;
+    const auto text = [this](const std::pair<std::size_t, std::size_t>& span) {
+      return std::string_view(keyText_).substr(span.first, span.second);
+    };
+    for (std::size_t i = object.firstKey; i < keySpans_.size(); ++i) {
+      if (text(keySpans_[i]) == key) return false;
+    }
+    if (keySpans_.size() - object.firstKey < kScannedKeys) {
+      keySpans_.emplace_back(keyText_.size(), key.size());
+      keyText_.append(key);
+      return true;
+    }
+    object.manyKeys = std::make_unique<std::unordered_set<std::string>>();
+    for (std::size_t i = object.firstKey; i < keySpans_.size(); ++i) object.manyKeys->emplace(text(keySpans_[i]));
+    return object.manyKeys->emplace(key).second;
+  }
+
+  struct OpenObject {
+    std::size_t firstKey;
+    std::unique_ptr<std::unordered_set<std::string>> manyKeys;
+  };
+  std::vector<OpenObject> objects_;
+  std::string keyText_;
+  std::vector<std::pair<std::size_t, std::size_t>> keySpans_;
+  // A key that arrives in parts (it holds escapes) is put together here.
   std::string key_;
 };
 

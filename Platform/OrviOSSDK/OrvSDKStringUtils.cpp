@@ -59,9 +59,21 @@ std::optional<std::string> OrvBase64URLDecode(std::string_view text) {
   if (text.size() % 4 == 1) return std::nullopt;
   std::string out(text.size() / 4 * 3 + (text.size() % 4 == 0 ? 0 : text.size() % 4 - 1), '\0');
   char* o = out.data();
+  const auto value = [](char c) { return kBase64URLValues[static_cast<unsigned char>(c)]; };
+  // Whole groups of four characters first: three bytes each, no bit bookkeeping.
+  std::size_t i = 0;
+  for (; i + 4 <= text.size(); i += 4) {
+    const int a = value(text[i]), b = value(text[i + 1]), c = value(text[i + 2]), d = value(text[i + 3]);
+    if ((a | b | c | d) < 0) return std::nullopt;
+    const std::uint32_t n = (std::uint32_t(a) << 18) | (std::uint32_t(b) << 12) | (std::uint32_t(c) << 6) | std::uint32_t(d);
+    o[0] = char(n >> 16);
+    o[1] = char((n >> 8) & 0xFF);
+    o[2] = char(n & 0xFF);
+    o += 3;
+  }
   std::uint32_t buffer = 0;
   int bits = 0;
-  for (const char c : text) {
+  for (const char c : text.substr(i)) {
     const int v = kBase64URLValues[static_cast<unsigned char>(c)];
     if (v < 0) return std::nullopt;
     buffer = (buffer << 6) | std::uint32_t(v);
@@ -79,6 +91,7 @@ std::optional<std::string> OrvBase64URLDecode(std::string_view text) {
 bool OrvIsCaseInsensitiveEqualToString(const std::optional<std::string>& receiver, const std::optional<std::string>& other) {
   if (!receiver || !other) return false;
   const std::string_view a = *receiver, b = *other;
+  if (a == b) return true;
   if (!orv::detail::isValidUTF8(a) || !orv::detail::isValidUTF8(b)) return a == b;
   std::size_t i = 0, j = 0;
   while (i < a.size() && j < b.size()) {

@@ -25,8 +25,13 @@ TEST(OrvJSONSerializationTest, StrictParsing) {
                                                          "{} // c", "{} {}", "", "  \n"}) {
     parseFailure(bad);
   }
-  // Keys may repeat across objects, only not within one.
-  EXPECT_TRUE(OrvJSONSerialization::JSONObjectWithData(R"({"a":{"n":1},"b":{"n":2}})", OrvJSONReadingOptions::none));
+  // Keys may repeat across objects, only not within one: also in objects past the few dozen keys that
+  // are checked by a scan, and after an inner object closed.
+  EXPECT_TRUE(OrvJSONSerialization::JSONObjectWithData(R"({"a":{"n":1},"b":{"n":2},"n":3})", OrvJSONReadingOptions::none));
+  std::string wide = R"({"inner":{"k0":0,"k1":1})";
+  for (int key = 0; key < 100; ++key) wide += ",\"k" + std::to_string(key) + "\":" + std::to_string(key);
+  EXPECT_TRUE(OrvJSONSerialization::JSONObjectWithData(wide + "}", OrvJSONReadingOptions::none));
+  for (const char* again : {"k5", "k99", "inner"}) parseFailure(wide + ",\"" + again + "\":0}");
   for (const char* scalar : {"1", "true", "null", "\"s\""}) {
     parseFailure(scalar);
     EXPECT_TRUE(OrvJSONSerialization::JSONObjectWithData(scalar, OrvJSONReadingOptions::fragmentsAllowed)) << scalar;
