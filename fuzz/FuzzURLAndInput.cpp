@@ -3,6 +3,8 @@
 // and the rest are also used as a pair where a function compares two URLs.
 #include <algorithm>
 
+#include <boost/url/parse.hpp>
+
 #include "FuzzSupport.h"
 #include "OrvAppConfigAutoDiscoverURLGenerator.h"
 #include "OrvAppConfigService.h"
@@ -25,6 +27,12 @@ void requireReadsBack(const std::optional<OrvURL>& url) {
 
 void useURL(const OrvURL& url, std::string_view component) {
   requireReadsBack(url);
+  // Plain URLs are read without the full grammar: the grammar must agree on every part.
+  const auto grammar = boost::urls::parse_uri_reference(url.absoluteString());
+  fuzzRequire(grammar && std::string(grammar->scheme()) == url.scheme().value_or("") &&
+                  std::string(grammar->encoded_query()) == url.query().value_or("") &&
+                  (url.port() ? grammar->port_number() == *url.port() : grammar->port().empty()),
+              "a URL reads as the full grammar reads it");
   orv::detail::fuzzTouch(url.scheme(), url.host(), url.port(), url.user(), url.password(), url.path(), url.query(),
                          url.fragment(), url.lastPathComponent());
   requireReadsBack(url.URLByAppendingPathComponent(component));

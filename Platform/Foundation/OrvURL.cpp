@@ -34,11 +34,53 @@ std::string decoded(std::string_view encoded) {
   return pct ? std::string(pct->decode()) : std::string(encoded);
 }
 
+constexpr bool isAlpha(char c) noexcept { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+constexpr bool isDigit(char c) noexcept { return c >= '0' && c <= '9'; }
+// unreserved, sub-delims, ":", "@" and the "/" between segments: a path character that needs no escape.
+constexpr bool isPlainPathChar(char c) noexcept {
+  return isAlpha(c) || isDigit(c) || std::string_view("-._~!$&'()*+,;=:@/").find(c) != std::string_view::npos;
+}
+
 }  // namespace
+
+// Nearly every URL here is `scheme://host[:port][/path]` with a host of letters, digits, dots and
+// hyphens and a path that needs no escaping; a long answer lists a thousand of them. That shape is
+// read here directly, with the parts the full grammar would find; anything else (user info, an IP
+// literal, escapes, a query or fragment, a relative reference) goes through Boost.URL.
+std::optional<OrvURL::Parts> OrvURL::plainParts(std::string_view s) noexcept {
+  if (s.empty() || !isAlpha(s[0]) || s.size() > 0xFFFFFFFFu) return std::nullopt;
+  std::size_t i = 1;
+  while (i < s.size() && (isAlpha(s[i]) || isDigit(s[i]) || s[i] == '+' || s[i] == '-' || s[i] == '.')) ++i;
+  if (s.substr(i, 3) != "://") return std::nullopt;
+  const auto part = [](std::size_t begin, std::size_t end) {
+    // As the full grammar reports them: an empty part sits at offset 0.
+    return Part{static_cast<std::uint32_t>(begin == end ? 0 : begin), static_cast<std::uint32_t>(end - begin), true};
+  };
+  Parts parts;
+  parts.scheme = part(0, i);
+  const std::size_t hostBegin = i += 3;
+  while (i < s.size() && (isAlpha(s[i]) || isDigit(s[i]) || s[i] == '-' || s[i] == '.')) ++i;
+  if (i == hostBegin) return std::nullopt;
+  parts.hostAddress = part(hostBegin, i);
+  if (i < s.size() && s[i] == ':') {
+    const std::size_t portBegin = ++i;
+    while (i < s.size() && isDigit(s[i])) ++i;
+    const auto value = i == portBegin ? std::nullopt : portValue(s.substr(portBegin, i - portBegin));
+    if (!value) return std::nullopt;
+    parts.port = static_cast<std::uint16_t>(*value);
+  }
+  const std::size_t pathBegin = i;
+  if (i < s.size() && s[i] != '/') return std::nullopt;
+  while (i < s.size() && isPlainPathChar(s[i])) ++i;
+  if (i != s.size()) return std::nullopt;
+  parts.path = part(pathBegin, i);
+  return parts;
+}
 
 std::optional<OrvURL> OrvURL::URLWithString(std::string_view string) {
   if (string.empty()) return std::nullopt;
   try {
+    if (const auto plain = plainParts(string)) return OrvURL(std::string(string), *plain);
     auto parsed = urls::parse_uri_reference(string);
     if (!parsed) return std::nullopt;
     const urls::url_view u = *parsed;

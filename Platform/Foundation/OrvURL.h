@@ -49,6 +49,7 @@ class OrvURL {
     std::optional<std::uint16_t> port;
   };
 
+  static std::optional<Parts> plainParts(std::string_view string) noexcept;
   OrvURL(std::string string, const Parts& parts) : string_(std::move(string)), parts_(parts) {}
   std::string_view text(const Part& part) const noexcept { return std::string_view(string_).substr(part.offset, part.length); }
   std::string string_;

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <boost/url/parse.hpp>
+
 #include <unordered_set>
 
 #include "OrvURL.h"
@@ -80,6 +82,59 @@ TEST(OrvURLTest, SettingAPortReadsLikeAFreshParse) {
     EXPECT_EQ(set->path(), fresh.path()) << before;
     EXPECT_EQ(set->query(), fresh.query()) << before;
     EXPECT_EQ(set->fragment(), fresh.fragment()) << before;
+  }
+}
+
+// Plain URLs are read without the full grammar; every part must still be what the grammar finds, and
+// text just outside the plain shape must still be judged by it.
+TEST(OrvURLTest, PlainURLsReadAsTheFullGrammarReadsThem) {
+  for (const char* text : {"https://s1.example.com/Store",
+                           "https://S1.Example.COM:443/a/b/",
+                           "HTTPS://h",
+                           "h+t.t-p://h:0/",
+                           "https://h:65535",
+                           "https://10.0.0.1:8443/x;y=1/@:!$&'()*+,=~",
+                           "https://h//x",
+                           "https://-h-.-/",
+                           "https://h:/x",
+                           "https://h:8a/",
+                           "https://h:65536/",
+                           "https://h:0080/x",
+                           "https://u@h/",
+                           "https://h/%41",
+                           "https://h/?",
+                           "https://h/#",
+                           "https://[::1]/",
+                           "https://h/a b",
+                           "https://h\\x",
+                           "https:/h",
+                           "https:h",
+                           "1https://h",
+                           "https://",
+                           "https://h/\x7F",
+                           "https://h/\xC3\xA9"}) {
+    const auto parsed = OrvURL::URLWithString(text);
+    const auto grammar = boost::urls::parse_uri_reference(text);
+    // The one shape the grammar accepts and this type refuses: a port running into the path.
+    const bool portIntoPath =
+        grammar && grammar->has_authority() && !grammar->encoded_path().empty() && grammar->encoded_path().front() != '/';
+    const bool portTooLarge = std::string_view(text) == "https://h:65536/";
+    ASSERT_EQ(parsed.has_value(), grammar.has_value() && !portIntoPath && !portTooLarge) << text;
+    if (!parsed) continue;
+    EXPECT_EQ(parsed->scheme(), std::string(grammar->scheme())) << text;
+    EXPECT_EQ(parsed->host(), grammar->has_authority() && !grammar->encoded_host().empty()
+                                  ? std::optional<std::string>(grammar->host_address())
+                                  : std::nullopt)
+        << text;
+    EXPECT_EQ(parsed->port(), grammar->port().empty() ? std::nullopt : std::optional<std::uint16_t>(grammar->port_number()))
+        << text;
+    EXPECT_EQ(
+        parsed->path(),
+        std::string(grammar->path()).substr(0, grammar->path().ends_with('/') ? grammar->path().size() - 1 : std::string::npos))
+        << text;
+    EXPECT_EQ(parsed->user().has_value(), grammar->has_userinfo()) << text;
+    EXPECT_EQ(parsed->query().has_value(), grammar->has_query()) << text;
+    EXPECT_EQ(parsed->fragment().has_value(), grammar->has_fragment()) << text;
   }
 }
 
