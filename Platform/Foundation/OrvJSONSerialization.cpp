@@ -2,6 +2,7 @@
 
 #include <boost/json/basic_parser_impl.hpp>
 #include <boost/json/error.hpp>
+#include <boost/json/monotonic_resource.hpp>
 #include <boost/json/value_stack.hpp>
 #include <cmath>
 #include <memory>
@@ -159,7 +160,9 @@ std::optional<boost::json::value> OrvJSONSerialization::JSONObjectWithData(std::
     json::parse_options limits;
     limits.max_depth = OrvJSONSerializationMaximumDepth;
     json::basic_parser<orv::detail::StrictHandler> parser(limits);
-    parser.handler().stack.reset();
+    // A long answer is thousands of small strings and objects that are read once and dropped together:
+    // one arena instead of an allocation and a free for each.
+    parser.handler().stack.reset(json::make_shared_resource<json::monotonic_resource>());
     json::error_code ec;
     const std::size_t consumed = parser.write_some(false, data.data(), data.size(), ec);
     if (!ec && consumed < data.size()) ec = json::error::extra_data;

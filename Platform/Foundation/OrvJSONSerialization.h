@@ -21,7 +21,8 @@ class OrvJSONSerialization {
  public:
   // std::nullopt and an error for empty input, malformed text, invalid UTF-8, numbers out of range,
   // nesting deeper than OrvJSONSerializationMaximumDepth and, without fragmentsAllowed, a top-level
-  // scalar.
+  // scalar. The document lives in one arena of its own, freed with the last value that uses it: copy
+  // a part you keep past the document with the default storage (`json::value(part, {})`).
   static std::optional<boost::json::value> JSONObjectWithData(std::string_view data, OrvJSONReadingOptions options,
                                                               std::optional<OrvError>* error = nullptr);
 };

@@ -1,5 +1,7 @@
 #include "OrvURL.h"
 
+#include <array>
+
 #include <boost/url/encode.hpp>
 #include <boost/url/grammar/lut_chars.hpp>
 #include <boost/url/parse.hpp>
@@ -37,9 +39,13 @@ std::string decoded(std::string_view encoded) {
 constexpr bool isAlpha(char c) noexcept { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
 constexpr bool isDigit(char c) noexcept { return c >= '0' && c <= '9'; }
 // unreserved, sub-delims, ":", "@" and the "/" between segments: a path character that needs no escape.
-constexpr bool isPlainPathChar(char c) noexcept {
-  return isAlpha(c) || isDigit(c) || std::string_view("-._~!$&'()*+,;=:@/").find(c) != std::string_view::npos;
-}
+constexpr auto kPlainPathChars = [] {
+  std::array<bool, 256> plain{};
+  for (int c = 0; c < 256; ++c) plain[c] = isAlpha(char(c)) || isDigit(char(c));
+  for (const char c : std::string_view("-._~!$&'()*+,;=:@/")) plain[static_cast<unsigned char>(c)] = true;
+  return plain;
+}();
+constexpr bool isPlainPathChar(char c) noexcept { return kPlainPathChars[static_cast<unsigned char>(c)]; }
 
 }  // namespace
 

@@ -12,7 +12,8 @@ std::shared_ptr<OrvAppConfigSingleAppSetting> OrvAppConfigSingleAppSetting::init
   if (!jsonDictionary) return nullptr;
   // The name must be a string, but the value is taken as it comes: the host decides what a value means.
   std::optional<boost::json::value> value;
-  if (const boost::json::value* raw = jsonDictionary->if_contains("value")) value = *raw;
+  // Copied out of the document's arena, which would otherwise live as long as this setting.
+  if (const boost::json::value* raw = jsonDictionary->if_contains("value")) value.emplace(*raw, boost::json::storage_ptr());
   return initWithName(OrvJSON::jsonStringForKey(jsonDictionary, "name"), std::move(value));
 }
 
