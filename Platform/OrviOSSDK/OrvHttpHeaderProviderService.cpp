@@ -6,8 +6,10 @@
 OrvHTTPHeaderDictionary OrvHttpHeaderProviderService::uniqueTransactionIdHeader() {
   if (transactionIdHeaderName_.empty()) return {};
   try {
-    // A generator per call: it is not thread-safe, and it reads the system's random source itself.
-    boost::uuids::random_generator generator;
+    // One generator per thread (none is thread-safe), seeded once from the system's random source: a
+    // transaction id must be unique, not secret, and a read of the random source per request was a
+    // system call for every store of every request.
+    thread_local boost::uuids::random_generator_mt19937 generator;
     return {{transactionIdHeaderName_, boost::uuids::to_string(generator())}};
   } catch (const std::exception&) {
     // Without entropy there is no id to send; the request goes out without one.
