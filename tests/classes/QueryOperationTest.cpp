@@ -115,15 +115,14 @@ TEST(OrvAppConfigQueryOperationTest, CancelledBeforeStartAndNoURLMakeNoRequest) 
   EXPECT_EQ(cancelled->completionError(), std::nullopt);
   EXPECT_TRUE(log->contains("Operation for AutoDiscover was cancelled before start."));
 
-  const auto before = log->count("Unable to build auto discover URL based on user input");
   auto empty = autoDiscover(session, "");
-  EXPECT_EQ(log->count("Unable to build auto discover URL based on user input"), before + 1);
+  EXPECT_TRUE(log->contains("Unable to build auto discover URL based on user input"));
   EXPECT_EQ(empty->requestedDomain(), std::nullopt);
   runToCompletion(empty);
   EXPECT_EQ(empty->completionStatus(), OrvAppConfigQueryOperationCompletionStatusCouldNotBuildUrl);
   EXPECT_EQ(empty->completionError(), std::nullopt);
   EXPECT_TRUE(log->contains("Unable to build URL for AutoDiscover"));
-  EXPECT_EQ(session->requestCount(), 0u);
+  EXPECT_EQ(session->requests().size(), 0u);
   EXPECT_EQ(OrvAppConfigQueryOperation::descriptionForCompletionStatus(9),
             "Unknown OrvAppConfigQueryOperationCompletionStatus of 9");
 
