@@ -32,6 +32,10 @@ TEST(OrvAppConfigServiceTest, FeatureFlagsAreReadOnceInOrderAndDefaultOn) {
   EXPECT_EQ(flags->questions.size(), 2u);
 
   // Known values are named in the workflow logs; unknown ones are named by number.
+  for (OrvAppConfigServiceCompletionStatus status = 0; status < 4; ++status) {
+    EXPECT_THAT(OrvAppConfigService::descriptionForCompletionStatus(status),
+                ::testing::StartsWith("OrvAppConfigServiceCompletionStatus"));
+  }
   EXPECT_EQ(OrvAppConfigService::descriptionForCompletionStatus(4), "Unknown OrvAppConfigServiceCompletionStatus of 4");
   EXPECT_EQ(OrvAppConfigService::descriptionForPayloadValidationStatus(-1), "Unknown OrvPayloadValidationStatus of -1");
 }

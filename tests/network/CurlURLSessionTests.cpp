@@ -90,6 +90,11 @@ TEST_F(OrvCurlURLSessionTest, DeliversStatusBodyAndHeadersOfRealAnswers) {
   EXPECT_EQ(missing->status(), 404);
   EXPECT_FALSE(std::get<2>(missing->values));
   EXPECT_FALSE(std::get<0>(missing->values).value_or("").empty());
+  EXPECT_FALSE(std::get<1>(missing->values)->valueForHTTPHeaderField("Varnel-Signature"));
+  // Methods other than GET go out as given: the emulator serves GET only.
+  auto deletion = requestFor(base + "/ads/root/publickey");
+  deletion.setHTTPMethod("DELETE");
+  EXPECT_EQ(fetch(*harness.session, deletion)->status(), 405);
 }
 
 TEST_F(OrvCurlURLSessionTest, CancelCompletesOnceWithTheCancelError) {

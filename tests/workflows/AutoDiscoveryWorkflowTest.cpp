@@ -211,6 +211,13 @@ TEST(AutoDiscoveryWorkflowTest, ReleasingTheServiceCancelsItsRequestsWithoutComp
   std::weak_ptr<OrvAppConfigService> weak = harness.service;
   std::weak_ptr<OrvURLSession> weakSession = harness.session;
   std::atomic<int> calls{0};
+  // Traces are delivered like completions: not at all once the service is gone.
+  struct TraceCounter : OrvAppConfigDiagnosticsDelegate {
+    std::atomic<int> traces{0};
+    void didFinishRequestWithTrace(std::shared_ptr<const OrvAppConfigRequestTrace>) override { ++traces; }
+  };
+  const auto traces = std::make_shared<TraceCounter>();
+  harness.service->setDiagnosticsDelegate(traces);
   // One request in flight (the emulator holds its answer back), one waiting for its turn, one settings
   // request running beside them.
   harness.service->asyncStartAutodiscoveryForUserInput("user@example.com", 0, [&](auto, auto, auto) { ++calls; });
@@ -223,5 +230,5 @@ TEST(AutoDiscoveryWorkflowTest, ReleasingTheServiceCancelsItsRequestsWithoutComp
   EXPECT_TRUE(weak.expired()) << "a pending request does not keep the service alive";
   // The transfer is aborted, not left to the server's 30 s: the session and its I/O thread go with it.
   EXPECT_TRUE(pollUntil([&] { return weakSession.expired(); }, std::chrono::seconds(10)));
-  EXPECT_FALSE(runMainQueueUntil([&] { return calls > 0; }, std::chrono::milliseconds(300)));
+  EXPECT_FALSE(runMainQueueUntil([&] { return calls > 0 || traces->traces > 0; }, std::chrono::milliseconds(300)));
 }
