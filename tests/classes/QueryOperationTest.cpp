@@ -4,6 +4,7 @@
 
 #include "OrvAppConfigAutoDiscoverOperation.h"
 #include "OrvAppConfigGetSigningCertificateOperation.h"
+#include "OrvAppConfigRequestTrace.h"
 #include "OrvOperationQueue.h"
 #include "OrvOperationQueueTesting.h"
 #include "TestSupport.h"
@@ -110,20 +111,29 @@ TEST(OrvAppConfigQueryOperationTest, CancelledBeforeStartAndNoURLMakeNoRequest) 
   auto log = orv::test::LogCollector::install();
   auto session = std::make_shared<FakeURLSession>([](const OrvURLRequest&) { return FakeResponse{}; });
   auto cancelled = autoDiscover(session);
+  // A traced request says of a step that never ran that it was cancelled, rather than leaving it out.
+  const auto recorder =
+      std::make_shared<orv::detail::RequestTraceRecorder>(OrvAppConfigRequestTrace::Kind::autoDiscovery, "test", nullptr);
+  cancelled->setTraceRecorder(recorder, "auto-discover query");
   runToCompletion(cancelled, /*cancelFirst=*/true);
   EXPECT_EQ(cancelled->completionStatus(), OrvAppConfigQueryOperationCompletionStatusCancelled);
   EXPECT_EQ(cancelled->completionError(), std::nullopt);
   EXPECT_TRUE(log->contains("Operation for AutoDiscover was cancelled before start."));
+  const auto trace = recorder->finish(cancelled->completionStatus(), std::nullopt);
+  ASSERT_EQ(trace->steps.size(), 1u);
+  EXPECT_FALSE(trace->steps[0].passed);
+  EXPECT_TRUE(trace->steps[0].detail.starts_with("cancelled before an answer")) << trace->steps[0].detail;
 
-  const auto before = log->count("Unable to build auto discover URL based on user input");
   auto empty = autoDiscover(session, "");
-  EXPECT_EQ(log->count("Unable to build auto discover URL based on user input"), before + 1);
+  EXPECT_TRUE(log->contains("Unable to build auto discover URL based on user input"));
   EXPECT_EQ(empty->requestedDomain(), std::nullopt);
+  empty->setTraceRecorder(recorder, "auto-discover query");
   runToCompletion(empty);
   EXPECT_EQ(empty->completionStatus(), OrvAppConfigQueryOperationCompletionStatusCouldNotBuildUrl);
   EXPECT_EQ(empty->completionError(), std::nullopt);
   EXPECT_TRUE(log->contains("Unable to build URL for AutoDiscover"));
-  EXPECT_EQ(session->requestCount(), 0u);
+  EXPECT_EQ(session->requests().size(), 0u);
+  ASSERT_EQ(recorder->finish(empty->completionStatus(), std::nullopt)->steps.size(), 2u);
   EXPECT_EQ(OrvAppConfigQueryOperation::descriptionForCompletionStatus(9),
             "Unknown OrvAppConfigQueryOperationCompletionStatus of 9");
 

@@ -180,13 +180,6 @@ std::vector<Row> rows() {
   };
 }
 
-using AutoCapture =
-    Capture<OrvAppConfigServiceCompletionStatus, std::shared_ptr<OrvAppConfigAutoDiscoverRecord>, std::optional<OrvError>>;
-
-struct ProductionHostOverride {
-  ~ProductionHostOverride() { OrvAppConfigDiscoveryHosts::setProductionHost(std::nullopt); }
-};
-
 }  // namespace
 
 TEST(FaultMatrixTest, EachFaultEndsInOneCompletionThatSaysWhatFailed) {
@@ -199,7 +192,7 @@ TEST(FaultMatrixTest, EachFaultEndsInOneCompletionThatSaysWhatFailed) {
   configuration.totalTimeout = 2s;
   configuration.maxHeaderCount = 100;
   configuration.maxHeaderBytes = 16u * 1024u;
-  ProductionHostOverride restoreHost;
+  const DiscoveryHostsOverride restoreHosts("127.0.0.1");
 
   for (const auto& row : rows()) {
     SCOPED_TRACE(row.name);
@@ -214,14 +207,14 @@ TEST(FaultMatrixTest, EachFaultEndsInOneCompletionThatSaysWhatFailed) {
                                                      OrvSecurityUtilsService::create(), nullptr);
     };
     const auto service = newService();
-    AutoCapture capture;
+    AutoDiscoveryCapture capture;
     service->asyncStartAutodiscoveryForUserInput("user@example.com", 0, capture.block());
 
     if (row.extra == Extra::healthyNeighbour) {
       // A second service, as one service runs its workflows one at a time: only the session is shared.
       ASSERT_TRUE(pollUntil([&] { return !server.targets().empty(); }, 5s));
       const auto neighbour = newService();
-      AutoCapture healthy;
+      AutoDiscoveryCapture healthy;
       neighbour->asyncStartAutodiscoveryForUserInput("user@healthy.example", 0, healthy.block());
       ASSERT_TRUE(healthy.wait(5s));
       EXPECT_EQ(capture.calls, 0) << "the healthy request was held up by the stalled one";

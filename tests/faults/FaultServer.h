@@ -134,64 +134,57 @@ class FaultServer {
     return fd;
   }
 
-  SslContextPtr serverContext(const std::string& certificateFile, bool tls10Only) const {
-    SslContextPtr context(SSL_CTX_new(TLS_server_method()));
-    if (!context || SSL_CTX_use_certificate_file(context.get(), certificateFile.c_str(), SSL_FILETYPE_PEM) != 1 ||
-        SSL_CTX_use_PrivateKey_file(context.get(), material_.file("key.pem").c_str(), SSL_FILETYPE_PEM) != 1) {
-      return nullptr;
-    }
-    // Level 0, or OpenSSL 3 will not offer TLS 1.0 at all and the client would meet no server.
-    if (tls10Only) SSL_CTX_set_security_level(context.get(), 0);
-    if (tls10Only && (SSL_CTX_set_min_proto_version(context.get(), TLS1_VERSION) != 1 ||
-                      SSL_CTX_set_max_proto_version(context.get(), TLS1_VERSION) != 1)) {
-      return nullptr;
-    }
-    return context;
-  }
-
-  // Every variant shares one server key; only the certificates differ, each in a single way.
+  // Every variant shares one server key; only the certificates differ, each in a single way. TLS 1.0
+  // needs security level 0, or OpenSSL 3 will not offer it at all and the client would meet no server.
   bool makeContexts() {
     using namespace orv::emulator;
+    using namespace std::chrono_literals;
     const auto now = std::chrono::system_clock::now();
     const auto profile = [&](std::string name, bool isCA, std::vector<std::string> dnsNames = {}) {
-      CertificateProfile p;
-      p.organization = "Orv Fault Server";
-      p.commonName = std::move(name);
-      p.isCA = isCA;
-      p.notBefore = now - std::chrono::hours(48);
-      p.notAfter = now + std::chrono::hours(48);
-      p.dnsNames = std::move(dnsNames);
-      return p;
+      return CertificateProfile{.organization = "Orv Fault Server",
+                                .commonName = std::move(name),
+                                .notBefore = now - 48h,
+                                .notAfter = now + 48h,
+                                .isCA = isCA,
+                                .dnsNames = std::move(dnsNames)};
     };
     auto caKey = PrivateKey::generate(KeyKind::ecP256), strangerKey = PrivateKey::generate(KeyKind::ecP256);
     auto serverKey = PrivateKey::generate(KeyKind::ecP256);
     if (!caKey || !strangerKey || !serverKey) return false;
-    const auto caPEM = issueCertificate(profile("Orv Fault CA", true), *caKey, nullptr, *caKey);
-    const auto strangerPEM = issueCertificate(profile("Orv Stranger CA", true), *strangerKey, nullptr, *strangerKey);
-    const auto ca = OrvCertificate::certificateWithContent(caPEM.value_or(""));
-    const auto stranger = OrvCertificate::certificateWithContent(strangerPEM.value_or(""));
+    const auto ca = OrvCertificate::certificateWithContent(
+        issueCertificate(profile("Orv Fault CA", true), *caKey, nullptr, *caKey).value_or(""));
+    const auto stranger = OrvCertificate::certificateWithContent(
+        issueCertificate(profile("Orv Stranger CA", true), *strangerKey, nullptr, *strangerKey).value_or(""));
     if (!ca || !stranger) return false;
-    writeFile(caFile(), *caPEM);
+    writeFile(caFile(), ca->pemString());
     writeFile(material_.file("key.pem"), serverKey->privateKeyPEM());
-
     auto loopback = profile("localhost", false, {"localhost"});
     loopback.ipAddresses = {"127.0.0.1"};
     auto expired = loopback;
-    expired.notAfter = now - std::chrono::hours(1);
-    const std::tuple<FaultCertificate, CertificateProfile, const OrvCertificate*, const PrivateKey*> leaves[] = {
-        {FaultCertificate::trusted, loopback, ca.get(), &*caKey},
-        {FaultCertificate::otherName, profile("other.invalid", false, {"other.invalid"}), ca.get(), &*caKey},
-        {FaultCertificate::expired, expired, ca.get(), &*caKey},
-        {FaultCertificate::untrustedAuthority, loopback, stranger.get(), &*strangerKey},
+    expired.notAfter = now - 1h;
+    const std::tuple<SslContextPtr*, CertificateProfile, const OrvCertificate*, const PrivateKey*, bool> leaves[] = {
+        {&contexts_[FaultCertificate::trusted], loopback, ca.get(), &*caKey, false},
+        {&contexts_[FaultCertificate::otherName], profile("other.invalid", false, {"other.invalid"}), ca.get(), &*caKey, false},
+        {&contexts_[FaultCertificate::expired], expired, ca.get(), &*caKey, false},
+        {&contexts_[FaultCertificate::untrustedAuthority], loopback, stranger.get(), &*strangerKey, false},
+        {&tls10_, loopback, ca.get(), &*caKey, true},
     };
-    for (const auto& [kind, leaf, issuer, issuerKey] : leaves) {
-      const std::string file = material_.file("leaf-") + std::to_string(static_cast<int>(kind)) + ".pem";
-      const auto pem = issueCertificate(leaf, *serverKey, issuer, *issuerKey);
-      if (pem) writeFile(file, *pem);
-      if (!pem || !(contexts_[kind] = serverContext(file, false))) return false;
+    for (const auto& [context, leaf, issuer, issuerKey, tls10Only] : leaves) {
+      const std::string file = material_.file("leaf.pem");
+      writeFile(file, issueCertificate(leaf, *serverKey, issuer, *issuerKey).value_or(""));
+      context->reset(SSL_CTX_new(TLS_server_method()));
+      if (!*context || SSL_CTX_use_certificate_file(context->get(), file.c_str(), SSL_FILETYPE_PEM) != 1 ||
+          SSL_CTX_use_PrivateKey_file(context->get(), material_.file("key.pem").c_str(), SSL_FILETYPE_PEM) != 1) {
+        return false;
+      }
+      if (!tls10Only) continue;
+      SSL_CTX_set_security_level(context->get(), 0);
+      if (SSL_CTX_set_min_proto_version(context->get(), TLS1_VERSION) != 1 ||
+          SSL_CTX_set_max_proto_version(context->get(), TLS1_VERSION) != 1) {
+        return false;
+      }
     }
-    tls10_ = serverContext(material_.file("leaf-0.pem"), true);
-    return tls10_ != nullptr;
+    return true;
   }
 
   // One accepted connection, owned by the thread that serves it.

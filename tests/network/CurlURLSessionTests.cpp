@@ -1,56 +1,61 @@
+// The libcurl session against the emulator. Body and header limits, time-outs, refused connections and
+// untrusted peers: tests/faults.
 #include <gtest/gtest.h>
 
 #include <curl/curl.h>
 
 #include <vector>
 
-#include "../emulator/EmulatorTestSupport.h"
-#include "OrvCurlURLSession.h"
+#include "EmulatorHarness.h"
 #include "OrvOperationQueue.h"
 #include "OrvOperationQueueTesting.h"
 
 using namespace orv::test;
-using orv::emulator::DiscoveryEmulator;
 
 namespace {
 
 const std::string kDomainPath = "/ads/root/domain/example.com/";
 
-void expectCancelled(TaskOutcome& outcome) {
-  ASSERT_TRUE(outcome.wait());
-  std::lock_guard lock(outcome.mutex);
-  ASSERT_TRUE(outcome.error);
-  EXPECT_EQ(outcome.error->domain(), OrvURLErrorDomain);
-  EXPECT_EQ(outcome.error->code(), OrvURLErrorCancelled);
-  EXPECT_FALSE(outcome.data);
-  EXPECT_FALSE(outcome.response);
-  EXPECT_NE(outcome.thread, std::this_thread::get_id());
-}
+// What one data task delivered; completions run on the pool, so waiting polls rather than runs the main queue.
+struct Outcome : Capture<std::optional<OrvData>, std::shared_ptr<const OrvHTTPURLResponse>, std::optional<OrvError>> {
+  bool done() {
+    return pollUntil([this] { return calls > 0; });
+  }
+  std::int64_t status() const { return std::get<1>(values) ? std::get<1>(values)->statusCode() : 0; }
+  std::int64_t errorCode() const { return std::get<2>(values) ? std::get<2>(values)->code() : 0; }
+  void expectCancelled() {
+    ASSERT_TRUE(done());
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(errorCode(), OrvURLErrorCancelled);
+    EXPECT_EQ(std::get<2>(values)->domain(), OrvURLErrorDomain);
+    EXPECT_FALSE(std::get<0>(values) || std::get<1>(values));
+    EXPECT_NE(thread, std::this_thread::get_id());
+  }
+};
 
-std::int64_t errorCode(TaskOutcome& outcome) {
-  std::lock_guard lock(outcome.mutex);
-  return outcome.error ? outcome.error->code() : 0;
-}
+OrvURLRequest requestFor(const std::string& url) { return OrvURLRequest(*OrvURL::URLWithString(url)); }
 
-// Each test gets its own emulator, and a session that trusts it.
 class OrvCurlURLSessionTest : public ::testing::Test {
  protected:
-  std::unique_ptr<DiscoveryEmulator> emulator = startEmulator();
-  std::string base = emulator ? emulator->baseURL() : "";
+  EmulatorHarness harness;
+  std::string base = harness.emulator().baseURL();
 
-  void SetUp() override { ASSERT_TRUE(emulator); }
-  std::shared_ptr<OrvCurlURLSession> newSession(OrvCurlURLSessionConfiguration configuration = {}) {
-    configuration.caFile = emulator->tlsCAFile();
-    auto session = OrvCurlURLSession::create(configuration);
-    EXPECT_TRUE(session);
-    return session;
+  std::shared_ptr<OrvURLSessionDataTask> task(OrvURLSession& session, const std::string& path, Outcome& outcome) {
+    return session.dataTaskWithRequest(requestFor(base + path), outcome.block());
+  }
+  // Runs one request to its end.
+  std::unique_ptr<Outcome> fetch(OrvURLSession& session, const OrvURLRequest& request) {
+    auto outcome = std::make_unique<Outcome>();
+    session.dataTaskWithRequest(request, outcome->block())->resume();
+    EXPECT_TRUE(outcome->done()) << request.URL().absoluteString();
+    return outcome;
   }
   // Answers to the domain query are held back, so that a request is still in flight when the test acts.
-  void holdAnswers() { emulator->setFault(kDomainPath, {.delay = std::chrono::minutes(5)}); }
+  void holdAnswers() { harness.emulator().setFault(kDomainPath, {.delay = std::chrono::minutes(5)}); }
   bool arrived(const std::string& target) {
     return pollUntil([&] {
-      const auto log = emulator->requests();
-      return std::any_of(log.begin(), log.end(), [&](const auto& r) { return r.target == target; });
+      const auto paths = harness.requestPaths();
+      return std::find(paths.begin(), paths.end(), target) != paths.end();
     });
   }
 };
@@ -58,10 +63,9 @@ class OrvCurlURLSessionTest : public ::testing::Test {
 }  // namespace
 
 TEST_F(OrvCurlURLSessionTest, DeliversStatusBodyAndHeadersOfRealAnswers) {
-  auto session = newSession();
   auto request = requestFor(base + kDomainPath);
   // Field names are case-insensitive: a later value replaces an earlier one, none removes it, and empty
-  // is a value, not an absence. (How header dictionaries are layered: the query operation tests.)
+  // is a value, not an absence.
   request.setValueForHTTPHeaderField("first", "X-Transaction-Id");
   request.setValueForHTTPHeaderField("abc", "x-transaction-ID");
   request.setValueForHTTPHeaderField("gone", "X-Removed");
@@ -70,73 +74,74 @@ TEST_F(OrvCurlURLSessionTest, DeliversStatusBodyAndHeadersOfRealAnswers) {
   EXPECT_EQ(request.allHTTPHeaderFields().size(), 2u);
   EXPECT_EQ(request.valueForHTTPHeaderField("X-TRANSACTION-ID"), "abc");
   EXPECT_EQ(request.valueForHTTPHeaderField("X-Removed"), std::nullopt);
-  auto ok = fetch(*session, request);
+  const auto ok = fetch(*harness.session, request);
   ASSERT_EQ(ok->status(), 200);
-  EXPECT_FALSE(ok->error);
-  ASSERT_TRUE(ok->data);
-  EXPECT_EQ(ok->response->URL(), request.URL());
-  EXPECT_EQ(ok->response->valueForHTTPHeaderField("content-length"), std::to_string(ok->data->size()));
-  EXPECT_TRUE(ok->response->valueForHTTPHeaderField("VARNEL-SIGNATURE"));
-  const auto recorded = emulator->requests().back();
+  const auto& [data, response, error] = ok->values;
+  EXPECT_FALSE(error);
+  EXPECT_EQ(response->URL(), request.URL());
+  EXPECT_EQ(response->valueForHTTPHeaderField("content-length"), std::to_string(data.value_or("").size()));
+  EXPECT_TRUE(response->valueForHTTPHeaderField("VARNEL-SIGNATURE"));
+  const auto recorded = harness.emulator().requests().back();
   EXPECT_EQ(recorded.header("x-transaction-id"), "abc");
   EXPECT_EQ(recorded.header("x-empty"), "");
   EXPECT_EQ(recorded.header("x-removed"), std::nullopt);
 
-  // Other statuses are answers, not transport errors (the workflow tests see them as such), with their bodies.
-  auto missing = fetch(*session, base + "/nothing/here");
+  // Other statuses are answers, not transport errors, with their bodies.
+  const auto missing = fetch(*harness.session, requestFor(base + "/nothing/here"));
   EXPECT_EQ(missing->status(), 404);
-  EXPECT_FALSE(missing->error);
-  EXPECT_TRUE(missing->data && !missing->data->empty());
+  EXPECT_FALSE(std::get<2>(missing->values));
+  EXPECT_FALSE(std::get<0>(missing->values).value_or("").empty());
+  EXPECT_FALSE(std::get<1>(missing->values)->valueForHTTPHeaderField("Varnel-Signature"));
+  // Methods other than GET go out as given: the emulator serves GET only.
+  auto deletion = requestFor(base + "/ads/root/publickey");
+  deletion.setHTTPMethod("DELETE");
+  EXPECT_EQ(fetch(*harness.session, deletion)->status(), 405);
 }
 
-// Body and header limits, time-outs, refused connections and untrusted peers: tests/faults.
 TEST_F(OrvCurlURLSessionTest, CancelCompletesOnceWithTheCancelError) {
-  auto session = newSession();
-
+  auto& session = *harness.session;
   // Before resume: the handler runs on the pool, and a later resume sends nothing.
-  auto early = TaskOutcome::make();
-  auto idle = session->dataTaskWithRequest(requestFor(base + "/early"), TaskOutcome::handler(early));
+  Outcome early, during, starved;
+  auto idle = task(session, "/early", early);
   idle->cancel();
   idle->resume();
   idle->cancel();
-  expectCancelled(*early);
+  early.expectCancelled();
 
   // During: the request is held by the server when the cancel comes.
   holdAnswers();
-  auto during = TaskOutcome::make();
-  auto running = session->dataTaskWithRequest(requestFor(base + kDomainPath), TaskOutcome::handler(during));
+  auto running = task(session, kDomainPath, during);
   running->resume();
   ASSERT_TRUE(arrived(kDomainPath));
   running->cancel();
   running->cancel();
-  expectCancelled(*during);
+  during.expectCancelled();
   EXPECT_NE(idle->taskIdentifier(), running->taskIdentifier());
 
   // When the hand-off to the pool cannot be allocated, the completion still comes, in place.
-  auto starved = TaskOutcome::make();
-  auto unlucky = session->dataTaskWithRequest(requestFor(base + "/starved"), TaskOutcome::handler(starved));
+  auto unlucky = task(session, "/starved", starved);
   orv::detail::failNextWorkerPoolDispatchesForTesting(1);
   unlucky->cancel();
-  EXPECT_EQ(starved->callCount(), 1);
-  EXPECT_EQ(errorCode(*starved), CURLE_OUT_OF_MEMORY);
+  EXPECT_EQ(starved.calls, 1);
+  EXPECT_EQ(starved.errorCode(), CURLE_OUT_OF_MEMORY);
 
   // The session still works afterwards, and nothing was delivered twice.
-  EXPECT_EQ(fetch(*session, base + "/ads/root/publickey")->status(), 200);
-  EXPECT_EQ(early->callCount(), 1);
-  EXPECT_EQ(during->callCount(), 1);
-  for (const auto& request : emulator->requests()) EXPECT_NE(request.target, "/early");
+  EXPECT_EQ(fetch(session, requestFor(base + "/ads/root/publickey"))->status(), 200);
+  EXPECT_EQ(early.calls + during.calls, 2);
+  for (const auto& path : harness.requestPaths()) EXPECT_NE(path, "/early");
 }
 
 TEST_F(OrvCurlURLSessionTest, DestroyingOrInvalidatingTheSessionCancelsWhatIsInFlight) {
   holdAnswers();
+  OrvCurlURLSessionConfiguration configuration;
+  configuration.caFile = harness.emulator().tlsCAFile();
   for (const bool invalidate : {false, true}) {
-    auto session = newSession();
-    auto inFlight = TaskOutcome::make();
-    auto task = session->dataTaskWithRequest(requestFor(base + kDomainPath), TaskOutcome::handler(inFlight));
-    task->resume();
-    auto notStarted = TaskOutcome::make();
-    auto later = session->dataTaskWithRequest(requestFor(base + kDomainPath), TaskOutcome::handler(notStarted));
-    emulator->clearRequests();
+    auto session = OrvCurlURLSession::create(configuration);
+    Outcome inFlight, notStarted;
+    auto running = task(*session, kDomainPath, inFlight);
+    running->resume();
+    auto later = task(*session, kDomainPath, notStarted);
+    harness.emulator().clearRequests();
     ASSERT_TRUE(arrived(kDomainPath));
     if (invalidate) {
       // Blocking: by the time it returns, the I/O thread is gone and the task has been answered.
@@ -145,45 +150,42 @@ TEST_F(OrvCurlURLSessionTest, DestroyingOrInvalidatingTheSessionCancelsWhatIsInF
     } else {
       session.reset();
     }
-    expectCancelled(*inFlight);
+    inFlight.expectCancelled();
     // A task that outlives its session (or its session's invalidation) can still be resumed and
     // cancelled; it completes once, cancelled.
     later->resume();
-    expectCancelled(*notStarted);
-    task->cancel();
-    EXPECT_EQ(inFlight->callCount(), 1);
-    EXPECT_EQ(notStarted->callCount(), 1);
+    notStarted.expectCancelled();
+    running->cancel();
+    EXPECT_EQ(inFlight.calls, 1);
   }
 }
 
 TEST_F(OrvCurlURLSessionTest, RefusesWhatItMustNeverSend) {
-  auto session = newSession();
+  harness.emulator().clearRequests();
   // Plain http is never spoken.
-  EXPECT_EQ(errorCode(*fetch(*session, "http://127.0.0.1:1/")), CURLE_UNSUPPORTED_PROTOCOL);
+  EXPECT_EQ(fetch(*harness.session, requestFor("http://127.0.0.1:1/"))->errorCode(), CURLE_UNSUPPORTED_PROTOCOL);
   // A header that would smuggle a second line is refused before anything is sent.
   auto injected = requestFor(base + "/ads/root/publickey");
   injected.setValueForHTTPHeaderField("x\r\nX-Evil: 1", "X-Note");
-  EXPECT_EQ(errorCode(*fetch(*session, injected)), CURLE_BAD_FUNCTION_ARGUMENT);
-  EXPECT_TRUE(emulator->requests().empty());
+  EXPECT_EQ(fetch(*harness.session, injected)->errorCode(), CURLE_BAD_FUNCTION_ARGUMENT);
+  EXPECT_TRUE(harness.emulator().requests().empty());
 }
 
-// With HTTP/1.1 every request needs a connection of its own (the automatic version: the settings workflow tests).
+// With HTTP/1.1 every request needs a connection of its own.
 TEST_F(OrvCurlURLSessionTest, RunsManyRequestsAtOnceOverHTTP11) {
   OrvCurlURLSessionConfiguration configuration;
+  configuration.caFile = harness.emulator().tlsCAFile();
   configuration.httpVersion = OrvCurlHTTPVersion::http1_1;
-  auto session = newSession(configuration);
-  std::vector<std::shared_ptr<TaskOutcome>> outcomes;
+  auto session = OrvCurlURLSession::create(configuration);
+  std::vector<Outcome> outcomes(40);
   std::vector<std::shared_ptr<OrvURLSessionDataTask>> tasks;
-  for (int i = 0; i < 40; ++i) {
-    outcomes.push_back(TaskOutcome::make());
-    const std::string path = i % 2 ? kDomainPath : "/ads/root/domain/example.net/";
-    tasks.push_back(session->dataTaskWithRequest(requestFor(base + path), TaskOutcome::handler(outcomes.back())));
-  }
-  for (auto& task : tasks) task->resume();
+  for (std::size_t i = 0; i < outcomes.size(); ++i)
+    tasks.push_back(task(*session, i % 2 ? kDomainPath : "/ads/root/domain/example.net/", outcomes[i]));
+  for (auto& started : tasks) started->resume();
   for (std::size_t i = 0; i < outcomes.size(); ++i) {
-    ASSERT_TRUE(outcomes[i]->wait());
-    EXPECT_EQ(outcomes[i]->status(), 200);
-    EXPECT_NE(outcomes[i]->data->find(i % 2 ? "example.com" : "example.net"), std::string::npos);
-    EXPECT_EQ(outcomes[i]->callCount(), 1);
+    ASSERT_TRUE(outcomes[i].done());
+    EXPECT_EQ(outcomes[i].status(), 200);
+    EXPECT_NE(std::get<0>(outcomes[i].values)->find(i % 2 ? "example.com" : "example.net"), std::string::npos);
+    EXPECT_EQ(outcomes[i].calls, 1);
   }
 }

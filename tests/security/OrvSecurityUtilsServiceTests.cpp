@@ -48,10 +48,8 @@ std::pair<std::optional<emulator::PrivateKey>, OrvCertificateRef> weakRSA(const 
   detail::BioPtr bio = detail::newMemoryBio();
   if (!weak || PEM_write_bio_PrivateKey(bio.get(), weak.get(), nullptr, nullptr, 0, nullptr, nullptr) != 1) return {};
   auto key = emulator::PrivateKey::fromPEM(detail::bioContents(bio.get()));
-  emulator::CertificateProfile profile;
-  profile.organization = kRequiredIssuer;
-  profile.notBefore = m.leafNotBefore;
-  profile.notAfter = m.leafNotAfter;
+  const emulator::CertificateProfile profile{
+      .organization = kRequiredIssuer, .notBefore = m.leafNotBefore, .notAfter = m.leafNotAfter};
   const auto pem = key ? emulator::issueCertificate(profile, *key, nullptr, *key) : std::nullopt;
   return {std::move(key), pem ? OrvCertificate::certificateWithContent(*pem) : nullptr};
 }
@@ -247,10 +245,7 @@ TEST_F(SecurityUtilsServiceTest, ValidityPeriodIncludesBothEnds) {
   // One anchored service whose clock moves: a chain it has already built does not carry a verdict past
   // the period in which it was good.
   OrvDate now = m.leafNotAfter;
-  OrvSecurityUtilsService::Configuration configuration;
-  configuration.clock = [&now] { return now; };
-  configuration.trustAnchors = {m.root};
-  const auto moving = OrvSecurityUtilsService::create(configuration);
+  const auto moving = serviceWith([&now] { return now; }, {m.root});
   EXPECT_EQ(verifyResult(*moving, rs256, m.rsaLeaf), OrvSecurityUtilsResultSuccess);
   EXPECT_EQ(verifyResult(*moving, rs256, m.rsaLeaf), OrvSecurityUtilsResultSuccess);
   now = m.leafNotAfter + 1ms;
@@ -261,24 +256,15 @@ TEST_F(SecurityUtilsServiceTest, TrustAnchorsRefuseCertificatesThatOnlyCarryTheR
   EXPECT_EQ(verifyResult(*anchored, rs256, m.rsaLeaf), OrvSecurityUtilsResultSuccess);
   EXPECT_EQ(verifyResult(*anchored, rs256, m.selfSigned), OrvSecurityUtilsResultUntrustedChain);
   EXPECT_EQ(verifyResult(*anchored, rs256, m.leafOfOtherRoot), OrvSecurityUtilsResultUntrustedChain);
-  OrvSecurityUtilsService::Configuration configuration;
-  configuration.clock = [now = m.now] { return now; };
-  configuration.trustAnchors = {nullptr, m.expiredRoot};
-  const auto expiredAnchor = OrvSecurityUtilsService::create(configuration);
+  const auto clock = [now = m.now] { return now; };
+  const auto expiredAnchor = serviceWith(clock, {nullptr, m.expiredRoot});
   EXPECT_EQ(expiredAnchor->trustAnchorCount(), 1u);
   EXPECT_EQ(verifyResult(*expiredAnchor, rs256, m.leafOfExpiredRoot), OrvSecurityUtilsResultUntrustedChain);
-  configuration.trustAnchors = {nullptr};
-  EXPECT_EQ(verifyResult(*OrvSecurityUtilsService::create(configuration), rs256, m.rsaLeaf),
-            OrvSecurityUtilsResultUntrustedChain);
+  EXPECT_EQ(verifyResult(*serviceWith(clock, {nullptr}), rs256, m.rsaLeaf), OrvSecurityUtilsResultUntrustedChain);
 }
 
 TEST_F(SecurityUtilsServiceTest, DefaultTrustAnchorsComeFromTheHostTheEnvironmentOrNowhere) {
-  const auto withDefaults = [&](bool useDefaults = true) {
-    OrvSecurityUtilsService::Configuration configuration;
-    configuration.clock = [now = m.now] { return now; };
-    configuration.useDefaultTrustAnchors = useDefaults;
-    return OrvSecurityUtilsService::create(configuration);
-  };
+  const auto withDefaults = [&](bool useDefaults = true) { return serviceWith([now = m.now] { return now; }, {}, useDefaults); };
   const TemporaryDirectory files;
   writeFile(files.file("root.pem"), m.root->pemString());
   writeFile(files.file("garbage.pem"), "not a certificate");
@@ -314,49 +300,47 @@ TEST_F(SecurityUtilsServiceTest, ParallelVerificationsCompleteOnWorkersEvenAfter
   const DetachedJws signatures[] = {signJws(m.rsaKey, "PS256", header("PS256")), signJws(m.p256Key, "ES256", header("ES256")),
                                     signJws(m.ed25519Key, "EdDSA", header("EdDSA"))};
   const OrvCertificateRef certificates[] = {m.rsaLeaf, m.p256Leaf, m.ed25519Leaf};
-  constexpr int kCallers = 4, kPerCaller = 48;
+  constexpr int kCallers = 4, kPerCaller = 48, kTotal = kCallers * kPerCaller;
   auto options = std::make_shared<AdditionalCertificateValidationOptions>();
   options->setRequiredIssuerName(kRequiredIssuer);
-  // Shared with the blocks, which may outlive a failed wait.
+  // Per tag: verdict, whether an error came, whether it ran on the calling thread, and how often. Shared
+  // with the blocks, which may outlive a failed wait.
   struct Log {
     std::mutex mutex;
-    std::map<int, std::pair<std::int64_t, bool>> byTag;
-    std::atomic<int> count{0}, onCaller{0};
+    std::map<int, std::tuple<std::int64_t, bool, bool, int>> byTag;
+    std::atomic<int> count{0};
   };
   auto log = std::make_shared<Log>();
-  // Made on the calling thread, which the completion must not run on.
-  const auto record = [log](int tag) {
-    return [log, caller = std::this_thread::get_id(), tag](std::int64_t result, std::optional<OrvError> error) {
-      std::lock_guard lock(log->mutex);
-      log->onCaller += std::this_thread::get_id() == caller;
-      log->byTag.insert_or_assign(tag, std::pair{result, error.has_value()});
-      ++log->count;
-    };
-  };
   auto transient = serviceAt(m.now, true);
   std::vector<std::thread> callers;
   for (int caller = 0; caller < kCallers; ++caller) {
     callers.emplace_back([&, caller] {
-      for (int i = 0; i < kPerCaller; ++i) {
+      for (int i = 0, tag = caller * kPerCaller; i < kPerCaller; ++i, ++tag) {
         const int which = (caller + i) % 3;
-        transient->asyncValidateJWTWithJwtPayload(i % 4 == 0 ? "tampered" : std::string(kPayload), signatures[which].header,
-                                                  signatures[which].signature, certificates[which], options,
-                                                  record(caller * kPerCaller + i));
+        transient->asyncValidateJWTWithJwtPayload(
+            i % 4 == 0 ? "tampered" : std::string(kPayload), signatures[which].header, signatures[which].signature,
+            certificates[which], options, [log, tag, self = std::this_thread::get_id()](auto result, auto error) {
+              std::lock_guard lock(log->mutex);
+              auto& [verdict, hasError, onCaller, calls] = log->byTag[tag];
+              std::tie(verdict, hasError, onCaller) = std::tuple(result, error.has_value(), std::this_thread::get_id() == self);
+              ++calls;
+              ++log->count;
+            });
       }
     });
   }
   for (auto& thread : callers) thread.join();
   transient->asyncValidateJWTWithJwtPayload(std::string(kPayload), rs256.header, rs256.signature, m.rsaLeaf, options, {});
   transient.reset();
-  EXPECT_TRUE(pollUntil([&] { return log->count >= kCallers * kPerCaller; }, 120s));
+  EXPECT_TRUE(pollUntil([&] { return log->count >= kTotal; }, 120s));
   std::lock_guard lock(log->mutex);
-  EXPECT_EQ(log->count, kCallers * kPerCaller);
-  ASSERT_EQ(log->byTag.size(), static_cast<std::size_t>(kCallers * kPerCaller));
-  EXPECT_EQ(log->onCaller, 0);
-  for (const auto& [tag, verdict] : log->byTag) {
+  EXPECT_EQ(log->count, kTotal);
+  ASSERT_EQ(log->byTag.size(), static_cast<std::size_t>(kTotal));
+  for (const auto& [tag, outcome] : log->byTag) {
     const bool tampered = tag % kPerCaller % 4 == 0;
-    EXPECT_EQ(verdict.first, tampered ? OrvSecurityUtilsResultSignatureMismatch : OrvSecurityUtilsResultSuccess) << tag;
-    EXPECT_EQ(verdict.second, tampered) << tag;
+    EXPECT_EQ(outcome,
+              std::tuple(tampered ? OrvSecurityUtilsResultSignatureMismatch : OrvSecurityUtilsResultSuccess, tampered, false, 1))
+        << tag;
   }
 }
 

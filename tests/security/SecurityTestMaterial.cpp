@@ -27,17 +27,6 @@ OrvCertificateRef issue(const CertificateProfile& profile, const PrivateKey& sub
   return certificate;
 }
 
-CertificateProfile profileOf(std::optional<std::string> organization, std::optional<std::string> commonName, OrvDate notBefore,
-                             OrvDate notAfter, bool isCA = false) {
-  CertificateProfile profile;
-  profile.organization = std::move(organization);
-  profile.commonName = std::move(commonName);
-  profile.notBefore = notBefore;
-  profile.notAfter = notAfter;
-  profile.isCA = isCA;
-  return profile;
-}
-
 OrvDate wholeSecondsNow() { return std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now()); }
 
 }  // namespace
@@ -54,9 +43,15 @@ SecurityMaterial::SecurityMaterial()
       p384Key(key(KeyKind::ecP384)),
       p521Key(key(KeyKind::ecP521)),
       ed25519Key(key(KeyKind::ed25519)) {
-  const auto ca = [&](OrvDate from, OrvDate to) { return profileOf(kRequiredIssuer, "Varnel Root", from, to, true); };
+  const auto ca = [&](OrvDate from, OrvDate to) {
+    return CertificateProfile{
+        .organization = kRequiredIssuer, .commonName = "Varnel Root", .notBefore = from, .notAfter = to, .isCA = true};
+  };
   const auto leaf = [&](std::optional<std::string> organization = "Varnel Signing") {
-    return profileOf(std::move(organization), "discovery signing", leafNotBefore, leafNotAfter);
+    return CertificateProfile{.organization = std::move(organization),
+                              .commonName = "discovery signing",
+                              .notBefore = leafNotBefore,
+                              .notAfter = leafNotAfter};
   };
   root = issue(ca(now - 240h, now + 240h), rootKey, nullptr, rootKey);
   otherRoot = issue(ca(now - 240h, now + 240h), otherRootKey, nullptr, otherRootKey);
@@ -74,7 +69,8 @@ SecurityMaterial::SecurityMaterial()
   noDigitalSignature = issue(profile, rsaKey, root, rootKey);
   profile.addKeyUsage = false;
   noKeyUsage = issue(profile, rsaKey, root, rootKey);
-  profile = profileOf(std::nullopt, kRequiredIssuer, leafNotBefore, leafNotAfter);
+  profile = leaf(std::nullopt);
+  profile.commonName = kRequiredIssuer;
   issuerByCommonName = issue(profile, rsaKey, nullptr, rsaKey);
   issuerPrefix = issue(leaf("Varnel Systems"), rsaKey, nullptr, rsaKey);
   issuerOtherCase = issue(leaf("varnel systems, inc."), rsaKey, nullptr, rsaKey);
@@ -97,11 +93,18 @@ DetachedJws forgedJws(std::string_view headerJson, std::string_view signature) {
   return {emulator::base64UrlEncode(headerJson), emulator::base64UrlEncode(signature)};
 }
 
-std::shared_ptr<OrvSecurityUtilsService> serviceAt(OrvDate now, bool withAnchors) {
+std::shared_ptr<OrvSecurityUtilsService> serviceWith(std::function<OrvDate()> clock, std::vector<OrvCertificateRef> anchors,
+                                                     bool useDefaultTrustAnchors) {
   OrvSecurityUtilsService::Configuration configuration;
-  configuration.clock = [now] { return now; };
-  if (withAnchors) configuration.trustAnchors = {securityMaterial().root};
+  configuration.clock = std::move(clock);
+  configuration.trustAnchors = std::move(anchors);
+  configuration.useDefaultTrustAnchors = useDefaultTrustAnchors;
   return OrvSecurityUtilsService::create(std::move(configuration));
+}
+
+std::shared_ptr<OrvSecurityUtilsService> serviceAt(OrvDate now, bool withAnchors) {
+  return serviceWith([now] { return now; },
+                     withAnchors ? std::vector{securityMaterial().root} : std::vector<OrvCertificateRef>{});
 }
 
 std::int64_t verifyResult(const OrvSecurityUtilsService& service, const DetachedJws& jws, const OrvCertificateRef& certificate,

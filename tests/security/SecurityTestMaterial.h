@@ -2,6 +2,7 @@
 // Keys and certificates shared by the security tests, generated once per test run: key generation is
 // the slow part, and the tests only read the material.
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -46,6 +47,8 @@ DetachedJws signJws(const emulator::PrivateKey& key, std::string_view algorithm,
 // A JWS whose pieces are given as they stand (header JSON, raw signature bytes), for headers no signer makes.
 DetachedJws forgedJws(std::string_view headerJson, std::string_view signature);
 
+std::shared_ptr<OrvSecurityUtilsService> serviceWith(std::function<OrvDate()> clock, std::vector<OrvCertificateRef> anchors = {},
+                                                     bool useDefaultTrustAnchors = false);
 std::shared_ptr<OrvSecurityUtilsService> serviceAt(OrvDate now, bool withAnchors = false);
 
 // The verification result; for a rejection also checks that the error carries the result and a text.

@@ -63,11 +63,6 @@ std::vector<OrvURLRequest> FakeURLSession::requests() const {
   return shared_->requests;
 }
 
-std::size_t FakeURLSession::requestCount() const {
-  std::lock_guard lock(shared_->mutex);
-  return shared_->requests.size();
-}
-
 bool FixedFeatureFlags::valueForFeatureFlagWithServiceName(std::string_view serviceName, std::string_view featureFlagName) {
   questions.emplace_back(serviceName, featureFlagName);
   return featureFlagName.ends_with("UseEntireDomainForURLDiscovery") ? entireDomain_ : channels_;
@@ -91,16 +86,9 @@ std::vector<LogLine> LogCollector::lines() const {
   return lines_;
 }
 
-bool LogCollector::contains(std::string_view message) const { return count(message) > 0; }
-
-std::size_t LogCollector::count(std::string_view message) const {
+bool LogCollector::contains(std::string_view message) const {
   std::lock_guard lock(mutex_);
-  return static_cast<std::size_t>(
-      std::count_if(lines_.begin(), lines_.end(), [&](const LogLine& line) { return line.message == message; }));
-}
-
-bool runMainQueueUntil(const std::function<bool()>& predicate, std::chrono::milliseconds timeout) {
-  return OrvMainQueue::runUntil(predicate, timeout);
+  return std::any_of(lines_.begin(), lines_.end(), [&](const LogLine& line) { return line.message == message; });
 }
 
 bool pollUntil(const std::function<bool()>& predicate, std::chrono::milliseconds timeout) {

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -38,7 +39,6 @@ class FakeURLSession : public OrvURLSession {
   std::shared_ptr<OrvURLSessionDataTask> dataTaskWithRequest(const OrvURLRequest& request,
                                                              OrvURLSessionDataTaskCompletionHandler completionHandler) override;
   std::vector<OrvURLRequest> requests() const;
-  std::size_t requestCount() const;
 
   struct Shared {
     Responder responder;
@@ -82,12 +82,10 @@ struct LogLine {
 class LogCollector : public OrvSdkLoggerDelegate, public std::enable_shared_from_this<LogCollector> {
  public:
   static std::shared_ptr<LogCollector> install();
-  ~LogCollector() override = default;
   void logWithModule(std::string_view module, std::int64_t logLevel, std::string_view fileName, std::string_view functionName,
                      std::int64_t lineNumber, std::string_view message) override;
   std::vector<LogLine> lines() const;
   bool contains(std::string_view message) const;
-  std::size_t count(std::string_view message) const;
 
  private:
   mutable std::mutex mutex_;
@@ -95,21 +93,26 @@ class LogCollector : public OrvSdkLoggerDelegate, public std::enable_shared_from
 };
 
 // Runs the main queue on this thread until the predicate holds; false after the timeout.
-bool runMainQueueUntil(const std::function<bool()>& predicate, std::chrono::milliseconds timeout = std::chrono::seconds(20));
+inline bool runMainQueueUntil(const std::function<bool()>& predicate,
+                              std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+  return OrvMainQueue::runUntil(predicate, timeout);
+}
 
 // Polls a condition that no main-queue task signals (a server's request log, say).
 bool pollUntil(const std::function<bool()>& predicate, std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
-// Captures what a completion block received, and on which queue.
+// Captures what a completion block received, and on which queue and thread.
 template <typename... Args>
 struct Capture {
   std::atomic<int> calls{0};
   std::atomic<bool> onMainQueue{false};
+  std::thread::id thread;
   std::tuple<Args...> values;
   auto block() {
     return [this](Args... args) {
       values = std::tuple<Args...>(std::move(args)...);
       onMainQueue = OrvMainQueue::isCurrent();
+      thread = std::this_thread::get_id();
       ++calls;
     };
   }

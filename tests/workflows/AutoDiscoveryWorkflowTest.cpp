@@ -49,18 +49,17 @@ std::function<void(const TemporaryDirectory&)> replaceSigningCertificate(Signing
     auto caKey = PrivateKey::generate(KeyKind::ecP256);
     ASSERT_TRUE(signingKey && caKey);
     const auto now = std::chrono::system_clock::now();
-    CertificateProfile ca;
-    ca.organization = ca.commonName = change.caName;
-    ca.additionalOrganizations = change.additionalCAOrganizations;
-    ca.isCA = true;
-    ca.notBefore = now - std::chrono::hours(48);
-    ca.notAfter = now + std::chrono::hours(48);
-    CertificateProfile leaf;
-    leaf.organization = kSigningIssuerName;
-    leaf.commonName = "Varnel AppConfig Signing";
-    leaf.isCA = change.leafIsCA;
-    leaf.notBefore = now - std::chrono::hours(48);
-    leaf.notAfter = now + change.notAfter;
+    const CertificateProfile ca{.organization = change.caName,
+                                .commonName = change.caName,
+                                .additionalOrganizations = change.additionalCAOrganizations,
+                                .notBefore = now - std::chrono::hours(48),
+                                .notAfter = now + std::chrono::hours(48),
+                                .isCA = true};
+    const CertificateProfile leaf{.organization = kSigningIssuerName,
+                                  .commonName = "Varnel AppConfig Signing",
+                                  .notBefore = now - std::chrono::hours(48),
+                                  .notAfter = now + change.notAfter,
+                                  .isCA = change.leafIsCA};
     const auto caPEM = issueCertificate(ca, *caKey, nullptr, *caKey);
     ASSERT_TRUE(caPEM);
     const auto pem = issueCertificate(leaf, *signingKey, OrvCertificate::certificateWithContent(*caPEM).get(), *caKey);
@@ -72,7 +71,6 @@ std::function<void(const TemporaryDirectory&)> replaceSigningCertificate(Signing
 }  // namespace
 
 TEST(AutoDiscoveryWorkflowTest, OutcomeTable) {
-  auto log = LogCollector::install();
   EmulatorHarness harness({kCatalog});
   const struct {
     const char* input;
@@ -93,13 +91,6 @@ TEST(AutoDiscoveryWorkflowTest, OutcomeTable) {
     EXPECT_EQ(outcome.error, std::nullopt) << row.input;
     EXPECT_EQ(outcome.result ? outcome.result->domain()->name() : std::nullopt, row.domain) << row.input;
     EXPECT_EQ(countPaths(harness.requestPaths(), "/ads/root/publickey"), row.fetchesCertificate ? 1u : 0u) << row.input;
-  }
-  for (const char* message :
-       {"Scheduling AutoDiscover operation using URL generator mode  Two domain elements for URL input only",
-        "At least one valid store or webstore URL was returned", "Starting payload validation - fetching public certificate",
-        "Successfully validate the payload", "Payload date validation succeeded",
-        "The requested domain was successfully validated as being the same as the returned domain"}) {
-    EXPECT_TRUE(log->contains(message)) << message;
   }
   // Answers signed with ES256 instead, and a certificate of that key.
   EmulatorHarness ecdsa({.catalogJSON = kCatalog, .algorithm = "ES256"});
@@ -173,14 +164,10 @@ TEST(AutoDiscoveryWorkflowTest, ValidityWindowBoundariesWithAnInjectedClock) {
 }
 
 TEST(AutoDiscoveryWorkflowTest, WholeHostFallbackProbe) {
-  auto log = LogCollector::install();
   EmulatorHarness harness({kCatalog});
   EXPECT_EQ(discover(*harness.service, "https://portal.eu.example.org/x").status, 0u);
   EXPECT_THAT(harness.requestPaths(), ::testing::ElementsAre("/ads/root/domain/example.org/",
                                                              "/ads/root/domain/portal.eu.example.org/", "/ads/root/publickey"));
-  EXPECT_TRUE(
-      log->contains("Failed to obtain the records for the provided email address with status "
-                    "OrvAppConfigQueryOperationCompletionStatusInvalidResponse - attempting probe of full domain for URL input"));
 
   // No probe for e-mail input, for a two-label host, nor with the feature off; and at most one.
   const auto queries = [&](const char* input) {
@@ -216,25 +203,33 @@ TEST(AutoDiscoveryWorkflowTest, RequestsOfOneServiceRunStrictlyOneAfterTheOther)
 
 TEST(AutoDiscoveryWorkflowTest, ReleasingTheServiceCancelsItsRequestsWithoutCompletion) {
   EmulatorHarness harness({kCatalog});
+  // The first request has its answer and waits for the signing certificate when the service goes.
   const FaultSpec slow{.delay = std::chrono::seconds(30)};
-  harness.emulator().setFault(kQuery, slow);
+  harness.emulator().setFault("/ads/root/publickey", slow);
   harness.emulator().setFault("/ads/root/domain/example.org/", slow);
   // Held back too: an answer that came before the release would rightly be delivered.
   harness.emulator().setFault(settingsPath("https://store.example.com:443/Store"), slow);
   std::weak_ptr<OrvAppConfigService> weak = harness.service;
   std::weak_ptr<OrvURLSession> weakSession = harness.session;
   std::atomic<int> calls{0};
+  // Traces are delivered like completions: not at all once the service is gone.
+  struct TraceCounter : OrvAppConfigDiagnosticsDelegate {
+    std::atomic<int> traces{0};
+    void didFinishRequestWithTrace(std::shared_ptr<const OrvAppConfigRequestTrace>) override { ++traces; }
+  };
+  const auto traces = std::make_shared<TraceCounter>();
+  harness.service->setDiagnosticsDelegate(traces);
   // One request in flight (the emulator holds its answer back), one waiting for its turn, one settings
   // request running beside them.
   harness.service->asyncStartAutodiscoveryForUserInput("user@example.com", 0, [&](auto, auto, auto) { ++calls; });
   harness.service->asyncStartAutodiscoveryForUserInput("user@example.org", 0, [&](auto, auto, auto) { ++calls; });
   harness.service->asyncStartSettingsRetrievalForStoreUrls({*OrvURL::URLWithString("https://store.example.com/Store")}, 0, 0,
                                                            [&](auto, auto, auto) { ++calls; });
-  ASSERT_TRUE(pollUntil([&] { return !harness.emulator().requests().empty(); }));
+  ASSERT_TRUE(pollUntil([&] { return countPaths(harness.requestPaths(), "/ads/root/publickey") > 0; }));
   harness.session.reset();
   harness.service.reset();
   EXPECT_TRUE(weak.expired()) << "a pending request does not keep the service alive";
   // The transfer is aborted, not left to the server's 30 s: the session and its I/O thread go with it.
   EXPECT_TRUE(pollUntil([&] { return weakSession.expired(); }, std::chrono::seconds(10)));
-  EXPECT_FALSE(runMainQueueUntil([&] { return calls > 0; }, std::chrono::milliseconds(300)));
+  EXPECT_FALSE(runMainQueueUntil([&] { return calls > 0 || traces->traces > 0; }, std::chrono::milliseconds(300)));
 }

@@ -18,7 +18,7 @@ const char* kCatalog = R"({
                               "kaleth": {"serviceUrls": [{"url": "https://portal.eu.example.org/store"}]}}
   },
   "stores": {
-    "https://store.example.com:443/Store": {"ios": {"kaleth": {"appSettings": {"ios": []}},
+    "https://store.example.com:443/Store": {"ios": {"kaleth": {"name": "Store", "appSettings": {"ios": [{"settings": []}]}},
                                                     "url": {"name": "https://store.example.com:443/Store"}}}
   }
 })";
@@ -105,4 +105,12 @@ TEST(DiagnosticsTraceTest, SettingsThatFailWithoutAnErrorStillSayWhyForEachStore
   EXPECT_TRUE(dropped->error) << "the transport error of the store whose connection broke";
   EXPECT_EQ(missing->httpStatus, 404);
   EXPECT_TRUE(findStep(trace, "stores"));
+
+  // A good answer and a channel nobody publishes: each request gets its own trace, readable as JSON.
+  harness.emulator().clearFaults();
+  EXPECT_EQ(retrieve(*harness.service, {*OrvURL::URLWithString("https://store.example.com/Store")}).status, 0u);
+  EXPECT_EQ(retrieve(*harness.service, {*OrvURL::URLWithString("https://store.example.com/Store")}, "beta").status, 3u);
+  ASSERT_EQ(collector->traces.size(), 3u);
+  EXPECT_THAT(collector->traces[2]->subject, ::testing::HasSubstr("channel \"beta\""));
+  EXPECT_EQ(boost::json::parse(collector->traces[1]->JSONString()).at("kind"), "settingsRetrieval");
 }
