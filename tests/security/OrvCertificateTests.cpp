@@ -75,12 +75,19 @@ TEST(OrvCertificateTest, RefusesAnythingElse) {
   // A signature whose unused bits are set: the parser takes it, but the certificate has two encodings,
   // and so two thumbprints.
   std::string loose = m.p256Leaf->derData();
-  std::size_t bitString = loose.size() - 2;
-  while (bitString > 0 &&
-         !(loose[bitString] == 0x03 && std::size_t(std::uint8_t(loose[bitString + 1])) == loose.size() - bitString - 2)) {
-    --bitString;
-  }
-  ASSERT_GT(bitString, 0u);
+  // The signature's BIT STRING is the third element of the outer SEQUENCE, found by walking the DER
+  // (a search for its header could stop inside the random signature bytes).
+  const auto header = [&](std::size_t at) {  // {header size, content length} of the element at `at`
+    const std::size_t first = std::uint8_t(loose[at + 1]);
+    if (first < 0x80) return std::pair<std::size_t, std::size_t>(2, first);
+    std::size_t length = 0;
+    for (std::size_t i = 0; i < (first & 0x7F); ++i) length = length << 8 | std::uint8_t(loose[at + 2 + i]);
+    return std::pair<std::size_t, std::size_t>(2 + (first & 0x7F), length);
+  };
+  const std::size_t tbs = header(0).first, algorithm = tbs + header(tbs).first + header(tbs).second;
+  const std::size_t bitString = algorithm + header(algorithm).first + header(algorithm).second;
+  ASSERT_EQ(loose[bitString], 0x03);
+  ASSERT_EQ(bitString + 2 + header(bitString).second, loose.size());
   loose[bitString + 2] = 7;
   loose.back() = static_cast<char>(loose.back() | 1);
   EXPECT_EQ(OrvCertificate::certificateWithDER(loose), nullptr);
