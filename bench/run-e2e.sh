@@ -214,10 +214,10 @@ Debian 12 machine. The shares move with the machine; the causes do not.
   decoded the signing certificate yet (about 0.3 ms in OpenSSL 3.0); the floor decodes it once per
   process. Warm flows find it decoded.
 - **Connections.** nginx ends a connection after 1,000 requests (`keepalive_requests`), so warm flows
-  at 1,000 stores need a new connection about once a flow, the floor's as well as the library's. When
-  that connection goes, curl retries the requests it had refused and, for the library, opens up to
-  the host limit of connections at once instead of one; most carry one request and close. That is
-  the 1.06 connections per warm flow against the floor's 1.00.
+  at 1,000 stores need a new connection about once a flow, the floor's as well as the library's.
+  While every origin it has heard from speaks HTTP/2, the session holds curl to one connection per
+  host, so that close costs exactly one new connection (before, curl opened up to the host limit at
+  once for the requests it sent again, about 1.06 per flow). Over HTTP/1.1 both sides use six.
 - **Peak RSS.** With easy handles taken at admission, a 1,000-store request over HTTP/2 peaks below
   the floor; over HTTP/1.1 the fresh flow is still about 6 MiB above it: up to six connections' worth
   of answers wait as records for the last one.
