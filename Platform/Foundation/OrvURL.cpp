@@ -1,8 +1,9 @@
 #include "OrvURL.h"
 
-#include <array>
-
 #include <boost/url/encode.hpp>
+#include <boost/url/grammar/alnum_chars.hpp>
+#include <boost/url/grammar/alpha_chars.hpp>
+#include <boost/url/grammar/digit_chars.hpp>
 #include <boost/url/grammar/lut_chars.hpp>
 #include <boost/url/parse.hpp>
 #include <boost/url/url.hpp>
@@ -36,16 +37,12 @@ std::string decoded(std::string_view encoded) {
   return pct ? std::string(pct->decode()) : std::string(encoded);
 }
 
-constexpr bool isAlpha(char c) noexcept { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
-constexpr bool isDigit(char c) noexcept { return c >= '0' && c <= '9'; }
-// unreserved, sub-delims, ":", "@" and the "/" between segments: a path character that needs no escape.
-constexpr auto kPlainPathChars = [] {
-  std::array<bool, 256> plain{};
-  for (int c = 0; c < 256; ++c) plain[c] = isAlpha(char(c)) || isDigit(char(c));
-  for (const char c : std::string_view("-._~!$&'()*+,;=:@/")) plain[static_cast<unsigned char>(c)] = true;
-  return plain;
-}();
-constexpr bool isPlainPathChar(char c) noexcept { return kPlainPathChars[static_cast<unsigned char>(c)]; }
+// The plain shape below, in the grammar's own character sets: a scheme, a host of letters, digits,
+// dots and hyphens, and a path that needs no escape (what kPathChars allows unescaped, plus ";").
+constexpr urls::grammar::lut_chars kSchemeChars = urls::grammar::alnum_chars + urls::grammar::lut_chars("+-.");
+constexpr urls::grammar::lut_chars kPlainHostChars = urls::grammar::alnum_chars + urls::grammar::lut_chars("-.");
+constexpr urls::grammar::lut_chars kPlainPathChars = kPathChars + urls::grammar::lut_chars(';');
+constexpr urls::grammar::lut_chars kDigitChars = urls::grammar::digit_chars;
 
 }  // namespace
 
@@ -54,9 +51,12 @@ constexpr bool isPlainPathChar(char c) noexcept { return kPlainPathChars[static_
 // read here directly, with the parts the full grammar would find; anything else (user info, an IP
 // literal, escapes, a query or fragment, a relative reference) goes through Boost.URL.
 std::optional<OrvURL::Parts> OrvURL::plainParts(std::string_view s) noexcept {
-  if (s.empty() || !isAlpha(s[0]) || s.size() > 0xFFFFFFFFu) return std::nullopt;
-  std::size_t i = 1;
-  while (i < s.size() && (isAlpha(s[i]) || isDigit(s[i]) || s[i] == '+' || s[i] == '-' || s[i] == '.')) ++i;
+  if (s.empty() || !urls::grammar::alpha_chars(s[0]) || s.size() > 0xFFFFFFFFu) return std::nullopt;
+  const auto skip = [&](std::size_t i, const urls::grammar::lut_chars& chars) {
+    while (i < s.size() && chars(s[i])) ++i;
+    return i;
+  };
+  std::size_t i = skip(1, kSchemeChars);
   if (s.substr(i, 3) != "://") return std::nullopt;
   const auto part = [](std::size_t begin, std::size_t end) {
     // As the full grammar reports them: an empty part sits at offset 0.
@@ -65,21 +65,20 @@ std::optional<OrvURL::Parts> OrvURL::plainParts(std::string_view s) noexcept {
   Parts parts;
   parts.scheme = part(0, i);
   const std::size_t hostBegin = i += 3;
-  while (i < s.size() && (isAlpha(s[i]) || isDigit(s[i]) || s[i] == '-' || s[i] == '.')) ++i;
+  i = skip(i, kPlainHostChars);
   if (i == hostBegin) return std::nullopt;
   parts.hostAddress = part(hostBegin, i);
   if (i < s.size() && s[i] == ':') {
     const std::size_t portBegin = ++i;
-    while (i < s.size() && isDigit(s[i])) ++i;
+    i = skip(i, kDigitChars);
     const auto value = i == portBegin ? std::nullopt : portValue(s.substr(portBegin, i - portBegin));
     if (!value) return std::nullopt;
     parts.port = static_cast<std::uint16_t>(*value);
   }
   const std::size_t pathBegin = i;
   if (i < s.size() && s[i] != '/') return std::nullopt;
-  while (i < s.size() && isPlainPathChar(s[i])) ++i;
-  if (i != s.size()) return std::nullopt;
-  parts.path = part(pathBegin, i);
+  if (skip(i, kPlainPathChars) != s.size()) return std::nullopt;
+  parts.path = part(pathBegin, s.size());
   return parts;
 }
 

@@ -212,8 +212,6 @@ class CurlSessionCore : public std::enable_shared_from_this<CurlSessionCore> {
   // I/O thread only.
   std::map<std::uint64_t, std::unique_ptr<CurlTransfer>> transfers_;
   std::map<std::string, Origin> origins_;
-  // What curl was last told of connections per host; see limitConnectionsPerHost.
-  long connectionsPerHost_ = 0;
   std::vector<CurlEasyHandle> idleEasyHandles_;
   std::chrono::steady_clock::time_point nextExpiryCheck_;
 };
@@ -297,7 +295,6 @@ bool CurlSessionCore::start() {
   curl_multi_setopt(multi_.get(), CURLMOPT_MAXCONNECTS, kIdleConnectionsKept);
   if (configuration_.maxConnectionsPerHost > 0) {
     curl_multi_setopt(multi_.get(), CURLMOPT_MAX_HOST_CONNECTIONS, configuration_.maxConnectionsPerHost);
-    connectionsPerHost_ = configuration_.maxConnectionsPerHost;
   }
   // The thread keeps the core (and with it the multi handle) alive until run() has returned, so that
   // whoever lets go of the session last never frees curl state under the thread's feet.
@@ -642,18 +639,16 @@ bool CurlSessionCore::attach(CurlTransfer& transfer) {
   return true;
 }
 
-// While every origin the session has heard from multiplexes, one connection per host carries all of
-// its streams; curl then cannot open the host limit's worth of connections at once when the server
-// closes the one in use (nginx does after 1,000 requests) and curl sends again what it had refused.
-// An origin that answers over HTTP/1.1 brings the configured limit back.
+// Once origins have answered and all of them over HTTP/2, one connection per host carries all of
+// their streams; curl then cannot open the host limit's worth of connections at once when the server
+// allows fewer streams, or closes the connection in use (nginx does after 1,000 requests) and curl
+// sends again what it had refused. An origin that answers over HTTP/1.1 brings the configured limit
+// back. Origins that never answered do not count: one that could not be reached says nothing.
 void CurlSessionCore::limitConnectionsPerHost() {
   if (configuration_.maxConnectionsPerHost <= 1) return;
-  const bool allMultiplex =
-      std::all_of(origins_.begin(), origins_.end(), [](const auto& origin) { return origin.second.multiplexes.value_or(false); });
-  const long limit = allMultiplex ? 1L : configuration_.maxConnectionsPerHost;
-  if (limit == connectionsPerHost_) return;
-  curl_multi_setopt(multi_.get(), CURLMOPT_MAX_HOST_CONNECTIONS, limit);
-  connectionsPerHost_ = limit;
+  const bool anyHTTP1 =
+      std::any_of(origins_.begin(), origins_.end(), [](const auto& origin) { return origin.second.multiplexes == false; });
+  curl_multi_setopt(multi_.get(), CURLMOPT_MAX_HOST_CONNECTIONS, anyHTTP1 ? configuration_.maxConnectionsPerHost : 1L);
 }
 
 void CurlSessionCore::admitWaiting(const std::string& originKey) {
@@ -761,8 +756,11 @@ void CurlSessionCore::finishTransfer(CURL* easy, CURLcode result) {
   long version = CURL_HTTP_VERSION_NONE;
   curl_easy_getinfo(easy, CURLINFO_HTTP_VERSION, &version);
   if (version != CURL_HTTP_VERSION_NONE) {
-    origins_[transfer->origin].multiplexes = version >= CURL_HTTP_VERSION_2_0;
-    limitConnectionsPerHost();
+    auto& multiplexes = origins_[transfer->origin].multiplexes;
+    const bool learned = multiplexes != (version >= CURL_HTTP_VERSION_2_0);
+    multiplexes = version >= CURL_HTTP_VERSION_2_0;
+    // Only news about an origin's protocol can change the limit; most answers bring none.
+    if (learned) limitConnectionsPerHost();
   }
   // Finished by curl, so its handle holds no half-done state and may serve the next request.
   if (const auto it = transfers_.find(identifier); it != transfers_.end()) dropTransfer(it, true);

@@ -74,7 +74,7 @@ std::optional<std::string> OrvBase64URLDecode(std::string_view text) {
   std::uint32_t buffer = 0;
   int bits = 0;
   for (const char c : text.substr(i)) {
-    const int v = kBase64URLValues[static_cast<unsigned char>(c)];
+    const int v = value(c);
     if (v < 0) return std::nullopt;
     buffer = (buffer << 6) | std::uint32_t(v);
     bits += 6;

@@ -10,6 +10,7 @@
 
 #include <boost/json.hpp>
 
+#include <atomic>
 #include <csignal>
 #include <set>
 #include <sstream>
@@ -128,8 +129,15 @@ TEST_P(NginxStagingHostTest, DiscoveryAndManyStoresRideOneHTTP2ConnectionAtATime
   security.trustAnchors = OrvSecurityUtilsService::loadCertificatesFromPEMFile(material.file(orv::emulator::kSigningCAFile))
                               .value_or(std::vector<OrvCertificateRef>{});
   ASSERT_FALSE(security.trustAnchors.empty());
-  const auto service = OrvAppConfigService::initWithURLSession(OrvCurlURLSession::create(configuration),
-                                                               std::make_shared<OrvHttpHeaderProviderService>(),
+  const auto session = OrvCurlURLSession::create(configuration);
+  // An origin that never answers says nothing about protocols: it must not keep the limit of six.
+  std::atomic<bool> refused{false};
+  session
+      ->dataTaskWithRequest(OrvURLRequest(*OrvURL::URLWithString("https://127.0.0.1:1/")),
+                            [&](auto, auto, auto) { refused = true; })
+      ->resume();
+  ASSERT_TRUE(pollUntil([&] { return refused.load(); }));
+  const auto service = OrvAppConfigService::initWithURLSession(session, std::make_shared<OrvHttpHeaderProviderService>(),
                                                                OrvSecurityUtilsService::create(security), nullptr);
   // The domain as a user may type it: nginx has to match it ignoring case, as the emulator does.
   const auto discovered = discover(*service, "user@Example.COM");
