@@ -55,14 +55,22 @@ class EmulatorServer {
       : responder_(std::move(responder)),
         idleTimeout_(options.idleTimeout),
         maxHeaderBytes_(options.maxHeaderBytes),
+        tlsFault_(options.tlsFault),
         tls_(ssl::context::tls_server) {}
 
   ~EmulatorServer() { stop(); }
 
   bool listen(const EmulatorOptions& options, std::string* error) {
     try {
-      tls_.set_options(ssl::context::default_workarounds | ssl::context::no_sslv2 | ssl::context::no_sslv3 |
-                       ssl::context::no_tlsv1 | ssl::context::no_tlsv1_1 | ssl::context::single_dh_use);
+      if (tlsFault_ == TLSFault::tls10Only) {
+        // OpenSSL 3 offers TLS 1.0 only at security level 0; above it the client would meet no server.
+        SSL_CTX_set_security_level(tls_.native_handle(), 0);
+        SSL_CTX_set_min_proto_version(tls_.native_handle(), TLS1_VERSION);
+        SSL_CTX_set_max_proto_version(tls_.native_handle(), TLS1_VERSION);
+      } else {
+        tls_.set_options(ssl::context::default_workarounds | ssl::context::no_sslv2 | ssl::context::no_sslv3 |
+                         ssl::context::no_tlsv1 | ssl::context::no_tlsv1_1 | ssl::context::single_dh_use);
+      }
       const auto& material = responder_->material();
       tls_.use_certificate_chain(asio::buffer(material.tlsCertificatePEM));
       tls_.use_private_key(asio::buffer(material.tlsPrivateKeyPEM), ssl::context::pem);
@@ -137,15 +145,46 @@ class EmulatorServer {
     }
   }
 
+  // Reads and drops whatever comes until the client goes or the server stops.
+  template <typename Stream>
+  asio::awaitable<void> drain(Stream& stream) {
+    beast::get_lowest_layer(stream).expires_never();
+    char chunk[4096];
+    beast::error_code ec;
+    while (!ec) co_await stream.async_read_some(asio::buffer(chunk), asio::redirect_error(asio::use_awaitable, ec));
+  }
+
+  // Raw bytes as the fault gives them, the part after the head a byte at a time when it drips.
+  asio::awaitable<bool> writeRaw(TLSStream& stream, std::string bytes, std::chrono::milliseconds drip) {
+    const std::string port = std::to_string(bound_.port());
+    for (auto at = bytes.find("{port}"); at != std::string::npos; at = bytes.find("{port}", at + port.size())) {
+      bytes.replace(at, 6, port);
+    }
+    std::size_t head = drip.count() > 0 ? bytes.find("\r\n\r\n") : std::string::npos;
+    head = head == std::string::npos ? bytes.size() : head + 4;
+    beast::error_code ec;
+    co_await asio::async_write(stream, asio::buffer(bytes.data(), head), asio::redirect_error(asio::use_awaitable, ec));
+    for (std::size_t at = head; at < bytes.size() && !ec; ++at) {
+      asio::steady_timer timer(io_, drip);
+      co_await timer.async_wait(asio::redirect_error(asio::use_awaitable, ec));
+      co_await asio::async_write(stream, asio::buffer(&bytes[at], 1), asio::redirect_error(asio::use_awaitable, ec));
+    }
+    co_return !ec;
+  }
+
   asio::awaitable<void> serveRequests(TLSStream& stream) {
     beast::error_code ec;
+    if (tlsFault_ == TLSFault::noHandshake) {
+      co_await drain(stream.next_layer());
+      co_return;
+    }
     stream.next_layer().expires_after(idleTimeout_);
     co_await stream.async_handshake(ssl::stream_base::server, asio::redirect_error(asio::use_awaitable, ec));
     if (ec) co_return;
 
     beast::flat_buffer buffer;
     bool closeCleanly = true;
-    for (;;) {
+    for (std::size_t served = 0;; ++served) {
       http::request_parser<http::string_body> parser;
       parser.header_limit(std::uint32_t(std::min<std::size_t>(maxHeaderBytes_, UINT32_MAX)));
       parser.body_limit(kMaxRequestBodyBytes);
@@ -177,6 +216,7 @@ class EmulatorServer {
       responder_->record(recorded);
 
       HttpAnswer answer = responder_->answer(recorded.method, recorded.target, std::chrono::system_clock::now());
+      if (answer.hangUpIfReused && served > 0) break;
       if (answer.delay.count() > 0) {
         asio::steady_timer timer(io_, answer.delay);
         co_await timer.async_wait(asio::redirect_error(asio::use_awaitable, ec));
@@ -191,6 +231,27 @@ class EmulatorServer {
       response.prepare_payload();
 
       stream.next_layer().expires_after(idleTimeout_);
+      if (answer.drip.count() > 0 && !answer.raw) {
+        std::ostringstream wire;
+        wire << response;
+        answer.raw = wire.str();
+      }
+      if (answer.raw && !co_await writeRaw(stream, std::move(*answer.raw), answer.drip)) {
+        closeCleanly = false;
+        break;
+      }
+      if (answer.ending == FaultEnding::close) break;
+      if (answer.ending == FaultEnding::silence) {
+        co_await drain(stream);
+        co_return;
+      }
+      if (answer.ending == FaultEnding::reset) {
+        auto& socket = beast::get_lowest_layer(stream).socket();
+        socket.set_option(asio::socket_base::linger(true, 0), ec);
+        socket.close(ec);
+        co_return;
+      }
+      if (answer.raw) continue;
       if (answer.dropMidBody) {
         // Announce the whole body, send the head and half of it, then cut the connection without
         // a TLS close so that the client sees a truncated answer.
@@ -221,6 +282,7 @@ class EmulatorServer {
   std::unique_ptr<Responder> responder_;
   const std::chrono::milliseconds idleTimeout_;
   const std::size_t maxHeaderBytes_;
+  const TLSFault tlsFault_;
   // Declared before the io_context so that it outlives the streams the io_context destroys.
   ssl::context tls_;
   asio::io_context io_{1};
@@ -234,7 +296,7 @@ class EmulatorServer {
 
 std::unique_ptr<DiscoveryEmulator> DiscoveryEmulator::start(const Options& options, std::string* error) {
   try {
-    auto material = detail::loadMaterial(options.materialDir, options.algorithm, error);
+    auto material = detail::loadMaterial(options.materialDir, options.algorithm, options.tlsFault, error);
     if (!material) return nullptr;
 
     const auto catalog = detail::catalogText(options.materialDir, options.catalogFile, options.catalogJSON, error);

@@ -39,6 +39,14 @@ bool generateMaterial(const std::string& dir, std::string* error = nullptr);
 // The demo catalog that generateMaterial writes, as JSON text.
 std::string demoCatalogJSON();
 
+// How a faulty exchange leaves its connection.
+enum class FaultEnding {
+  keepOpen,  // as the request asked
+  close,     // TLS close_notify, then an orderly close
+  reset,     // an abortive close: the client sees a reset, not an end of stream
+  silence,   // say nothing more and keep the connection open until the client goes
+};
+
 // What to do to the answers of one exact request path (query string excluded).
 struct FaultSpec {
   // Answer with this status instead of the natural one.
@@ -54,10 +62,35 @@ struct FaultSpec {
   // Serve this body instead; it is signed like a catalog answer and goes out with status 200 unless
   // status says otherwise.
   std::optional<std::string> body;
+  // Write these bytes instead of an answer, exactly as given but for "{port}", which becomes the
+  // server's port: for framing, floods and redirects that no well-behaved server sends.
+  std::optional<std::string> raw;
+  // Send what follows the first blank line of the answer one byte at a time, this far apart.
+  std::chrono::milliseconds drip{0};
+  // Anything but keepOpen ends the exchange in place of the answer, or after raw when it is given.
+  FaultEnding ending = FaultEnding::keepOpen;
+  // On a connection that has served a request before, close it without answering: a client must
+  // then retry on a fresh connection.
+  bool hangUpIfReused = false;
 };
 
+// How the server meets a TLS handshake, for clients that must refuse what they meet. Applies to the
+// whole server, from start.
+enum class TLSFault {
+  none,                // the material's certificate, TLS 1.2 and newer
+  otherName,           // a certificate for other.invalid only, from the material's TLS CA
+  expired,             // the right names and CA, validity over an hour ago
+  untrustedAuthority,  // the right names, from a CA made up at start that no client was given
+  tls10Only,           // the material's certificate over TLS 1.0 and nothing newer
+  noHandshake,         // accept the TCP connection and never answer the handshake
+};
+
+// Reads a --tls-fault value: other-name, expired, untrusted, tls1.0, no-handshake.
+std::optional<TLSFault> tlsFaultNamed(std::string_view name);
+
 // Folds one command-line fault, "PATH:KNOB", into faults[PATH]. Knobs: status=CODE, delay=MS, drop,
-// nosig, badsig, body=TEXT, body=@FILE. False with the reason in error for anything else.
+// nosig, badsig, body=TEXT, body=@FILE, raw=TEXT, raw=@FILE, drip=MS, close, reset, silence,
+// hangup-reused. False with the reason in error for anything else.
 bool addFaultArgument(std::map<std::string, FaultSpec>& faults, std::string_view argument, std::string* error = nullptr);
 
 struct RecordedRequest {
@@ -85,6 +118,7 @@ struct EmulatorOptions {
   std::chrono::milliseconds idleTimeout{std::chrono::seconds(30)};
   // Requests whose header block is larger are refused with 431.
   std::size_t maxHeaderBytes = 16 * 1024;
+  TLSFault tlsFault = TLSFault::none;
 };
 
 struct ExportOptions {

@@ -147,7 +147,7 @@ bool exportCatalog(const ExportOptions& options, const std::string& outDir, std:
   try {
     if (options.validFor <= std::chrono::seconds(0)) return fail("the answers' validity must be longer than zero");
     if (options.port == 0) return fail("an exported configuration needs a fixed port, not 0");
-    auto material = detail::loadMaterial(options.materialDir, options.algorithm, error);
+    auto material = detail::loadMaterial(options.materialDir, options.algorithm, TLSFault::none, error);
     if (!material) return false;
     const auto text = detail::catalogText(options.materialDir, options.catalogFile, options.catalogJSON, error);
     if (!text) return false;

@@ -154,12 +154,9 @@ struct Issued {
   std::string pem;
 };
 
-std::optional<Issued> issue(KeyKind kind, const CertificateProfile& profile, const Issued* issuer, std::string* error) {
-  auto key = PrivateKey::generate(kind);
-  if (!key) {
-    if (error) *error = "cannot generate a key";
-    return std::nullopt;
-  }
+// issuer == nullptr makes the certificate self-signed.
+std::optional<std::string> issueFor(const PrivateKey& key, const CertificateProfile& profile, const Issued* issuer,
+                                    std::string* error) {
   OrvCertificateRef issuerCertificate;
   if (issuer) {
     issuerCertificate = OrvCertificate::certificateWithContent(issuer->pem);
@@ -168,11 +165,19 @@ std::optional<Issued> issue(KeyKind kind, const CertificateProfile& profile, con
       return std::nullopt;
     }
   }
-  auto pem = issueCertificate(profile, *key, issuerCertificate.get(), issuer ? issuer->key : *key);
-  if (!pem) {
-    if (error) *error = fmt::format("cannot issue the certificate \"{}\"", profile.commonName.value_or(""));
+  auto pem = issueCertificate(profile, key, issuerCertificate.get(), issuer ? issuer->key : key);
+  if (!pem && error) *error = fmt::format("cannot issue the certificate \"{}\"", profile.commonName.value_or(""));
+  return pem;
+}
+
+std::optional<Issued> issue(KeyKind kind, const CertificateProfile& profile, const Issued* issuer, std::string* error) {
+  auto key = PrivateKey::generate(kind);
+  if (!key) {
+    if (error) *error = "cannot generate a key";
     return std::nullopt;
   }
+  auto pem = issueFor(*key, profile, issuer, error);
+  if (!pem) return std::nullopt;
   return Issued{std::move(*key), std::move(*pem)};
 }
 
@@ -236,6 +241,52 @@ bool generateMaterial(const std::string& dir, std::string* error) {
   }
 }
 
+std::optional<TLSFault> tlsFaultNamed(std::string_view name) {
+  static constexpr std::pair<std::string_view, TLSFault> names[] = {
+      {"other-name", TLSFault::otherName}, {"expired", TLSFault::expired},       {"untrusted", TLSFault::untrustedAuthority},
+      {"tls1.0", TLSFault::tls10Only},     {"no-handshake", TLSFault::noHandshake}};
+  for (const auto& [known, fault] : names) {
+    if (name == known) return fault;
+  }
+  return std::nullopt;
+}
+
+namespace detail {
+
+std::optional<std::string> faultyTLSCertificate(TLSFault fault, const std::string& serverKeyPEM, const std::string& caPEM,
+                                                const std::string& caKeyPEM, std::string* error) {
+  const auto now = std::chrono::system_clock::now();
+  CertificateProfile leaf{.organization = "Orv Discovery Emulator",
+                          .commonName = "localhost",
+                          .notBefore = now - std::chrono::hours(48),
+                          .notAfter = now + std::chrono::hours(48),
+                          .dnsNames = {"localhost"},
+                          .ipAddresses = {"127.0.0.1"}};
+  if (fault == TLSFault::otherName) {
+    leaf.commonName = "other.invalid";
+    leaf.dnsNames = {"other.invalid"};
+    leaf.ipAddresses.clear();
+  }
+  if (fault == TLSFault::expired) leaf.notAfter = now - std::chrono::hours(1);
+  auto serverKey = PrivateKey::fromPEM(serverKeyPEM);
+  std::optional<Issued> ca;
+  if (fault == TLSFault::untrustedAuthority) {
+    auto profile = leaf;
+    profile.commonName = "Orv Stranger CA";
+    profile.isCA = true;
+    profile.dnsNames.clear();
+    profile.ipAddresses.clear();
+    ca = issue(KeyKind::ecP256, profile, nullptr, error);
+  } else if (auto key = PrivateKey::fromPEM(caKeyPEM)) {
+    ca = Issued{std::move(*key), caPEM};
+  }
+  auto pem = serverKey && ca ? issueFor(*serverKey, leaf, &*ca, error) : std::nullopt;
+  if (!pem && error && error->empty()) *error = "cannot issue the faulty TLS certificate from the material's keys";
+  return pem;
+}
+
+}  // namespace detail
+
 std::optional<std::string> RecordedRequest::header(std::string_view name) const {
   const auto lower = [](unsigned char c) { return (c >= 'A' && c <= 'Z') ? char(c - 'A' + 'a') : char(c); };
   for (const auto& [field, value] : headers) {
@@ -252,7 +303,8 @@ bool addFaultArgument(std::map<std::string, FaultSpec>& faults, std::string_view
     return false;
   };
   // The knob starts after the first ":" that is followed by a knob name, so paths may hold colons.
-  static constexpr std::string_view knobs[] = {"status=", "delay=", "drop", "nosig", "badsig", "body="};
+  static constexpr std::string_view knobs[] = {"status=", "delay=", "drop",  "nosig",  "badsig",  "body=",        "raw=",
+                                               "drip=",   "close",  "reset", "silence", "hangup-reused"};
   std::size_t split = std::string_view::npos;
   for (std::size_t at = argument.find(':'); at != std::string_view::npos; at = argument.find(':', at + 1)) {
     const auto rest = argument.substr(at + 1);
@@ -265,7 +317,7 @@ bool addFaultArgument(std::map<std::string, FaultSpec>& faults, std::string_view
   if (split == std::string_view::npos || split == 0 || argument.front() != '/') {
     return fail(
         fmt::format("fault \"{}\" is not PATH:KNOB (status=CODE, delay=MS, drop, nosig, badsig, body=TEXT, "
-                    "body=@FILE)",
+                    "body=@FILE, raw=TEXT, raw=@FILE, drip=MS, close, reset, silence, hangup-reused)",
                     argument));
   }
   const std::string path(argument.substr(0, split));
@@ -276,34 +328,55 @@ bool addFaultArgument(std::map<std::string, FaultSpec>& faults, std::string_view
     const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
     return ec == std::errc() && end == text.data() + text.size() && !text.empty();
   };
+  const auto milliseconds = [&](std::string_view text, std::chrono::milliseconds& value) {
+    unsigned long count = 0;
+    if (!number(text, count) || count > 3'600'000) return false;
+    value = std::chrono::milliseconds(count);
+    return true;
+  };
+  // TEXT as it stands, or @FILE's bytes.
+  const auto content = [&](std::string_view text, std::optional<std::string>& value) {
+    if (!text.starts_with("@")) {
+      value = std::string(text);
+      return true;
+    }
+    std::ifstream in(std::string(text.substr(1)), std::ios::binary);
+    if (!in) return false;
+    std::ostringstream bytes;
+    bytes << in.rdbuf();
+    value = bytes.str();
+    return true;
+  };
+  static constexpr std::pair<std::string_view, FaultEnding> endings[] = {
+      {"close", FaultEnding::close}, {"reset", FaultEnding::reset}, {"silence", FaultEnding::silence}};
   if (knob.starts_with("status=")) {
     unsigned long status = 0;
     if (!number(knob.substr(7), status) || status < 200 || status > 599) {
       return fail(fmt::format("fault status in \"{}\" is not a code from 200 to 599", argument));
     }
     fault.status = unsigned(status);
-  } else if (knob.starts_with("delay=")) {
-    unsigned long milliseconds = 0;
-    if (!number(knob.substr(6), milliseconds) || milliseconds > 3'600'000) {
-      return fail(fmt::format("fault delay in \"{}\" is not a number of milliseconds up to one hour", argument));
+  } else if (knob.starts_with("delay=") || knob.starts_with("drip=")) {
+    const bool delay = knob.starts_with("delay=");
+    if (!milliseconds(knob.substr(knob.find('=') + 1), delay ? fault.delay : fault.drip)) {
+      return fail(fmt::format("fault {} in \"{}\" is not a number of milliseconds up to one hour", delay ? "delay" : "drip",
+                              argument));
     }
-    fault.delay = std::chrono::milliseconds(milliseconds);
   } else if (knob == "drop") {
     fault.dropMidBody = true;
   } else if (knob == "nosig") {
     fault.omitSignature = true;
   } else if (knob == "badsig") {
     fault.corruptSignature = true;
+  } else if (knob == "hangup-reused") {
+    fault.hangUpIfReused = true;
+  } else if (const auto ending = std::find_if(std::begin(endings), std::end(endings), [&](auto& e) { return e.first == knob; });
+             ending != std::end(endings)) {
+    fault.ending = ending->second;
   } else {
-    std::string_view body = knob.substr(5);
-    if (body.starts_with("@")) {
-      std::ifstream in(std::string(body.substr(1)), std::ios::binary);
-      if (!in) return fail(fmt::format("cannot read the fault body file \"{}\"", body.substr(1)));
-      std::ostringstream content;
-      content << in.rdbuf();
-      fault.body = content.str();
-    } else {
-      fault.body = std::string(body);
+    const bool body = knob.starts_with("body=");
+    const auto text = knob.substr(knob.find('=') + 1);
+    if (!content(text, body ? fault.body : fault.raw)) {
+      return fail(fmt::format("cannot read the fault {} file \"{}\"", body ? "body" : "raw", text.substr(1)));
     }
   }
   faults[path] = std::move(fault);

@@ -107,7 +107,8 @@ Route classify(std::string_view path) {
 
 }  // namespace
 
-std::optional<EmulatorMaterial> loadMaterial(const std::string& dir, const std::string& algorithm, std::string* error) {
+std::optional<EmulatorMaterial> loadMaterial(const std::string& dir, const std::string& algorithm, TLSFault tlsFault,
+                                             std::string* error) {
   const auto read = [&](const char* name) -> std::optional<std::string> {
     std::ifstream in(dir + "/" + name, std::ios::binary);
     std::ostringstream out;
@@ -132,6 +133,12 @@ std::optional<EmulatorMaterial> loadMaterial(const std::string& dir, const std::
   if (!tlsPEM) return std::nullopt;
   auto tlsKeyPEM = read(kTLSServerKeyFile);
   if (!tlsKeyPEM) return std::nullopt;
+  if (tlsFault == TLSFault::otherName || tlsFault == TLSFault::expired || tlsFault == TLSFault::untrustedAuthority) {
+    const auto caPEM = read(kTLSCAFile), caKeyPEM = read(kTLSCAKeyFile);
+    if (!caPEM || !caKeyPEM) return std::nullopt;
+    tlsPEM = faultyTLSCertificate(tlsFault, *tlsKeyPEM, *caPEM, *caKeyPEM, error);
+    if (!tlsPEM) return std::nullopt;
+  }
 
   auto key = PrivateKey::fromPEM(*signingKeyPEM);
   if (!key) {
@@ -297,6 +304,10 @@ HttpAnswer Responder::answer(std::string_view method, std::string_view target, O
     if (fault->omitSignature) signedAnswer = false;
     answer.delay = fault->delay;
     answer.dropMidBody = fault->dropMidBody;
+    answer.raw = fault->raw;
+    answer.drip = fault->drip;
+    answer.ending = fault->ending;
+    answer.hangUpIfReused = fault->hangUpIfReused;
   }
   answer.headers.emplace_back("Content-Type", "application/json");
   if (signedAnswer) {

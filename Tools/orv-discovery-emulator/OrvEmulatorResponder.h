@@ -26,8 +26,15 @@ struct EmulatorMaterial {
   std::string tlsCAFile;
 };
 
-// The keys and certificates of a material directory for the algorithm ("RS256" or "ES256").
-std::optional<EmulatorMaterial> loadMaterial(const std::string& dir, const std::string& algorithm, std::string* error);
+// The keys and certificates of a material directory for the algorithm ("RS256" or "ES256"); under a
+// certificate fault the TLS certificate is one issued now for the material's TLS key.
+std::optional<EmulatorMaterial> loadMaterial(const std::string& dir, const std::string& algorithm, TLSFault tlsFault,
+                                             std::string* error);
+
+// A TLS server certificate for the key in serverKeyPEM that a client must refuse in the way the
+// fault names (otherName, expired or untrustedAuthority); the CA is the material's TLS CA.
+std::optional<std::string> faultyTLSCertificate(TLSFault fault, const std::string& serverKeyPEM, const std::string& caPEM,
+                                                const std::string& caKeyPEM, std::string* error);
 
 struct HttpAnswer {
   unsigned status = 200;
@@ -35,6 +42,10 @@ struct HttpAnswer {
   std::vector<std::pair<std::string, std::string>> headers;
   std::chrono::milliseconds delay{0};
   bool dropMidBody = false;
+  std::optional<std::string> raw;
+  std::chrono::milliseconds drip{0};
+  FaultEnding ending = FaultEnding::keepOpen;
+  bool hangUpIfReused = false;
 };
 
 struct Catalog;

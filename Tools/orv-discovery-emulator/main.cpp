@@ -60,14 +60,21 @@ int main(int argc, char** argv) {
   app.add_option("--algorithm", algorithm, "Signature algorithm")->check(CLI::IsMember({"RS256", "ES256"}))->needs(material);
   auto* faultOption =
       app.add_option("--fault", faultArguments,
-                     "PATH:KNOB, repeatable; knobs: status=CODE, delay=MS, drop, nosig, badsig, body=TEXT, body=@FILE")
+                     "PATH:KNOB, repeatable; knobs: status=CODE, delay=MS, drop, nosig, badsig, body=TEXT, body=@FILE, "
+                     "raw=TEXT, raw=@FILE, drip=MS, close, reset, silence, hangup-reused")
           ->type_name("PATH:KNOB")
+          ->needs(material);
+  std::string tlsFault;
+  auto* tlsFaultOption =
+      app.add_option("--tls-fault", tlsFault, "Meet every handshake in a way a client must refuse")
+          ->check(CLI::IsMember({"other-name", "expired", "untrusted", "tls1.0", "no-handshake"}))
           ->needs(material);
   auto* exportOption =
       app.add_option("--export", exportDir, "Write the catalog's signed answers and an nginx configuration serving them to OUT")
           ->type_name("OUT")
           ->needs(material);
   exportOption->excludes(faultOption);
+  exportOption->excludes(tlsFaultOption);
   app.add_option("--valid-for", validForDays, "Days exported answers without their own \"exp\" stay valid (default 30)")
       ->type_name("DAYS")
       ->check(CLI::Range(1u, 3650u))
@@ -115,6 +122,7 @@ int main(int argc, char** argv) {
   options.materialDir = materialDir;
   if (!catalogFile.empty()) options.catalogFile = catalogFile;
   options.algorithm = algorithm;
+  if (!tlsFault.empty()) options.tlsFault = *orv::emulator::tlsFaultNamed(tlsFault);
   if (!splitListen(listen, options.listenAddress, options.port)) {
     fmt::print(stderr, "orv-discovery-emulator: --listen wants ADDR:PORT, not \"{}\"\n", listen);
     return 2;

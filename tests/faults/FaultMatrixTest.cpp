@@ -5,12 +5,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "FaultServer.h"
+#include "EmulatorHarness.h"
 #include "OrvAppConfigDiscoveryHosts.h"
 #include "OrvJSONSerialization.h"
 #include "TestSupport.h"
 
 using namespace orv::test;
+namespace emulator = orv::emulator;
 using namespace std::chrono_literals;
 
 namespace {
@@ -18,7 +19,6 @@ namespace {
 const std::string kQuery = "/ads/root/domain/example.com/";
 const std::string kHealthyQuery = "/ads/root/domain/healthy.example/";
 const std::string kPublicKey = "/ads/root/publickey";
-const std::string kNotFound = "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n";
 constexpr std::size_t kBodyLimit = 8u * 1024u * 1024u;
 const std::string kRecord =
     R"({"domain":{"name":"example.com"},"kaleth":{"serviceUrls":[{"url":"https://store.example.com/Store"}]}})";
@@ -31,6 +31,11 @@ struct ExpectedError {
 
 enum class Extra { none, refusedPort, healthyNeighbour };
 
+struct FaultSetup {
+  emulator::TLSFault tls = emulator::TLSFault::none;
+  std::map<std::string, emulator::FaultSpec> faults;
+};
+
 struct Row {
   std::string name;
   FaultSetup server;
@@ -42,7 +47,11 @@ struct Row {
 
 ExpectedError urlError(CURLcode code, std::string fragment) { return {OrvURLErrorDomain, code, std::move(fragment)}; }
 
-FaultSetup onQuery(FaultScript script) { return {FaultTransport::tls, FaultCertificate::trusted, {{kQuery, std::move(script)}}}; }
+emulator::FaultSpec raw(std::string bytes, emulator::FaultEnding ending = emulator::FaultEnding::keepOpen) {
+  return {.raw = std::move(bytes), .ending = ending};
+}
+
+FaultSetup onQuery(emulator::FaultSpec fault) { return {emulator::TLSFault::none, {{kQuery, std::move(fault)}}}; }
 
 std::string withLength(std::string_view statusLine, const std::string& body, std::string_view fields = "") {
   return std::string(statusLine) + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" + std::string(fields) + "\r\n" +
@@ -70,14 +79,8 @@ std::string chunked(const std::string& body) {
   return wire + "0\r\n\r\n";
 }
 
-FaultScript closeDelimited(const std::string& body) {
-  return {sendBytes("HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n" + body), closeConnection()};
-}
-
-FaultScript drip(const std::string& head, std::string_view body, std::chrono::milliseconds every) {
-  FaultScript script{sendBytes(head)};
-  for (const char byte : body) script.insert(script.end(), {pauseFor(every), sendBytes(std::string(1, byte))});
-  return script;
+emulator::FaultSpec closeDelimited(const std::string& body) {
+  return raw("HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n" + body, emulator::FaultEnding::close);
 }
 
 std::string flood(std::size_t lines) {
@@ -90,14 +93,10 @@ std::string flood(std::size_t lines) {
 FaultSetup hops(int count) {
   FaultSetup setup;
   for (int hop = 0; hop < count; ++hop) {
-    setup.scripts[hop == 0 ? kQuery : "/hop" + std::to_string(hop)] = {
-        sendBytes(redirectTo("https://127.0.0.1:{port}/hop" + std::to_string(hop + 1)))};
+    setup.faults[hop == 0 ? kQuery : "/hop" + std::to_string(hop)] =
+        raw(redirectTo("https://127.0.0.1:{port}/hop" + std::to_string(hop + 1)));
   }
   return setup;
-}
-
-FaultSetup serving(FaultCertificate certificate, FaultTransport transport = FaultTransport::tls) {
-  return {transport, certificate, {}};
 }
 
 std::vector<Row> rows() {
@@ -114,68 +113,68 @@ std::vector<Row> rows() {
   const auto signature = [&](int fields) {
     std::string lines;
     for (int i = 0; i < fields; ++i) lines += "Varnel-Signature: e30.c2ln\r\n";
-    return FaultScript{sendBytes(withLength(ok, kRecord, lines))};
+    return raw(withLength(ok, kRecord, lines));
   };
+  using emulator::FaultEnding;
+  using emulator::TLSFault;
   return {
       {"connection refused", FaultSetup{}, failed, urlError(CURLE_COULDNT_CONNECT, "Failed to connect"), none,
        Extra::refusedPort},
-      {"TCP accepted, no TLS handshake", serving(FaultCertificate::trusted, FaultTransport::tcpOnly), failed,
+      {"TCP accepted, no TLS handshake", FaultSetup{TLSFault::noHandshake}, failed,
        urlError(CURLE_OPERATION_TIMEDOUT, "SSL connection timeout"), none},
-      {"reset in the headers", onQuery({sendBytes("HTTP/1.1 200 OK\r\nContent-Le"), resetConnection()}), failed, reset, queried},
-      {"reset in the body", onQuery({sendBytes(stalledHead + "{\"domain\":"), resetConnection()}), failed, reset, queried},
-      {"no answer at all", onQuery({staySilent()}), failed, silent, queried},
-      {"headers, then silence", onQuery({sendBytes(stalledHead), staySilent()}), failed, silent, queried},
+      {"reset in the headers", onQuery(raw("HTTP/1.1 200 OK\r\nContent-Le", FaultEnding::reset)), failed, reset, queried},
+      {"reset in the body", onQuery(raw(stalledHead + "{\"domain\":", FaultEnding::reset)), failed, reset, queried},
+      {"no answer at all", onQuery({.ending = FaultEnding::silence}), failed, silent, queried},
+      {"headers, then silence", onQuery(raw(stalledHead, FaultEnding::silence)), failed, silent, queried},
       // Every byte comes within the inactivity time-out: only the total time-out ends it.
-      {"body drips a byte every 400 ms", onQuery(drip(stalledHead, std::string(20, ' '), 400ms)), failed,
+      {"body drips a byte every 400 ms", onQuery({.raw = stalledHead + std::string(20, ' '), .drip = 400ms}), failed,
        urlError(CURLE_OPERATION_TIMEDOUT, "Operation timed out after"), queried},
-      {"redirect to http", onQuery({sendBytes(redirectTo("http://127.0.0.1:{port}/plain"))}), failed,
+      {"redirect to http", onQuery(raw(redirectTo("http://127.0.0.1:{port}/plain"))), failed,
        urlError(CURLE_UNSUPPORTED_PROTOCOL, "Protocol \"http\" not supported"), queried},
-      {"redirect to another https host", onQuery({sendBytes(redirectTo("https://localhost:{port}/moved"))}), failed, std::nullopt,
+      {"redirect to another https host", onQuery(raw(redirectTo("https://localhost:{port}/moved"))), failed, std::nullopt,
        std::vector<std::string>{kQuery, "/moved"}},
-      {"redirect loop", onQuery({sendBytes(redirectTo("https://127.0.0.1:{port}" + kQuery))}), failed, tooManyHops,
+      {"redirect loop", onQuery(raw(redirectTo("https://127.0.0.1:{port}" + kQuery))), failed, tooManyHops,
        std::vector<std::string>(4, kQuery)},
       {"four hops", hops(4), failed, tooManyHops, hopped},
       {"three hops, then 404", hops(3), failed, std::nullopt, hopped},
-      {"8 MiB by Content-Length", onQuery({sendBytes(withLength(ok, paddedRecord(kBodyLimit)))}), failed, std::nullopt, queried},
+      {"8 MiB by Content-Length", onQuery(raw(withLength(ok, paddedRecord(kBodyLimit)))), failed, std::nullopt, queried},
       // Refused on the announced length, before any body byte.
-      {"8 MiB + 1 by Content-Length", onQuery({sendBytes(withLength(ok, paddedRecord(kBodyLimit + 1)))}), failed, tooBig,
+      {"8 MiB + 1 by Content-Length", onQuery(raw(withLength(ok, paddedRecord(kBodyLimit + 1)))), failed, tooBig,
        queried},
-      {"8 MiB chunked", onQuery({sendBytes(chunkedHead + chunked(paddedRecord(kBodyLimit)))}), failed, std::nullopt, queried},
-      {"8 MiB + 1 chunked", onQuery({sendBytes(chunkedHead + chunked(paddedRecord(kBodyLimit + 1)))}), failed, tooBig, queried},
+      {"8 MiB chunked", onQuery(raw(chunkedHead + chunked(paddedRecord(kBodyLimit)))), failed, std::nullopt, queried},
+      {"8 MiB + 1 chunked", onQuery(raw(chunkedHead + chunked(paddedRecord(kBodyLimit + 1)))), failed, tooBig, queried},
       {"8 MiB close-delimited", onQuery(closeDelimited(paddedRecord(kBodyLimit))), failed, std::nullopt, queried},
       {"8 MiB + 1 close-delimited", onQuery(closeDelimited(paddedRecord(kBodyLimit + 1))), failed, tooBig, queried},
-      {"204", onQuery({sendBytes("HTTP/1.1 204 No Content\r\n\r\n")}), failed, std::nullopt, queried},
-      {"500 with a body", onQuery({sendBytes(withLength("HTTP/1.1 500 Internal Server Error", kRecord))}), failed, std::nullopt,
+      {"204", onQuery(raw("HTTP/1.1 204 No Content\r\n\r\n")), failed, std::nullopt, queried},
+      {"500 with a body", onQuery(raw(withLength("HTTP/1.1 500 Internal Server Error", kRecord))), failed, std::nullopt,
        queried},
-      {"empty 200", onQuery({sendBytes(withLength(ok, ""))}), failed,
+      {"empty 200", onQuery(raw(withLength(ok, ""))), failed,
        ExpectedError{OrvJSONSerializationErrorDomain, OrvJSONSerializationErrorInvalidJSON, "incomplete JSON"}, queried},
-      {"chunk size zz", onQuery({sendBytes(chunkedHead + "zz\r\nabc\r\n0\r\n\r\n")}), failed, badChunk, queried},
-      {"chunk size overflows", onQuery({sendBytes(chunkedHead + "ffffffffffffffffff\r\nabc\r\n0\r\n\r\n")}), failed, badChunk,
+      {"chunk size zz", onQuery(raw(chunkedHead + "zz\r\nabc\r\n0\r\n\r\n")), failed, badChunk, queried},
+      {"chunk size overflows", onQuery(raw(chunkedHead + "ffffffffffffffffff\r\nabc\r\n0\r\n\r\n")), failed, badChunk,
        queried},
-      {"NUL in a header", onQuery({sendBytes(withLength(ok, kRecord, std::string("X-Odd: a\0b\r\n", 12)))}), failed,
+      {"NUL in a header", onQuery(raw(withLength(ok, kRecord, std::string("X-Odd: a\0b\r\n", 12)))), failed,
        urlError(CURLE_WEIRD_SERVER_REPLY, "Nul byte in header"), queried},
-      {"bare CR in a header", onQuery({sendBytes(withLength(ok, kRecord, "X-Odd: a\rb\r\n"))}), failed,
+      {"bare CR in a header", onQuery(raw(withLength(ok, kRecord, "X-Odd: a\rb\r\n"))), failed,
        urlError(CURLE_WEIRD_SERVER_REPLY, "bare CR"), queried},
       {"two signature fields", onQuery(signature(2)), failed, std::nullopt, queried},
       // Silence after the flood: a client that read it all would end on its time-out (28), not here.
-      {"header flood", onQuery({sendBytes(flood(10'000)), staySilent()}), failed,
+      {"header flood", onQuery(raw(flood(10'000), FaultEnding::silence)), failed,
        urlError(CURLE_FILESIZE_EXCEEDED, "more than 100 header fields"), queried},
-      {"certificate for another name", serving(FaultCertificate::otherName), failed,
+      {"certificate for another name", FaultSetup{TLSFault::otherName}, failed,
        urlError(CURLE_PEER_FAILED_VERIFICATION, "no alternative certificate subject name matches"), none},
-      {"expired certificate", serving(FaultCertificate::expired), failed,
+      {"expired certificate", FaultSetup{TLSFault::expired}, failed,
        urlError(CURLE_PEER_FAILED_VERIFICATION, "certificate has expired"), none},
-      {"certificate from an untrusted authority", serving(FaultCertificate::untrustedAuthority), failed,
+      {"certificate from an untrusted authority", FaultSetup{TLSFault::untrustedAuthority}, failed,
        urlError(CURLE_PEER_FAILED_VERIFICATION, "unable to get local issuer certificate"), none},
-      {"server speaks TLS 1.0 only", serving(FaultCertificate::trusted, FaultTransport::tls10Only), failed,
+      {"server speaks TLS 1.0 only", FaultSetup{TLSFault::tls10Only}, failed,
        urlError(CURLE_SSL_CONNECT_ERROR, "protocol version"), none},
       // The signing certificate is asked for on the connection the record came over; the server drops
       // that request unanswered, and only the fresh connection's 404 reaches the service.
       {"reused connection closed unanswered",
-       FaultSetup{FaultTransport::tls,
-                  FaultCertificate::trusted,
-                  {{kQuery, signature(1)}, {kPublicKey, {closeIfReused(), sendBytes(kNotFound)}}}},
+       FaultSetup{TLSFault::none, {{kQuery, signature(1)}, {kPublicKey, {.status = 404, .hangUpIfReused = true}}}},
        failed, std::nullopt, std::vector<std::string>{kQuery, kPublicKey, kPublicKey}},
-      {"stalled request beside a healthy one", onQuery({sendBytes(stalledHead), staySilent()}), failed, silent,
+      {"stalled request beside a healthy one", onQuery(raw(stalledHead, FaultEnding::silence)), failed, silent,
        std::vector<std::string>{kQuery, kHealthyQuery}, Extra::healthyNeighbour},
   };
 }
@@ -183,10 +182,11 @@ std::vector<Row> rows() {
 }  // namespace
 
 TEST(FaultMatrixTest, EachFaultEndsInOneCompletionThatSaysWhatFailed) {
-  FaultServer server;
-  ASSERT_TRUE(server.isListening());
+  const TemporaryDirectory material;
+  std::string error;
+  ASSERT_TRUE(emulator::generateMaterial(material.path().string(), &error)) << error;
   OrvCurlURLSessionConfiguration configuration;
-  configuration.caFile = server.caFile();
+  configuration.caFile = material.file(emulator::kTLSCAFile);
   configuration.inactivityTimeout = 1s;
   configuration.connectTimeout = 1s;
   configuration.totalTimeout = 2s;
@@ -196,10 +196,19 @@ TEST(FaultMatrixTest, EachFaultEndsInOneCompletionThatSaysWhatFailed) {
 
   for (const auto& row : rows()) {
     SCOPED_TRACE(row.name);
-    server.configure(row.server);
-    const auto port = row.extra == Extra::refusedPort ? server.refusedPort() : server.port();
+    // A server and a session per row: no connection or TLS session crosses from one row into the next.
+    const auto server = emulator::DiscoveryEmulator::start(
+        {.materialDir = material.path().string(), .catalogJSON = R"({"domains":{},"stores":{}})", .tlsFault = row.server.tls},
+        &error);
+    ASSERT_NE(server, nullptr) << error;
+    for (const auto& [path, fault] : row.server.faults) ASSERT_TRUE(server->setFault(path, fault));
+    const auto targets = [&] {
+      std::vector<std::string> read;
+      for (const auto& request : server->requests()) read.push_back(request.target);
+      return read;
+    };
+    const auto port = row.extra == Extra::refusedPort ? emulator::freeLoopbackPort() : server->port();
     OrvAppConfigDiscoveryHosts::setProductionHost("127.0.0.1:" + std::to_string(port));
-    // A session per row: no connection or TLS session crosses from one row into the next.
     const auto session = OrvCurlURLSession::create(configuration);
     ASSERT_NE(session, nullptr);
     const auto newService = [&] {
@@ -212,7 +221,7 @@ TEST(FaultMatrixTest, EachFaultEndsInOneCompletionThatSaysWhatFailed) {
 
     if (row.extra == Extra::healthyNeighbour) {
       // A second service, as one service runs its workflows one at a time: only the session is shared.
-      ASSERT_TRUE(pollUntil([&] { return !server.targets().empty(); }, 5s));
+      ASSERT_TRUE(pollUntil([&] { return !targets().empty(); }, 5s));
       const auto neighbour = newService();
       AutoDiscoveryCapture healthy;
       neighbour->asyncStartAutodiscoveryForUserInput("user@healthy.example", 0, healthy.block());
@@ -238,6 +247,6 @@ TEST(FaultMatrixTest, EachFaultEndsInOneCompletionThatSaysWhatFailed) {
     } else {
       EXPECT_EQ(error, std::nullopt) << error->description();
     }
-    EXPECT_EQ(server.targets(), row.targets);
+    EXPECT_EQ(targets(), row.targets);
   }
 }
