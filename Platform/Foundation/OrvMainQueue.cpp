@@ -42,9 +42,11 @@ class MainQueue {
     std::lock_guard forward(forwardMutex_);
     OrvMainQueue::Bridge bridge;
     {
-      std::lock_guard lock(mutex_);
+      std::unique_lock lock(mutex_);
       if (!bridge_) {
         tasks_.push_back(std::move(task));
+        // Woken after the unlock: a main thread woken under the lock would only block again on it.
+        lock.unlock();
         available_.notify_all();
         return;
       }
