@@ -74,6 +74,9 @@ SecurityMaterial::SecurityMaterial()
   issuerByCommonName = issue(profile, rsaKey, nullptr, rsaKey);
   issuerPrefix = issue(leaf("Varnel Systems"), rsaKey, nullptr, rsaKey);
   issuerOtherCase = issue(leaf("varnel systems, inc."), rsaKey, nullptr, rsaKey);
+  profile = leaf(kRequiredIssuer);
+  profile.additionalOrganizations = {"Someone Else Ltd"};
+  twoIssuerOrganizations = issue(profile, rsaKey, nullptr, rsaKey);
 }
 
 const SecurityMaterial& securityMaterial() {
