@@ -28,11 +28,10 @@ class TemporaryDirectory {
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& text);
 // Where the emulator answers for a store's settings, the store URL as the client normalises it.
-std::string settingsPath(const std::string& normalisedStore, std::string_view os = "ios");
+std::string settingsPath(const std::string& normalisedStore);
 
 struct HarnessOptions {
   std::optional<std::string> catalogJSON;
-  std::string algorithm = "RS256";
   // Runs on the freshly generated material before the emulator reads it.
   std::function<void(const class TemporaryDirectory&)> prepareMaterial;
 };
