@@ -62,11 +62,10 @@ class AppConfigToolTest : public ::testing::Test {
 TEST_F(AppConfigToolTest, DiscoverReportsTheRecordOrWhatRefusedIt) {
   const auto good = run("discover user@example.com --json" + connect());
   ASSERT_EQ(good.exitCode, 0) << good.err;
-  const auto parsed = good.json();
-  const auto& json = parsed.as_object();
+  const auto json = good.json();
   EXPECT_EQ(json.at("status"), 0);
   EXPECT_EQ(json.at("statusName"), "OrvAppConfigServiceCompletionStatusSuccess");
-  const auto& record = json.at("record").as_object();
+  const auto& record = json.at("record");
   EXPECT_EQ(record.at("domain").at("name"), "example.com");
   EXPECT_EQ(record.at("kaleth").at("serviceUrls").at(0).at("url"), "https://store.example.com/Store");
   EXPECT_THAT(std::string(record.at("notValidAfter").as_string()), ::testing::MatchesRegex("[0-9-]+T[0-9:]+Z"));
@@ -92,10 +91,9 @@ TEST_F(AppConfigToolTest, DiscoverReportsTheRecordOrWhatRefusedIt) {
   EXPECT_THAT(explained.err, HasSubstr("warning: no trust anchors"));
   harness.emulator().clearFaults();
 
-  // Trusting another root: the genuine answer no longer chains to a trusted certificate.
-  TemporaryDirectory other;
-  ASSERT_TRUE(orv::emulator::generateMaterial(other.path().string()));
-  const auto untrusted = run("discover user@example.com --json" + connect(other.file(orv::emulator::kSigningCAFile)));
+  // Trusting another root (the one that issued the TLS certificate): the genuine answer no longer chains
+  // to a trusted certificate.
+  const auto untrusted = run("discover user@example.com --json" + connect(harness.material().file(orv::emulator::kTLSCAFile)));
   EXPECT_EQ(untrusted.exitCode, 2);
   EXPECT_EQ(untrusted.json().at("error").at("code"), 13);
 }
