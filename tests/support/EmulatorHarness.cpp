@@ -57,12 +57,6 @@ EmulatorHarness::EmulatorHarness(HarnessOptions options) {
   rebuildService(session, security);
 }
 
-EmulatorHarness::~EmulatorHarness() {
-  service.reset();
-  session.reset();
-  emulator_.reset();
-}
-
 void EmulatorHarness::rebuildService(std::shared_ptr<OrvURLSession> urlSession,
                                      std::shared_ptr<OrvSecurityServiceProtocol> securityService,
                                      std::shared_ptr<OrvFeatureFlagProviderProtocol> featureFlags) {

@@ -37,9 +37,13 @@ struct HarnessOptions {
 };
 
 class EmulatorHarness {
+  // Declared first so that they go last: the service and its session before the emulator they talk to.
+  TemporaryDirectory material_;
+  std::unique_ptr<orv::emulator::DiscoveryEmulator> emulator_;
+  std::optional<DiscoveryHostsOverride> hosts_;
+
  public:
   explicit EmulatorHarness(HarnessOptions options = {});
-  ~EmulatorHarness();
 
   orv::emulator::DiscoveryEmulator& emulator() { return *emulator_; }
   const TemporaryDirectory& material() const { return material_; }
@@ -52,11 +56,6 @@ class EmulatorHarness {
                       std::shared_ptr<OrvFeatureFlagProviderProtocol> featureFlags = nullptr);
   // Request paths the emulator saw, in order.
   std::vector<std::string> requestPaths() const;
-
- private:
-  TemporaryDirectory material_;
-  std::unique_ptr<orv::emulator::DiscoveryEmulator> emulator_;
-  std::optional<DiscoveryHostsOverride> hosts_;
 };
 
 }  // namespace orv::test
