@@ -28,27 +28,26 @@ constexpr std::string_view kProbePayload = R"({"iat":0,"exp":0})";
 struct SigningIdentity {
   PrivateKey key;
   OrvCertificateRef certificate;
-  const char* defaultAlgorithm;
 };
 
-SigningIdentity makeIdentity(KeyKind kind, const char* defaultAlgorithm, OrvDate now) {
+SigningIdentity makeIdentity(KeyKind kind, OrvDate now) {
   auto key = PrivateKey::generate(kind);
   fuzzRequire(key.has_value(), "the harness key is generated");
-  orv::emulator::CertificateProfile profile;
-  profile.organization = profile.commonName = kIssuerName;
-  profile.notBefore = now - std::chrono::hours(1);
-  profile.notAfter = now + std::chrono::hours(24 * 365);
+  const orv::emulator::CertificateProfile profile{.organization = kIssuerName,
+                                                  .commonName = kIssuerName,
+                                                  .notBefore = now - std::chrono::hours(1),
+                                                  .notAfter = now + std::chrono::hours(24 * 365)};
   const auto pem = orv::emulator::issueCertificate(profile, *key, nullptr, *key);
   auto certificate = pem ? OrvCertificate::certificateWithContent(*pem) : nullptr;
   fuzzRequire(certificate != nullptr, "the harness certificate is issued");
-  return {std::move(*key), std::move(certificate), defaultAlgorithm};
+  return {std::move(*key), std::move(certificate)};
 }
 
 // Made once per process: key generation is far slower than one verification.
 struct Material {
   OrvDate now = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
-  SigningIdentity ec = makeIdentity(KeyKind::ecP256, "ES256", now);
-  SigningIdentity rsa = makeIdentity(KeyKind::rsa2048, "RS256", now);
+  SigningIdentity ec = makeIdentity(KeyKind::ecP256, now);
+  SigningIdentity rsa = makeIdentity(KeyKind::rsa2048, now);
   std::shared_ptr<OrvSecurityUtilsService> alone = service(false);
   std::shared_ptr<OrvSecurityUtilsService> anchored = service(true);
   std::string probe = orv::emulator::signDetachedJws(ec.key, "ES256", R"({"alg":"ES256"})", kProbePayload).value_or("");
@@ -69,18 +68,15 @@ const Material& material() {
   return instance;
 }
 
-// The header's own algorithm when the key can make it, so that RS/PS variants get valid signatures too.
+// Signed with the header's own algorithm, so that RS/PS variants get valid signatures too; a header
+// whose "alg" the key cannot make is refused before its signature matters, so it is not signed.
 std::optional<std::string> signHere(const SigningIdentity& identity, std::string_view headerJson, std::string_view payload,
                                     bool unencoded) {
   boost::system::error_code code;
   const auto header = boost::json::parse(headerJson, code);
   const auto* alg = !code && header.is_object() ? header.get_object().if_contains("alg") : nullptr;
-  std::optional<std::string> jws;
-  if (alg && alg->is_string()) {
-    jws = orv::emulator::signDetachedJws(identity.key, alg->get_string(), headerJson, payload, unencoded);
-  }
-  if (!jws) jws = orv::emulator::signDetachedJws(identity.key, identity.defaultAlgorithm, headerJson, payload, unencoded);
-  return jws;
+  if (!alg || !alg->is_string()) return std::nullopt;
+  return orv::emulator::signDetachedJws(identity.key, alg->get_string(), headerJson, payload, unencoded);
 }
 
 void verifySignature(std::uint8_t mode, std::string_view rest) {

@@ -1,6 +1,8 @@
 // A settings answer body as the network delivers it, then kept the way a host keeps it: every parsed
 // record must archive, and the archive must decode to an equal record that archives to the same bytes.
 // The one exception is a setting whose value holds a JSON null, which decoding refuses by design.
+#include <algorithm>
+
 #include <boost/json/serialize.hpp>
 #include <boost/json/value.hpp>
 
@@ -15,17 +17,10 @@
 using orv::detail::fuzzRequire;
 
 static bool containsNull(const boost::json::value& value) {
-  if (const auto* array = value.if_array()) {
-    for (const auto& element : *array) {
-      if (containsNull(element)) return true;
-    }
-  }
-  if (const auto* object = value.if_object()) {
-    for (const auto& member : *object) {
-      if (containsNull(member.value())) return true;
-    }
-  }
-  return value.is_null();
+  if (const auto* array = value.if_array()) return std::any_of(array->begin(), array->end(), containsNull);
+  const auto* object = value.if_object();
+  return value.is_null() ||
+         (object && std::any_of(object->begin(), object->end(), [](const auto& member) { return containsNull(member.value()); }));
 }
 
 template <class GroupList>

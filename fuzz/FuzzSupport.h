@@ -41,15 +41,9 @@ class FuzzConsumingLoggerDelegate final : public OrvSdkLoggerDelegate {
 };
 
 inline void installFuzzLogger() {
-  static const bool installed = [] {
-    OrvAppConfigServiceLogger::sharedInstance()->setDelegate(std::make_shared<FuzzConsumingLoggerDelegate>());
-    return true;
-  }();
+  static const bool installed =
+      (OrvAppConfigServiceLogger::sharedInstance()->setDelegate(std::make_shared<FuzzConsumingLoggerDelegate>()), true);
   (void)installed;
-}
-
-inline std::string fuzzBytes(const std::uint8_t* data, std::size_t size) {
-  return size == 0 ? std::string() : std::string(reinterpret_cast<const char*>(data), size);
 }
 
 // Takes what accessors return when only running them matters: the sanitizers watch what they read.
@@ -87,11 +81,11 @@ inline void fuzzRequireVerdictShape(const OrvJWTValidationResult& verdict) {
 
 // Defines the entry point libFuzzer and the replay call, around a body that receives the input as
 // one string, with the consuming logger installed:  ORV_FUZZ_TARGET(bytes) { ... }
-#define ORV_FUZZ_TARGET(bytes)                                                        \
-  static void orvFuzzOneInput(const std::string& bytes);                              \
-  extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) { \
-    orv::detail::installFuzzLogger();                                                 \
-    orvFuzzOneInput(orv::detail::fuzzBytes(data, size));                              \
-    return 0;                                                                         \
-  }                                                                                   \
+#define ORV_FUZZ_TARGET(bytes)                                                                           \
+  static void orvFuzzOneInput(const std::string& bytes);                                                 \
+  extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {                    \
+    orv::detail::installFuzzLogger();                                                                    \
+    orvFuzzOneInput(size == 0 ? std::string() : std::string(reinterpret_cast<const char*>(data), size)); \
+    return 0;                                                                                            \
+  }                                                                                                      \
   static void orvFuzzOneInput(const std::string& bytes)

@@ -41,14 +41,13 @@ class AppConfigToolTest : public ::testing::Test {
   EmulatorHarness harness{HarnessOptions{kCatalog}};
   TemporaryDirectory scratch;
 
-  // Options that point the tool at the emulator and trust the given signing CA (none: names alone).
-  std::string connect(std::optional<std::string> anchor) {
+  // Options that point the tool at the emulator and trust the signing CA in the given material file
+  // (none: names alone).
+  std::string connect(const char* anchor = orv::emulator::kSigningCAFile) {
     const std::string host = harness.emulator().hostAndPort();
-    std::string options =
-        " --production-host " + host + " --staging-host " + host + " --ca-file " + harness.emulator().tlsCAFile();
-    return anchor ? options + " --trust-anchor " + *anchor : options;
+    return " --production-host " + host + " --staging-host " + host + " --ca-file " + harness.emulator().tlsCAFile() +
+           (anchor ? " --trust-anchor " + harness.material().file(anchor) : "");
   }
-  std::string connect() { return connect(harness.material().file(orv::emulator::kSigningCAFile)); }
 
   ToolRun run(const std::string& arguments) {
     const std::string out = scratch.file("out"), err = scratch.file("err");
@@ -62,11 +61,10 @@ class AppConfigToolTest : public ::testing::Test {
 TEST_F(AppConfigToolTest, DiscoverReportsTheRecordOrWhatRefusedIt) {
   const auto good = run("discover user@example.com --json" + connect());
   ASSERT_EQ(good.exitCode, 0) << good.err;
-  const auto parsed = good.json();
-  const auto& json = parsed.as_object();
+  const auto json = good.json();
   EXPECT_EQ(json.at("status"), 0);
   EXPECT_EQ(json.at("statusName"), "OrvAppConfigServiceCompletionStatusSuccess");
-  const auto& record = json.at("record").as_object();
+  const auto& record = json.at("record");
   EXPECT_EQ(record.at("domain").at("name"), "example.com");
   EXPECT_EQ(record.at("kaleth").at("serviceUrls").at(0).at("url"), "https://store.example.com/Store");
   EXPECT_THAT(std::string(record.at("notValidAfter").as_string()), ::testing::MatchesRegex("[0-9-]+T[0-9:]+Z"));
@@ -84,7 +82,7 @@ TEST_F(AppConfigToolTest, DiscoverReportsTheRecordOrWhatRefusedIt) {
   EXPECT_EQ(forged.json().at("trace").at("steps").as_array().back().at("rule"), 15);
   // --explain names the URL whose answer was refused and the rule that refused it; without anchors the
   // tool says that it trusts names alone.
-  const auto explained = run("discover user@example.com --explain" + connect(std::nullopt));
+  const auto explained = run("discover user@example.com --explain" + connect(nullptr));
   EXPECT_EQ(explained.exitCode, 2);
   EXPECT_THAT(explained.out,
               ::testing::ContainsRegex("signature: FAILED  https://127.0.0.1:[0-9]+/ads/root/domain/example.com/"));
@@ -92,10 +90,9 @@ TEST_F(AppConfigToolTest, DiscoverReportsTheRecordOrWhatRefusedIt) {
   EXPECT_THAT(explained.err, HasSubstr("warning: no trust anchors"));
   harness.emulator().clearFaults();
 
-  // Trusting another root: the genuine answer no longer chains to a trusted certificate.
-  TemporaryDirectory other;
-  ASSERT_TRUE(orv::emulator::generateMaterial(other.path().string()));
-  const auto untrusted = run("discover user@example.com --json" + connect(other.file(orv::emulator::kSigningCAFile)));
+  // Trusting another root (the one that issued the TLS certificate): the genuine answer no longer chains
+  // to a trusted certificate.
+  const auto untrusted = run("discover user@example.com --json" + connect(orv::emulator::kTLSCAFile));
   EXPECT_EQ(untrusted.exitCode, 2);
   EXPECT_EQ(untrusted.json().at("error").at("code"), 13);
 }

@@ -38,11 +38,6 @@ int main(int argc, char** argv) {
     service->asyncStartSettingsRetrievalForStoreUrls(stores, 0, i % 2, ignore);
   }
   std::this_thread::sleep_for(std::chrono::milliseconds(std::atoi(argv[3])));
-  // For measuring how soon a server sees its connections closed after the release.
-  if (std::getenv("ORV_PRINT_RELEASE_TIME")) {
-    std::fprintf(stderr, "release at %.6f\n",
-                 std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count());
-  }
 
   if (releaseFrom == "worker") {
     std::thread([service = std::move(service), session = std::move(session)]() mutable {

@@ -11,10 +11,9 @@
 
 #include <charconv>
 #include <cstdio>
-#include <fstream>
 #include <map>
-#include <sstream>
 
+#include "EmulatorHarness.h"
 #include "OrvOpenSSLHandles.h"
 #include "OrvSDKStringUtils.h"
 #include "OrvSecurityUtilsTesting.h"
@@ -61,12 +60,9 @@ constexpr VectorFile kVectorFiles[] = {
 TEST(PublishedVectorsTest, WycheproofValidAcceptedInvalidRefused) {
   for (const auto& [name, algorithm] : kVectorFiles) {
     SCOPED_TRACE(name);
-    std::ifstream file(std::string(ORV_VECTORS_DIR) + "/wycheproof/" + name, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
     boost::system::error_code error;
-    const auto document = boost::json::parse(text.str(), error);
-    ASSERT_TRUE(file && !error);
+    const auto document = boost::json::parse(readFile(std::string(ORV_VECTORS_DIR) + "/wycheproof/" + name), error);
+    ASSERT_FALSE(error);
     std::map<std::string, int> counts;
     int acceptableAccepted = 0;
     for (const auto& group : document.at("testGroups").as_array()) {
@@ -92,9 +88,25 @@ TEST(PublishedVectorsTest, WycheproofValidAcceptedInvalidRefused) {
   }
 }
 
-EvpPkeyPtr publicKeyFromParams(const char* type, OSSL_PARAM_BLD* builder) {
-  const ParamsPtr params(builder ? OSSL_PARAM_BLD_to_param(builder) : nullptr);
-  const detail::EvpPkeyCtxPtr context(EVP_PKEY_CTX_new_from_name(nullptr, type, nullptr));
+// The RFC gives its keys as JWK members, of which only the public halves are needed: an RSA modulus
+// and exponent (curve null), or the coordinates of a point on the curve.
+EvpPkeyPtr publicKey(const char* curve, std::string_view first, std::string_view second) {
+  const std::string a = OrvBase64URLDecode(first).value_or(""), b = OrvBase64URLDecode(second).value_or(""),
+                    point = '\x04' + a + b;
+  const auto bignum = [](const std::string& bytes) {
+    return detail::BignumPtr(
+        BN_bin2bn(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()), nullptr));
+  };
+  const auto modulus = bignum(a), exponent = bignum(b);
+  const ParamBuilderPtr builder(OSSL_PARAM_BLD_new());
+  const bool pushed =
+      builder &&
+      (curve ? OSSL_PARAM_BLD_push_utf8_string(builder.get(), OSSL_PKEY_PARAM_GROUP_NAME, curve, 0) == 1 &&
+                   OSSL_PARAM_BLD_push_octet_string(builder.get(), OSSL_PKEY_PARAM_PUB_KEY, point.data(), point.size()) == 1
+             : OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_N, modulus.get()) == 1 &&
+                   OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_E, exponent.get()) == 1);
+  const ParamsPtr params(pushed ? OSSL_PARAM_BLD_to_param(builder.get()) : nullptr);
+  const detail::EvpPkeyCtxPtr context(EVP_PKEY_CTX_new_from_name(nullptr, curve ? "EC" : "RSA", nullptr));
   EVP_PKEY* key = nullptr;
   if (!params || !context || EVP_PKEY_fromdata_init(context.get()) != 1 ||
       EVP_PKEY_fromdata(context.get(), &key, EVP_PKEY_PUBLIC_KEY, params.get()) != 1) {
@@ -103,56 +115,23 @@ EvpPkeyPtr publicKeyFromParams(const char* type, OSSL_PARAM_BLD* builder) {
   return EvpPkeyPtr(key);
 }
 
-detail::BignumPtr bignumFromBase64Url(std::string_view text) {
-  const std::string bytes = OrvBase64URLDecode(text).value_or("");
-  return detail::BignumPtr(
-      BN_bin2bn(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()), nullptr));
-}
-
-// The RFC gives its keys as JWK members; only their public halves are needed.
-EvpPkeyPtr rsaPublicKey(std::string_view n, std::string_view e) {
-  const ParamBuilderPtr builder(OSSL_PARAM_BLD_new());
-  const auto modulus = bignumFromBase64Url(n), exponent = bignumFromBase64Url(e);
-  if (!builder || OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_N, modulus.get()) != 1 ||
-      OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_E, exponent.get()) != 1) {
-    return nullptr;
-  }
-  return publicKeyFromParams("RSA", builder.get());
-}
-
-EvpPkeyPtr ecPublicKey(const char* curve, std::string_view x, std::string_view y) {
-  const ParamBuilderPtr builder(OSSL_PARAM_BLD_new());
-  const std::string point = '\x04' + OrvBase64URLDecode(x).value_or("") + OrvBase64URLDecode(y).value_or("");
-  if (!builder || OSSL_PARAM_BLD_push_utf8_string(builder.get(), OSSL_PKEY_PARAM_GROUP_NAME, curve, 0) != 1 ||
-      OSSL_PARAM_BLD_push_octet_string(builder.get(), OSSL_PKEY_PARAM_PUB_KEY, point.data(), point.size()) != 1) {
-    return nullptr;
-  }
-  return publicKeyFromParams("EC", builder.get());
-}
-
 // The RFC's signers hold their private keys, so the certificate for their public key is issued by a CA
-// made here, under the name the verifier requires: valid for an hour either side of now, for signing.
+// made here, under the name the verifier requires, valid for an hour either side of now. It carries no
+// key usage, which the verifier reads as any use.
 OrvCertificateRef issuedCertificateFor(EVP_PKEY* key) {
   static const EvpPkeyPtr caKey(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"));
   const auto name = reinterpret_cast<const unsigned char*>(kRequiredIssuer);
   detail::X509Ptr certificate(X509_new());
   const detail::X509NamePtr issuer(X509_NAME_new());
-  X509V3_CTX context;
-  X509V3_set_ctx_nodb(&context);
-  X509V3_set_ctx(&context, nullptr, certificate.get(), nullptr, nullptr, 0);
-  const detail::X509ExtensionPtr usage(X509V3_EXT_conf_nid(nullptr, &context, NID_key_usage, "critical,digitalSignature"));
   const detail::BioPtr pem = detail::newMemoryBio();
-  if (!key || !caKey || !certificate || !issuer || !usage || !pem || X509_set_version(certificate.get(), X509_VERSION_3) != 1 ||
+  if (!key || !caKey || !certificate || !issuer || !pem || X509_set_version(certificate.get(), X509_VERSION_3) != 1 ||
       ASN1_INTEGER_set(X509_get_serialNumber(certificate.get()), 7515) != 1 ||
       X509_NAME_add_entry_by_txt(issuer.get(), "O", MBSTRING_UTF8, name, -1, -1, 0) != 1 ||
       X509_NAME_add_entry_by_txt(issuer.get(), "CN", MBSTRING_UTF8, name, -1, -1, 0) != 1 ||
-      X509_set_issuer_name(certificate.get(), issuer.get()) != 1 ||
-      X509_NAME_add_entry_by_txt(X509_get_subject_name(certificate.get()), "CN", MBSTRING_UTF8,
-                                 reinterpret_cast<const unsigned char*>("RFC example signer"), -1, -1, 0) != 1 ||
+      X509_set_issuer_name(certificate.get(), issuer.get()) != 1 || X509_set_subject_name(certificate.get(), issuer.get()) != 1 ||
       !X509_gmtime_adj(X509_getm_notBefore(certificate.get()), -3600) ||
       !X509_gmtime_adj(X509_getm_notAfter(certificate.get()), 3600) || X509_set_pubkey(certificate.get(), key) != 1 ||
-      X509_add_ext(certificate.get(), usage.get(), -1) != 1 || X509_sign(certificate.get(), caKey.get(), EVP_sha256()) <= 0 ||
-      PEM_write_bio_X509(pem.get(), certificate.get()) != 1) {
+      X509_sign(certificate.get(), caKey.get(), EVP_sha256()) <= 0 || PEM_write_bio_X509(pem.get(), certificate.get()) != 1) {
     return nullptr;
   }
   return OrvCertificate::certificateWithContent(detail::bioContents(pem.get()));
@@ -175,45 +154,35 @@ RfcCase detachedFromCompact(std::string name, const EvpPkeyPtr& key, std::string
           OrvSecurityUtilsResultSuccess};
 }
 
+// The examples as the RFCs print them, each string cut to fit the page.
 constexpr const char* kA2A3Payload =
-    "eyJpc3MiOiJqb2UiLA0KICJleHAiOjEzMDA4MTkzODAsDQogImh0dHA6Ly9leGFt"
-    "cGxlLmNvbS9pc19yb290Ijp0cnVlfQ";
+    "eyJpc3MiOiJqb2UiLA0KICJleHAiOjEzMDA4MTkzODAsDQogImh0dHA6Ly9leGFtcGxlLmNvbS9pc19yb290Ijp0cnVlfQ";
+constexpr const char* kA2Modulus =
+    "ofgWCuLjybRlzo0tZWJjNiuSfb4p4fAkd_wWJcyQoTbji9k0l8W26mPddxHmfHQp-Vaw-4qPCJrcS2mJPMEzP1Pt0Bm4d4QlL-yRT-SFd2lZS-pCgNMsD1"
+    "W_YpRPEwOWvG6b32690r2jZ47soMZo9wGzjb_7OMg0LOL-bSf63kpaSHSXndS5z5rexMdbBYUsLA9e-KXBdQOS-UTo7WTBEMa2R2CapHg665xsmtdVMTBQ"
+    "Y4uDZlxvb3qCo5ZwKh9kG4LT6_I5IhlJH7aGhyxXFvUK-DWNmoudF8NAco9_h9iaGNj8q2ethFkMLs91kzk2PAcDTW9gb54h4FRWyuXpoQ";
+constexpr const char* kA2Signature =
+    "cC4hiUPoj9Eetdgtv3hF80EGrhuB__dzERat0XF9g2VtQgr9PJbu3XOiZj5RZmh7AAuHIm4Bh-0Qc_lF5YKt_O8W2Fp5jujGbds9uJdbF9CUAr7t1dnZcA"
+    "cQjbKBYNX4BAynRFdiuB--f_nZLgrnbyTyWzO75vRK5h6xBArLIARNPvkSjtQBMHlb1L07Qe7K0GarZRmB_eSN9383LcOLn6_dO--xi12jzDwusC-eOkHW"
+    "EsqtFZESc6BfI7noOPqvhJ1phCnvWh6IeYI2w9QOYEUipUTI8np6LbgGY9Fs98rqVt5AXLIhWkWywlVmtVrBp0igcN_IoypGlUPQGe77Rw";
+constexpr const char* kA3Signature = "DtEhU3ljbEg8L38VWAfUAqOyKAM6-Xx-F4GawxaepmXFCgfTjDxw5djxLa8ISlSApmWQxfKTUJqPP3-Kg6NU1Q";
+constexpr const char* kA4PointX = "AekpBQ8ST8a8VcfVOTNl353vSrDCLLJXmPk06wTjxrrjcBpXp5EOnYG_NjFZ6OvLFV1jSfS9tsz4qUxcWceqwQGk";
+constexpr const char* kA4PointY = "ADSmRA43Z1DSNx_RvcLI87cdL07l6jQyyBXMoxVg_l2Th-x3S1WDhjDly79ajL4Kkd0AZMaZmh9ubmf63e3kyMj2";
+constexpr const char* kA4Compact =
+    "eyJhbGciOiJFUzUxMiJ9.UGF5bG9hZA.AdwMgeerwtHoh-l192l60hp9wAHZFVJbLfD_UxMi70cwnZOYaRI1bKPWROc-mZZqwqT2SI-KGDKB34XO0aw_7X"
+    "dtAG8GaSwFKdCAPZgoXD2YBJZCPEX3xKpRwcdOO8KpEHwJjyqOgzDO7iKvU8vcnwNrmxYbSW9ERBXukOXolLzeO_Jn";
 constexpr const char* kUnencodedPayload = "$.02";
 
 TEST(PublishedVectorsTest, RfcExamplesAsDetachedJws) {
   const SecurityMaterial& m = securityMaterial();
   const std::vector<RfcCase> cases = {
-      detachedFromCompact("RFC 7515 A.2 (RS256)",
-                          rsaPublicKey("ofgWCuLjybRlzo0tZWJjNiuSfb4p4fAkd_wWJcyQoTbji9k0l8W26mPddx"
-                                       "HmfHQp-Vaw-4qPCJrcS2mJPMEzP1Pt0Bm4d4QlL-yRT-SFd2lZS-pCgNMs"
-                                       "D1W_YpRPEwOWvG6b32690r2jZ47soMZo9wGzjb_7OMg0LOL-bSf63kpaSH"
-                                       "SXndS5z5rexMdbBYUsLA9e-KXBdQOS-UTo7WTBEMa2R2CapHg665xsmtdV"
-                                       "MTBQY4uDZlxvb3qCo5ZwKh9kG4LT6_I5IhlJH7aGhyxXFvUK-DWNmoudF8"
-                                       "NAco9_h9iaGNj8q2ethFkMLs91kzk2PAcDTW9gb54h4FRWyuXpoQ",
-                                       "AQAB"),
-                          std::string("eyJhbGciOiJSUzI1NiJ9.") + kA2A3Payload +
-                              ".cC4hiUPoj9Eetdgtv3hF80EGrhuB__dzERat0XF9g2VtQgr9PJbu3XOiZj5RZmh7"
-                              "AAuHIm4Bh-0Qc_lF5YKt_O8W2Fp5jujGbds9uJdbF9CUAr7t1dnZcAcQjbKBYNX4"
-                              "BAynRFdiuB--f_nZLgrnbyTyWzO75vRK5h6xBArLIARNPvkSjtQBMHlb1L07Qe7K"
-                              "0GarZRmB_eSN9383LcOLn6_dO--xi12jzDwusC-eOkHWEsqtFZESc6BfI7noOPqv"
-                              "hJ1phCnvWh6IeYI2w9QOYEUipUTI8np6LbgGY9Fs98rqVt5AXLIhWkWywlVmtVrB"
-                              "p0igcN_IoypGlUPQGe77Rw"),
+      detachedFromCompact("RFC 7515 A.2 (RS256)", publicKey(nullptr, kA2Modulus, "AQAB"),
+                          std::string("eyJhbGciOiJSUzI1NiJ9.") + kA2A3Payload + "." + kA2Signature),
       detachedFromCompact(
           "RFC 7515 A.3 (ES256)",
-          ecPublicKey("P-256", "f83OJ3D2xF1Bg8vub9tLe1gHMzV76e8Tus9uPHvRVEU", "x_FEzRu9m36HLN_tue659LNpXW6pCyStikYjKIWI5a0"),
-          std::string("eyJhbGciOiJFUzI1NiJ9.") + kA2A3Payload +
-              ".DtEhU3ljbEg8L38VWAfUAqOyKAM6-Xx-F4GawxaepmXFCgfTjDxw5djxLa8ISlSA"
-              "pmWQxfKTUJqPP3-Kg6NU1Q"),
-      detachedFromCompact("RFC 7515 A.4 (ES512)",
-                          ecPublicKey("P-521",
-                                      "AekpBQ8ST8a8VcfVOTNl353vSrDCLLJXmPk06wTjxrrjcBpXp5EOnYG_"
-                                      "NjFZ6OvLFV1jSfS9tsz4qUxcWceqwQGk",
-                                      "ADSmRA43Z1DSNx_RvcLI87cdL07l6jQyyBXMoxVg_l2Th-x3S1WDhjDl"
-                                      "y79ajL4Kkd0AZMaZmh9ubmf63e3kyMj2"),
-                          "eyJhbGciOiJFUzUxMiJ9.UGF5bG9hZA."
-                          "AdwMgeerwtHoh-l192l60hp9wAHZFVJbLfD_UxMi70cwnZOYaRI1bKPWROc-mZZq"
-                          "wqT2SI-KGDKB34XO0aw_7XdtAG8GaSwFKdCAPZgoXD2YBJZCPEX3xKpRwcdOO8Kp"
-                          "EHwJjyqOgzDO7iKvU8vcnwNrmxYbSW9ERBXukOXolLzeO_Jn"),
+          publicKey("P-256", "f83OJ3D2xF1Bg8vub9tLe1gHMzV76e8Tus9uPHvRVEU", "x_FEzRu9m36HLN_tue659LNpXW6pCyStikYjKIWI5a0"),
+          std::string("eyJhbGciOiJFUzI1NiJ9.") + kA2A3Payload + "." + kA3Signature),
+      detachedFromCompact("RFC 7515 A.4 (ES512)", publicKey("P-521", kA4PointX, kA4PointY), kA4Compact),
       // HMAC needs the shared secret, which a certificate never carries: refused whatever the signature.
       {"RFC 7797 section 4 (HS256)", "eyJhbGciOiJIUzI1NiIsImI2NCI6ZmFsc2UsImNyaXQiOlsiYjY0Il19",
        "A5dxf2s96_n5FLueVuW1Z_vh161FwXZC4YLPff6dmDY", kUnencodedPayload, m.p256Leaf, OrvSecurityUtilsResultUnsupportedAlgorithm},

@@ -74,6 +74,9 @@ SecurityMaterial::SecurityMaterial()
   issuerByCommonName = issue(profile, rsaKey, nullptr, rsaKey);
   issuerPrefix = issue(leaf("Varnel Systems"), rsaKey, nullptr, rsaKey);
   issuerOtherCase = issue(leaf("varnel systems, inc."), rsaKey, nullptr, rsaKey);
+  profile = leaf(kRequiredIssuer);
+  profile.additionalOrganizations = {"Someone Else Ltd"};
+  twoIssuerOrganizations = issue(profile, rsaKey, nullptr, rsaKey);
 }
 
 const SecurityMaterial& securityMaterial() {
@@ -112,11 +115,8 @@ std::int64_t verifyResult(const OrvSecurityUtilsService& service, const Detached
   AdditionalCertificateValidationOptions options;
   options.setRequiredIssuerName(std::move(requiredIssuer));
   const auto [result, error] = service.validateJWT(payload, jws.header, jws.signature, certificate, &options);
-  if (result == 0) {
-    EXPECT_FALSE(error.has_value());
-  } else {
-    EXPECT_TRUE(error.has_value());
-    if (!error) return result;
+  EXPECT_EQ(error.has_value(), result != 0);
+  if (error) {
     EXPECT_EQ(error->domain(), OrvSecurityUtilsErrorDomain);
     EXPECT_EQ(error->code(), result);
     EXPECT_FALSE(error->localizedDescription().empty());

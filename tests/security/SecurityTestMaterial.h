@@ -32,6 +32,7 @@ struct SecurityMaterial {
   OrvCertificateRef selfSigned;                                          // rsaKey, subject (and so issuer) kRequiredIssuer
   OrvCertificateRef noDigitalSignature, noKeyUsage;                      // rsaKey, issued by root
   OrvCertificateRef issuerByCommonName, issuerPrefix, issuerOtherCase;   // self-signed, rsaKey
+  OrvCertificateRef twoIssuerOrganizations;  // self-signed, rsaKey, kRequiredIssuer first and another organisation
 };
 
 const SecurityMaterial& securityMaterial();

@@ -2,9 +2,7 @@
 // over TLS and HTTP/2, with the answers' signatures checked against the signing CA.
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -26,36 +24,22 @@ namespace {
 
 constexpr const char* kNginx = "/usr/sbin/nginx";
 
-bool acceptsConnections(std::uint16_t port) {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  const bool connected = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-  close(fd);
-  return connected;
-}
-
-// nginx kept in the foreground as our child so that it can be reaped; stopped the documented way,
-// SIGQUIT to the PID in its pid file, however the test ends.
+// nginx kept in the foreground as our child so that it can be reaped, and stopped the documented way
+// (SIGQUIT to its master, which in the foreground is the child itself) however the test ends.
 class NginxProcess {
  public:
-  explicit NginxProcess(const TemporaryDirectory& prefix) : prefix_(prefix) {
-    const std::string root = prefix.path().string(), errorLog = prefix.file("error.log");
-    pid_ = fork();
+  explicit NginxProcess(const TemporaryDirectory& prefix) : pid_(fork()) {
     if (pid_ == 0) {
       // Should the test process die first, nginx goes with it rather than holding the port.
       prctl(PR_SET_PDEATHSIG, SIGTERM);
-      execl(kNginx, kNginx, "-p", root.c_str(), "-c", "nginx.conf", "-e", errorLog.c_str(), "-g", "daemon off;", nullptr);
+      execl(kNginx, kNginx, "-p", prefix.path().c_str(), "-c", "nginx.conf", "-e", prefix.file("error.log").c_str(), "-g",
+            "daemon off;", nullptr);
       _exit(127);
     }
   }
   ~NginxProcess() {
     if (exited()) return;
-    pid_t master = 0;
-    std::istringstream(readFile(prefix_.file("nginx.pid"))) >> master;
-    kill(master > 0 ? master : pid_, SIGQUIT);
+    kill(pid_, SIGQUIT);
     if (!pollUntil([this] { return exited(); }, std::chrono::seconds(10))) {
       kill(pid_, SIGKILL);
       waitpid(pid_, nullptr, 0);
@@ -64,8 +48,7 @@ class NginxProcess {
   bool exited() { return reaped_ = reaped_ || pid_ <= 0 || waitpid(pid_, nullptr, WNOHANG) == pid_; }
 
  private:
-  const TemporaryDirectory& prefix_;
-  pid_t pid_ = -1;
+  pid_t pid_;
   bool reaped_ = false;
 };
 
@@ -118,8 +101,10 @@ TEST_P(NginxStagingHostTest, DiscoveryAndManyStoresRideOneHTTP2ConnectionAtATime
   conf.replace(conf.find("ssl http2;") + 10, 0, std::string("\n    ") + GetParam().directives);
   writeFile(out.file("nginx.conf"), conf);
   NginxProcess nginx(out);
-  ASSERT_TRUE(pollUntil([&] { return nginx.exited() || acceptsConnections(options.port); }, std::chrono::seconds(10)) &&
-              !nginx.exited())
+  // nginx writes its pid file once its sockets listen.
+  ASSERT_TRUE(
+      pollUntil([&] { return nginx.exited() || readFile(out.file("nginx.pid")).ends_with('\n'); }, std::chrono::seconds(10)) &&
+      !nginx.exited())
       << readFile(out.file("error.log"));
   const DiscoveryHostsOverride hosts("127.0.0.1:" + std::to_string(options.port));
 

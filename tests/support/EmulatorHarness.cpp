@@ -33,9 +33,8 @@ std::string readFile(const std::string& path) {
   return text.str();
 }
 
-std::string settingsPath(const std::string& normalisedStore, std::string_view os) {
-  return "/ads/root/url/" + OrvBase64URLEncodedStringFromString(normalisedStore).value_or("") + "/product/kaleth/os/" +
-         std::string(os);
+std::string settingsPath(const std::string& normalisedStore) {
+  return "/ads/root/url/" + OrvBase64URLEncodedStringFromString(normalisedStore).value_or("") + "/product/kaleth/os/ios";
 }
 
 EmulatorHarness::EmulatorHarness(HarnessOptions options) {
@@ -45,7 +44,6 @@ EmulatorHarness::EmulatorHarness(HarnessOptions options) {
   orv::emulator::EmulatorOptions emulatorOptions;
   emulatorOptions.materialDir = material_.path().string();
   emulatorOptions.catalogJSON = options.catalogJSON;
-  emulatorOptions.algorithm = options.algorithm;
   emulator_ = orv::emulator::DiscoveryEmulator::start(emulatorOptions, &error);
   if (!emulator_) {
     ADD_FAILURE() << "emulator: " << error;
@@ -57,12 +55,6 @@ EmulatorHarness::EmulatorHarness(HarnessOptions options) {
   session = OrvCurlURLSession::create(configuration);
   security = OrvSecurityUtilsService::create();
   rebuildService(session, security);
-}
-
-EmulatorHarness::~EmulatorHarness() {
-  service.reset();
-  session.reset();
-  emulator_.reset();
 }
 
 void EmulatorHarness::rebuildService(std::shared_ptr<OrvURLSession> urlSession,

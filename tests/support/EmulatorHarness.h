@@ -28,19 +28,22 @@ class TemporaryDirectory {
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& text);
 // Where the emulator answers for a store's settings, the store URL as the client normalises it.
-std::string settingsPath(const std::string& normalisedStore, std::string_view os = "ios");
+std::string settingsPath(const std::string& normalisedStore);
 
 struct HarnessOptions {
   std::optional<std::string> catalogJSON;
-  std::string algorithm = "RS256";
   // Runs on the freshly generated material before the emulator reads it.
   std::function<void(const class TemporaryDirectory&)> prepareMaterial;
 };
 
 class EmulatorHarness {
+  // Declared first so that they go last: the service and its session before the emulator they talk to.
+  TemporaryDirectory material_;
+  std::unique_ptr<orv::emulator::DiscoveryEmulator> emulator_;
+  std::optional<DiscoveryHostsOverride> hosts_;
+
  public:
   explicit EmulatorHarness(HarnessOptions options = {});
-  ~EmulatorHarness();
 
   orv::emulator::DiscoveryEmulator& emulator() { return *emulator_; }
   const TemporaryDirectory& material() const { return material_; }
@@ -53,11 +56,6 @@ class EmulatorHarness {
                       std::shared_ptr<OrvFeatureFlagProviderProtocol> featureFlags = nullptr);
   // Request paths the emulator saw, in order.
   std::vector<std::string> requestPaths() const;
-
- private:
-  TemporaryDirectory material_;
-  std::unique_ptr<orv::emulator::DiscoveryEmulator> emulator_;
-  std::optional<DiscoveryHostsOverride> hosts_;
 };
 
 }  // namespace orv::test

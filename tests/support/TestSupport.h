@@ -101,18 +101,16 @@ inline bool runMainQueueUntil(const std::function<bool()>& predicate,
 // Polls a condition that no main-queue task signals (a server's request log, say).
 bool pollUntil(const std::function<bool()>& predicate, std::chrono::milliseconds timeout = std::chrono::seconds(20));
 
-// Captures what a completion block received, and on which queue and thread.
+// Captures what a completion block received, and whether on the main queue.
 template <typename... Args>
 struct Capture {
   std::atomic<int> calls{0};
   std::atomic<bool> onMainQueue{false};
-  std::thread::id thread;
   std::tuple<Args...> values;
   auto block() {
     return [this](Args... args) {
       values = std::tuple<Args...>(std::move(args)...);
       onMainQueue = OrvMainQueue::isCurrent();
-      thread = std::this_thread::get_id();
       ++calls;
     };
   }

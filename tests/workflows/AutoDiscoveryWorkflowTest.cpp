@@ -34,38 +34,18 @@ std::size_t countPaths(const std::vector<std::string>& paths, std::string_view p
       std::count_if(paths.begin(), paths.end(), [&](const auto& p) { return p.starts_with(prefix); }));
 }
 
-// Replaces the emulator's signing certificate, keeping its key, by one from a CA of the given name. The
-// emulator names the new certificate in "x5t#S256", so only the certificate checks can refuse it.
-struct SigningCertificateChange {
-  std::string caName = kSigningIssuerName;
-  std::chrono::hours notAfter{1};
-  std::vector<std::string> additionalCAOrganizations;
-  bool leafIsCA = false;
-};
-
-std::function<void(const TemporaryDirectory&)> replaceSigningCertificate(SigningCertificateChange change) {
-  return [=](const TemporaryDirectory& material) {
-    auto signingKey = PrivateKey::fromPEM(readFile(material.file(kSigningRSAKeyFile)));
-    auto caKey = PrivateKey::generate(KeyKind::ecP256);
-    ASSERT_TRUE(signingKey && caKey);
-    const auto now = std::chrono::system_clock::now();
-    const CertificateProfile ca{.organization = change.caName,
-                                .commonName = change.caName,
-                                .additionalOrganizations = change.additionalCAOrganizations,
-                                .notBefore = now - std::chrono::hours(48),
-                                .notAfter = now + std::chrono::hours(48),
-                                .isCA = true};
-    const CertificateProfile leaf{.organization = kSigningIssuerName,
-                                  .commonName = "Varnel AppConfig Signing",
-                                  .notBefore = now - std::chrono::hours(48),
-                                  .notAfter = now + change.notAfter,
-                                  .isCA = change.leafIsCA};
-    const auto caPEM = issueCertificate(ca, *caKey, nullptr, *caKey);
-    ASSERT_TRUE(caPEM);
-    const auto pem = issueCertificate(leaf, *signingKey, OrvCertificate::certificateWithContent(*caPEM).get(), *caKey);
-    ASSERT_TRUE(pem);
-    writeFile(material.file(kSigningRSAFile), *pem);
-  };
+// Replaces the emulator's signing certificate, keeping its key, by a self-signed one under a near miss
+// of the required issuer's name. The emulator names the new certificate in "x5t#S256", so only the
+// issuer check can refuse it.
+void selfSignUnderAnotherName(const TemporaryDirectory& material) {
+  const auto key = PrivateKey::fromPEM(readFile(material.file(kSigningRSAKeyFile)));
+  ASSERT_TRUE(key);
+  const auto now = std::chrono::system_clock::now();
+  const CertificateProfile profile{
+      .organization = "Varnel Systems Inc", .notBefore = now - std::chrono::hours(1), .notAfter = now + std::chrono::hours(1)};
+  const auto pem = issueCertificate(profile, *key, nullptr, *key);
+  ASSERT_TRUE(pem);
+  writeFile(material.file(kSigningRSAFile), *pem);
 }
 
 }  // namespace
@@ -92,9 +72,6 @@ TEST(AutoDiscoveryWorkflowTest, OutcomeTable) {
     EXPECT_EQ(outcome.result ? outcome.result->domain()->name() : std::nullopt, row.domain) << row.input;
     EXPECT_EQ(countPaths(harness.requestPaths(), "/ads/root/publickey"), row.fetchesCertificate ? 1u : 0u) << row.input;
   }
-  // Answers signed with ES256 instead, and a certificate of that key.
-  EmulatorHarness ecdsa({.catalogJSON = kCatalog, .algorithm = "ES256"});
-  EXPECT_EQ(discover(*ecdsa.service, "user@example.com").status, 0u);
 }
 
 // How an answer, or the material that signs it, is spoiled, and the security error the host receives;
@@ -106,7 +83,7 @@ TEST(AutoDiscoveryWorkflowTest, RefusedSignatures) {
     const char* what;
     std::optional<std::int64_t> code;
     std::function<void(EmulatorHarness&)> spoil;
-    std::optional<SigningCertificateChange> certificate = std::nullopt;
+    HarnessOptions ownHarness = {};
   };
   const Refusal rows[] = {
       {"missing signature", std::nullopt, [](auto& h) { h.emulator().setFault(kQuery, {.omitSignature = true}); }},
@@ -120,19 +97,16 @@ TEST(AutoDiscoveryWorkflowTest, RefusedSignatures) {
          const boost::json::object answer{{"certificate", readFile(other.file(kSigningRSAFile))}};
          h.emulator().setFault("/ads/root/publickey", {.body = boost::json::serialize(answer)});
        }},
-      {"wrong issuer", OrvSecurityUtilsResultIssuerMismatch, nullptr, SigningCertificateChange{"Varnel Systems Inc"}},
-      {"expired certificate", OrvSecurityUtilsResultCertificateExpired, nullptr,
-       SigningCertificateChange{.notAfter = std::chrono::hours(-1)}},
-      {"signer is a CA", OrvSecurityUtilsResultCertificateIsAuthority, nullptr, SigningCertificateChange{.leafIsCA = true}},
-      {"two issuer organisations", OrvSecurityUtilsResultAmbiguousIssuer, nullptr,
-       SigningCertificateChange{.additionalCAOrganizations = {"Someone Else Ltd"}}},
+      {"wrong issuer",
+       OrvSecurityUtilsResultIssuerMismatch,
+       nullptr,
+       {.catalogJSON = kCatalog, .prepareMaterial = selfSignUnderAnotherName}},
   };
   EmulatorHarness shared({kCatalog});
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
     std::optional<EmulatorHarness> own;
-    if (row.certificate)
-      own.emplace(HarnessOptions{.catalogJSON = kCatalog, .prepareMaterial = replaceSigningCertificate(*row.certificate)});
+    if (row.ownHarness.prepareMaterial) own.emplace(row.ownHarness);
     auto& harness = own ? *own : shared;
     harness.emulator().clearFaults();
     harness.emulator().clearRequests();
@@ -140,14 +114,9 @@ TEST(AutoDiscoveryWorkflowTest, RefusedSignatures) {
     const auto outcome = discover(*harness.service, "user@example.com");
     EXPECT_EQ(outcome.status, 2u);
     EXPECT_EQ(outcome.result, nullptr);
-    if (row.code) {
-      ASSERT_TRUE(outcome.error);
-      EXPECT_EQ(outcome.error->domain(), OrvSecurityUtilsErrorDomain);
-      EXPECT_EQ(outcome.error->code(), *row.code) << outcome.error->description();
-    } else {
-      EXPECT_EQ(outcome.error, std::nullopt);
-      EXPECT_EQ(countPaths(harness.requestPaths(), "/ads/root/publickey"), 0u);
-    }
+    EXPECT_EQ(outcome.error ? std::optional(outcome.error->code()) : std::nullopt, row.code);
+    EXPECT_TRUE(!outcome.error || outcome.error->domain() == OrvSecurityUtilsErrorDomain);
+    EXPECT_TRUE(row.code || countPaths(harness.requestPaths(), "/ads/root/publickey") == 0) << "refused before verifying";
   }
 }
 

