@@ -71,6 +71,12 @@ TEST(OrvUrlSessionTaskOperationObjCTest, CancellingARunningOperationCancelsItsTa
   EXPECT_TRUE(operation->isExecuting());  // it ends when its task reports back
   operation->complete();
   queue.waitUntilAllOperationsAreFinished();
+  // Cancelling a finished operation leaves its task alone.
+  auto finished = std::make_shared<TaskOperation>(nullptr);
+  finished->start();
+  finished->complete();
+  finished->cancel();
+  EXPECT_EQ(finished->task->cancels.load(), 0);
 
   // A cancel that races ahead of storing the task still reaches the task.
   auto early = std::make_shared<TaskOperation>(nullptr);
