@@ -5,10 +5,10 @@
 #include <thread>
 #include <vector>
 
-#include "FoundationTestHelpers.h"
 #include "OrvAtomicWorkflowService.h"
+#include "TestSupport.h"
 
-using orv::test::Signal;
+using orv::test::pollUntil;
 
 namespace {
 
@@ -21,14 +21,17 @@ class Recorder {
         order_.push_back(id);
       }
       if (then) then();
-      ran.notify();
+      ++ran;
     });
   }
   std::vector<int> order() {
     std::lock_guard lock(mutex_);
     return order_;
   }
-  Signal ran;
+  bool waitRan(int count) {
+    return pollUntil([&] { return ran >= count; });
+  }
+  std::atomic<int> ran{0};
 
  private:
   std::mutex mutex_;
@@ -45,8 +48,8 @@ TEST(OrvAtomicWorkflowServiceTest, OneWorkflowAtATimeInOrder) {
     service.startAtomicWorkflowWithOperation(recorder.step(id, [&, id] { overlapped = overlapped || ended != id; }));
   }
   for (int id = 0; id < 5; ++id) {
-    ASSERT_TRUE(recorder.ran.waitFor(id + 1));
-    EXPECT_EQ(recorder.ran.count(), id + 1);  // the next one is held until this one ends
+    ASSERT_TRUE(recorder.waitRan(id + 1));
+    EXPECT_EQ(recorder.ran.load(), id + 1);  // the next one is held until this one ends
     ++ended;
     service.endAtomicWorkflow();
   }
@@ -57,17 +60,16 @@ TEST(OrvAtomicWorkflowServiceTest, OneWorkflowAtATimeInOrder) {
 TEST(OrvAtomicWorkflowServiceTest, ActiveWorkflowOperationsNeverWaitForTheNextWorkflow) {
   OrvAtomicWorkflowService service("test.inner");
   Recorder recorder;
-  Signal inner;
+  std::atomic<int> inner{0};
   service.startAtomicWorkflowWithOperation(recorder.step(1, [&] {
-    service.operationQueue().addOperationWithBlock(
-        [&] { service.operationQueue().addOperationWithBlock([&] { inner.notify(); }); });
+    service.operationQueue().addOperationWithBlock([&] { service.operationQueue().addOperationWithBlock([&] { ++inner; }); });
   }));
   service.startAtomicWorkflowWithOperation(recorder.step(2));
-  ASSERT_TRUE(inner.waitFor(1));
+  ASSERT_TRUE(pollUntil([&] { return inner > 0; }));
   service.operationQueue().waitUntilAllOperationsAreFinished();
   EXPECT_EQ(recorder.order(), std::vector<int>{1});
   std::thread([&] { service.endAtomicWorkflow(); }).join();  // ended from any thread
-  ASSERT_TRUE(recorder.ran.waitFor(2));
+  ASSERT_TRUE(recorder.waitRan(2));
   service.endAtomicWorkflow();
 }
 
@@ -77,33 +79,32 @@ TEST(OrvAtomicWorkflowServiceTest, UnmatchedEndsDoNothing) {
   service.endAtomicWorkflow();
   service.startAtomicWorkflowWithOperation(nullptr);  // activates nothing
   service.startAtomicWorkflowWithOperation(recorder.step(1));
-  ASSERT_TRUE(recorder.ran.waitFor(1));
+  ASSERT_TRUE(recorder.waitRan(1));
   service.endAtomicWorkflow();
   service.endAtomicWorkflow();  // must not let the next two run together
   service.startAtomicWorkflowWithOperation(recorder.step(2));
   service.startAtomicWorkflowWithOperation(recorder.step(3));
-  ASSERT_TRUE(recorder.ran.waitFor(2));
+  ASSERT_TRUE(recorder.waitRan(2));
   service.operationQueue().waitUntilAllOperationsAreFinished();
   EXPECT_EQ(recorder.order(), (std::vector<int>{1, 2}));
   service.endAtomicWorkflow();
-  ASSERT_TRUE(recorder.ran.waitFor(3));
+  ASSERT_TRUE(recorder.waitRan(3));
   service.endAtomicWorkflow();
 }
 
 TEST(OrvAtomicWorkflowServiceTest, DestroyedServiceEndsHeldWorkflowsCancelled) {
-  Signal completed, firstRan;
-  std::atomic<int> mains{0};
+  std::atomic<int> completed{0}, firstRan{0}, mains{0};
   {
     OrvAtomicWorkflowService service("test.destroy");
-    service.startAtomicWorkflowWithOperation(OrvBlockOperation::blockOperationWithBlock([&] { firstRan.notify(); }));
-    ASSERT_TRUE(firstRan.waitFor(1));
+    service.startAtomicWorkflowWithOperation(OrvBlockOperation::blockOperationWithBlock([&] { ++firstRan; }));
+    ASSERT_TRUE(pollUntil([&] { return firstRan > 0; }));
     for (int i = 0; i < 3; ++i) {
       auto held = OrvBlockOperation::blockOperationWithBlock([&] { ++mains; });
-      held->setCompletionBlock([&] { completed.notify(); });
+      held->setCompletionBlock([&] { ++completed; });
       service.startAtomicWorkflowWithOperation(held);
     }
   }
-  ASSERT_TRUE(completed.waitFor(3));
+  ASSERT_TRUE(pollUntil([&] { return completed >= 3; }));
   EXPECT_EQ(mains.load(), 0);
 }
 

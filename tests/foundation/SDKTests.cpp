@@ -4,11 +4,11 @@
 #include <regex>
 #include <tuple>
 
-#include "FoundationTestHelpers.h"
 #include "OrvHttpHeaderProviderServiceProtocol.h"
 #include "OrvOperationQueue.h"
 #include "OrvSDKStringUtils.h"
 #include "OrvUrlSessionTaskOperationObjC.h"
+#include "TestSupport.h"
 
 namespace {
 
@@ -54,23 +54,29 @@ class TaskOperation : public OrvUrlSessionTaskOperationObjC {
   void start() override {
     moveToExecutingState();
     setSessionTaskOperationHandle(task);
-    started.notify();
+    ++started;
   }
   void complete() { coreCompleteOperation(); }
   std::shared_ptr<FakeTask> task = std::make_shared<FakeTask>();
-  orv::test::Signal started;
+  std::atomic<int> started{0};
 };
 
 TEST(OrvUrlSessionTaskOperationObjCTest, CancellingARunningOperationCancelsItsTask) {
   OrvOperationQueue queue;
   auto operation = std::make_shared<TaskOperation>(nullptr);
   queue.addOperation(operation);
-  ASSERT_TRUE(operation->started.waitFor(1));
+  ASSERT_TRUE(orv::test::pollUntil([&] { return operation->started > 0; }));
   operation->cancel();
   EXPECT_EQ(operation->task->cancels.load(), 1);
   EXPECT_TRUE(operation->isExecuting());  // it ends when its task reports back
   operation->complete();
   queue.waitUntilAllOperationsAreFinished();
+  // Cancelling a finished operation leaves its task alone.
+  auto finished = std::make_shared<TaskOperation>(nullptr);
+  finished->start();
+  finished->complete();
+  finished->cancel();
+  EXPECT_EQ(finished->task->cancels.load(), 0);
 
   // A cancel that races ahead of storing the task still reaches the task.
   auto early = std::make_shared<TaskOperation>(nullptr);

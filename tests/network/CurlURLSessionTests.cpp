@@ -65,14 +65,13 @@ class OrvCurlURLSessionTest : public ::testing::Test {
 TEST_F(OrvCurlURLSessionTest, DeliversStatusBodyAndHeadersOfRealAnswers) {
   auto request = requestFor(base + kDomainPath);
   // Field names are case-insensitive: a later value replaces an earlier one, none removes it, and empty
-  // is a value, not an absence.
+  // is a value, not an absence. What the server received shows it.
   request.setValueForHTTPHeaderField("first", "X-Transaction-Id");
   request.setValueForHTTPHeaderField("abc", "x-transaction-ID");
   request.setValueForHTTPHeaderField("gone", "X-Removed");
   request.setValueForHTTPHeaderField(std::nullopt, "x-removed");
   request.setValueForHTTPHeaderField("", "X-Empty");
   EXPECT_EQ(request.allHTTPHeaderFields().size(), 2u);
-  EXPECT_EQ(request.valueForHTTPHeaderField("X-TRANSACTION-ID"), "abc");
   EXPECT_EQ(request.valueForHTTPHeaderField("X-Removed"), std::nullopt);
   const auto ok = fetch(*harness.session, request);
   ASSERT_EQ(ok->status(), 200);
@@ -89,8 +88,7 @@ TEST_F(OrvCurlURLSessionTest, DeliversStatusBodyAndHeadersOfRealAnswers) {
   // Other statuses are answers, not transport errors, with their bodies.
   const auto missing = fetch(*harness.session, requestFor(base + "/nothing/here"));
   EXPECT_EQ(missing->status(), 404);
-  EXPECT_FALSE(std::get<2>(missing->values));
-  EXPECT_FALSE(std::get<0>(missing->values).value_or("").empty());
+  EXPECT_FALSE(std::get<2>(missing->values) || std::get<0>(missing->values).value_or("").empty());
   EXPECT_FALSE(std::get<1>(missing->values)->valueForHTTPHeaderField("Varnel-Signature"));
   // Methods other than GET go out as given: the emulator serves GET only.
   auto deletion = requestFor(base + "/ads/root/publickey");

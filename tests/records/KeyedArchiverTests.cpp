@@ -54,18 +54,14 @@ std::string nestedArrays(std::size_t levels, const char* innermost = "") {
 }  // namespace
 
 TEST(OrvNumber, ConvertsLikeThePlatformWithoutUndefinedBehaviour) {
+  constexpr std::uint64_t max = std::numeric_limits<std::uint64_t>::max();
+  // Beyond 2^63 a double still converts directly; beyond 2^64 and below -2^63 it saturates.
+  // clang-format off
   const std::pair<OrvNumber, std::uint64_t> unsignedValues[] = {
-      {OrvNumber(1000.9), 1000u},
-      {OrvNumber(-1.0), std::numeric_limits<std::uint64_t>::max()},
-      {OrvNumber(std::int64_t{-2}), std::numeric_limits<std::uint64_t>::max() - 1},
-      {OrvNumber(-0.5), 0u},
-      // Beyond 2^63 a double still converts directly; beyond 2^64 and below -2^63 it saturates.
-      {OrvNumber(1e19), 10000000000000000000ull},
-      {OrvNumber(1e30), std::numeric_limits<std::uint64_t>::max()},
-      {OrvNumber(-1e30), std::uint64_t{1} << 63},
-      {OrvNumber(std::nan("")), 0u},
-      {OrvNumber(true), 1u},
-  };
+      {OrvNumber(1000.9), 1000u}, {OrvNumber(-1.0), max}, {OrvNumber(std::int64_t{-2}), max - 1}, {OrvNumber(-0.5), 0u},
+      {OrvNumber(1e19), 10000000000000000000ull}, {OrvNumber(1e30), max}, {OrvNumber(-1e30), std::uint64_t{1} << 63},
+      {OrvNumber(std::nan("")), 0u}, {OrvNumber(true), 1u}};
+  // clang-format on
   for (const auto& [number, expected] : unsignedValues)
     EXPECT_EQ(number.unsignedLongLongValue(), expected) << number.description();
   EXPECT_EQ(OrvNumber(-INFINITY).longLongValue(), std::numeric_limits<std::int64_t>::min());

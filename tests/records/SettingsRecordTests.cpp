@@ -69,7 +69,6 @@ TEST(OrvAppConfigSettingsRecord, NonObjectBodiesFailWithTheRecordError) {
     ASSERT_TRUE(error) << body;
     EXPECT_EQ(error->domain(), "com.varnel.orvappconfigservice.OrvAppConfigSettingsRecord");
     EXPECT_EQ(error->code(), 0);
-    EXPECT_EQ(error->localizedDescription(), "A non-dictionary JSON object was provided as the settings response.");
   }
   EXPECT_FALSE(OrvAppConfigSettingsRecord::createFromData("[]", nullptr));
   EXPECT_FALSE(OrvAppConfigSettingsRecord::initWithJSONDictionary(nullptr));
