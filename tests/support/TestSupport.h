@@ -106,11 +106,13 @@ template <typename... Args>
 struct Capture {
   std::atomic<int> calls{0};
   std::atomic<bool> onMainQueue{false};
+  std::thread::id thread;
   std::tuple<Args...> values;
   auto block() {
     return [this](Args... args) {
       values = std::tuple<Args...>(std::move(args)...);
       onMainQueue = OrvMainQueue::isCurrent();
+      thread = std::this_thread::get_id();
       ++calls;
     };
   }
