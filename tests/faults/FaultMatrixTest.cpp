@@ -122,6 +122,8 @@ std::vector<Row> rows() {
        Extra::refusedPort},
       {"TCP accepted, no TLS handshake", FaultSetup{TLSFault::noHandshake}, failed,
        urlError(CURLE_OPERATION_TIMEDOUT, "SSL connection timeout"), none},
+      // Nothing came on a connection that was new: not a case for a retry.
+      {"reset before answering", onQuery({.ending = FaultEnding::reset}), failed, reset, queried},
       {"reset in the headers", onQuery(raw("HTTP/1.1 200 OK\r\nContent-Le", FaultEnding::reset)), failed, reset, queried},
       {"reset in the body", onQuery(raw(stalledHead + "{\"domain\":", FaultEnding::reset)), failed, reset, queried},
       {"no answer at all", onQuery({.ending = FaultEnding::silence}), failed, silent, queried},
