@@ -43,9 +43,10 @@ const boost::json::value* jsonNumberForKey(const boost::json::object* object, st
 }
 
 std::optional<OrvURL> jsonUrlForKey(const boost::json::object* object, std::string_view key) {
-  const auto string = jsonStringForKey(object, key);
-  if (!string) return std::nullopt;
-  return OrvURL::URLWithString(*string);
+  // Parsed from the document's own text: the URL keeps the one copy it needs.
+  const auto* value = valueForKey(object, key);
+  if (!value || !value->is_string()) return std::nullopt;
+  return OrvURL::URLWithString(value->get_string());
 }
 
 bool jsonBoolForKey(const boost::json::object* object, std::string_view key) {
