@@ -26,7 +26,19 @@ class StrictHandler {
   static constexpr std::size_t max_key_size = json::string::max_size();
   static constexpr std::size_t max_string_size = json::string::max_size();
 
-  json::value_stack stack;
+  StrictHandler() {
+    // Room for what a typical answer needs, so that the scan state grows only for unusual ones.
+    objects_.reserve(16);
+    keySpans_.reserve(64);
+    keyText_.reserve(1024);
+  }
+
+ private:
+  // The value stack's own working stack starts here rather than on the heap.
+  unsigned char workingStack_[4096];
+
+ public:
+  json::value_stack stack{{}, workingStack_, sizeof workingStack_};
   std::string problem;
 
   bool on_document_begin(json::error_code&) { return true; }
@@ -162,7 +174,8 @@ std::optional<boost::json::value> OrvJSONSerialization::JSONObjectWithData(std::
     json::basic_parser<orv::detail::StrictHandler> parser(limits);
     // A long answer is thousands of small strings and objects that are read once and dropped together:
     // one arena instead of an allocation and a free for each.
-    parser.handler().stack.reset(json::make_shared_resource<json::monotonic_resource>());
+    // The first block is sized from the text, which a document's values rarely outgrow by much.
+    parser.handler().stack.reset(json::make_shared_resource<json::monotonic_resource>(2 * data.size() + 1024));
     json::error_code ec;
     const std::size_t consumed = parser.write_some(false, data.data(), data.size(), ec);
     if (!ec && consumed < data.size()) ec = json::error::extra_data;
