@@ -32,7 +32,6 @@ std::string settingsPath(const std::string& normalisedStore);
 
 struct HarnessOptions {
   std::optional<std::string> catalogJSON;
-  std::string algorithm = "RS256";
   // Runs on the freshly generated material before the emulator reads it.
   std::function<void(const class TemporaryDirectory&)> prepareMaterial;
 };

@@ -1,6 +1,5 @@
 #include "TestSupport.h"
 
-#include <algorithm>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -63,8 +62,7 @@ std::vector<OrvURLRequest> FakeURLSession::requests() const {
   return shared_->requests;
 }
 
-bool FixedFeatureFlags::valueForFeatureFlagWithServiceName(std::string_view serviceName, std::string_view featureFlagName) {
-  questions.emplace_back(serviceName, featureFlagName);
+bool FixedFeatureFlags::valueForFeatureFlagWithServiceName(std::string_view, std::string_view featureFlagName) {
   return featureFlagName.ends_with("UseEntireDomainForURLDiscovery") ? entireDomain_ : channels_;
 }
 
@@ -84,11 +82,6 @@ void LogCollector::logWithModule(std::string_view module, std::int64_t logLevel,
 std::vector<LogLine> LogCollector::lines() const {
   std::lock_guard lock(mutex_);
   return lines_;
-}
-
-bool LogCollector::contains(std::string_view message) const {
-  std::lock_guard lock(mutex_);
-  return std::any_of(lines_.begin(), lines_.end(), [&](const LogLine& line) { return line.message == message; });
 }
 
 bool pollUntil(const std::function<bool()>& predicate, std::chrono::milliseconds timeout) {

@@ -62,7 +62,6 @@ class FixedFeatureFlags : public OrvFeatureFlagProviderProtocol {
  public:
   FixedFeatureFlags(bool entireDomain, bool channels) : entireDomain_(entireDomain), channels_(channels) {}
   bool valueForFeatureFlagWithServiceName(std::string_view serviceName, std::string_view featureFlagName) override;
-  std::vector<std::pair<std::string, std::string>> questions;
 
  private:
   bool entireDomain_;
@@ -85,7 +84,6 @@ class LogCollector : public OrvSdkLoggerDelegate, public std::enable_shared_from
   void logWithModule(std::string_view module, std::int64_t logLevel, std::string_view fileName, std::string_view functionName,
                      std::int64_t lineNumber, std::string_view message) override;
   std::vector<LogLine> lines() const;
-  bool contains(std::string_view message) const;
 
  private:
   mutable std::mutex mutex_;
