@@ -73,9 +73,9 @@ TEST(OrvAppConfigURLGeneratorsTest, AutoDiscoverDomainsAndURLs) {
   const orv::test::DiscoveryHostsOverride hosts("prod.example.net", "stage.example.net:8443");
   using G = OrvAppConfigAutoDiscoverURLGenerator;
   EXPECT_EQ(G::corporateDomainFromPossibleEmailAddressUserInput("user@sub.Example.com"), "sub.Example.com");
+  // A URL's registrable domain (mode 0) and its whole host (mode 1) are what the workflow tests' fallback
+  // probe asks for; here the inputs that never get that far.
   const std::tuple<const char*, OrvAppConfigAutoDiscoverURLGeneratorMode, std::optional<std::string>> domains[] = {
-      {"https://store.eu.example.com/Store", 0, "example.com"},
-      {"https://store.eu.example.com/Store", 1, "store.eu.example.com"},
       {"store.example.com", 0, "example.com"},
       {"store.example.co.uk", 0, "co.uk"},
       {"intranet", 0, std::nullopt},
