@@ -109,17 +109,10 @@ TEST(OrvAppConfigSettingsRecord, ReadsWhatIsThereAndLeavesTheRestEmpty) {
   EXPECT_GT(record->notValidBefore(), OrvDate(seconds(4'000'000'000LL)));
 }
 
-TEST(OrvAppConfigSettingsRecord, ArchivingRebuildsTheDatesAndKeepsEveryClass) {
-  auto record = parse(fullAnswer);
-  record->setNotValidBefore(OrvDate(seconds(1)));  // not archived: rebuilt from iat
-  std::optional<OrvError> error = OrvError("stale", 9);
-  auto decoded = unarchive(archive(record), &error);
-  EXPECT_FALSE(error);
-  ASSERT_TRUE(decoded);
-  EXPECT_EQ(decoded->notValidBefore(), OrvDate(seconds(500)));
-  record->setIat(record->iat());
-  EXPECT_EQ(*decoded, *record);
-
+// A whole record's round trip is the fuzz harness's (parse, archive, decode, equal, same bytes) and the
+// fixtures' (dates rebuilt from iat and exp, never archived themselves); here the settings groups alone.
+TEST(OrvAppConfigSettingsRecord, ArchivedGroupsKeepTheirClass) {
+  std::optional<OrvError> error;
   // Groups of both platforms with the same content differ; asked for as a group, each comes back as itself.
   auto ios = OrvAppConfigSettingsIos::initWithAppSettings(std::nullopt, OrvNumber(2.5), true, "c", std::vector<std::string>{});
   auto macos =
@@ -159,7 +152,6 @@ TEST(OrvAppConfigSettingsRecord, RefusesWhatDoesNotRoundTrip) {
     const auto& [path, edit, code] = cases[i];
     EXPECT_EQ(refusal(edited(data, path, edit)), code) << "edit " << i;
   }
-  EXPECT_EQ(refusal(data.substr(0, data.size() / 2)), OrvKeyedArchiverErrorCorrupt);
 
   // A missing key is nil, not an error; the description under its JSON key instead of the property's is not found.
   EXPECT_FALSE(unarchive(edited(data, {}, [](auto& f) { f.erase("url"); }))->url());
