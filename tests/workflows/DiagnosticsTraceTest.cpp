@@ -40,7 +40,7 @@ const OrvAppConfigTraceStep* findStep(const OrvAppConfigRequestTrace& trace, std
 
 }  // namespace
 
-TEST(DiagnosticsTraceTest, NamesTheURLAndRuleThatFailedWithoutChangingTheOutcome) {
+TEST(DiagnosticsTraceTest, ArrivesOnTheMainQueueJustBeforeTheCompletionAndNamesTheProbe) {
   EmulatorHarness harness({kCatalog});
   auto collector = std::make_shared<TraceCollector>();
   harness.emulator().setFault("/ads/root/domain/example.com/", {.corruptSignature = true});
@@ -60,13 +60,9 @@ TEST(DiagnosticsTraceTest, NamesTheURLAndRuleThatFailedWithoutChangingTheOutcome
   ASSERT_EQ(collector->traces.size(), 1u);
   EXPECT_EQ(tracesBeforeCompletion, 1u) << "the trace arrives just before the completion block";
   EXPECT_TRUE(collector->onMainQueue);
-  const auto& forged = *collector->traces[0];
-  EXPECT_EQ(forged.status, 2u);
-  const auto* signature = findStep(forged, "signature", "/ads/root/domain/example.com/");
-  ASSERT_TRUE(signature);
-  EXPECT_FALSE(signature->passed);
-  // How the trace reads, as text and as JSON, is checked through the command-line tool's --explain and --json.
-  EXPECT_EQ(signature->rule, OrvSecurityUtilsResultSignatureMismatch);
+  EXPECT_EQ(collector->traces[0]->status, 2u);
+  // Which step failed, at which URL and by which rule, is read back through the command-line tool,
+  // which keeps the trace this delegate gets and prints it with --explain and --json.
 
   // The probe of the whole host shows as its own step, between the two queries.
   harness.emulator().clearFaults();
