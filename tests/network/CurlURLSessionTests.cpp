@@ -1,10 +1,9 @@
 // The libcurl session against the emulator. Body and header limits, time-outs, refused connections and
-// untrusted peers: tests/faults.
+// untrusted peers: tests/faults. Many requests at once: tests/workflows (80 settings queries at once on
+// the emulator, which speaks HTTP/1.1 only) and tests/staging (HTTP/2).
 #include <gtest/gtest.h>
 
 #include <curl/curl.h>
-
-#include <vector>
 
 #include "EmulatorHarness.h"
 #include "OrvOperationQueue.h"
@@ -133,6 +132,8 @@ TEST_F(OrvCurlURLSessionTest, DestroyingOrInvalidatingTheSessionCancelsWhatIsInF
   holdAnswers();
   OrvCurlURLSessionConfiguration configuration;
   configuration.caFile = harness.emulator().tlsCAFile();
+  // Every other session leaves the version to negotiation; forcing HTTP/1.1 changes nothing here.
+  configuration.httpVersion = OrvCurlHTTPVersion::http1_1;
   for (const bool invalidate : {false, true}) {
     auto session = OrvCurlURLSession::create(configuration);
     Outcome inFlight, notStarted;
@@ -167,23 +168,4 @@ TEST_F(OrvCurlURLSessionTest, RefusesWhatItMustNeverSend) {
   injected.setValueForHTTPHeaderField("x\r\nX-Evil: 1", "X-Note");
   EXPECT_EQ(fetch(*harness.session, injected)->errorCode(), CURLE_BAD_FUNCTION_ARGUMENT);
   EXPECT_TRUE(harness.emulator().requests().empty());
-}
-
-// With HTTP/1.1 every request needs a connection of its own.
-TEST_F(OrvCurlURLSessionTest, RunsManyRequestsAtOnceOverHTTP11) {
-  OrvCurlURLSessionConfiguration configuration;
-  configuration.caFile = harness.emulator().tlsCAFile();
-  configuration.httpVersion = OrvCurlHTTPVersion::http1_1;
-  auto session = OrvCurlURLSession::create(configuration);
-  std::vector<Outcome> outcomes(40);
-  std::vector<std::shared_ptr<OrvURLSessionDataTask>> tasks;
-  for (std::size_t i = 0; i < outcomes.size(); ++i)
-    tasks.push_back(task(*session, i % 2 ? kDomainPath : "/ads/root/domain/example.net/", outcomes[i]));
-  for (auto& started : tasks) started->resume();
-  for (std::size_t i = 0; i < outcomes.size(); ++i) {
-    ASSERT_TRUE(outcomes[i].done());
-    EXPECT_EQ(outcomes[i].status(), 200);
-    EXPECT_NE(std::get<0>(outcomes[i].values)->find(i % 2 ? "example.com" : "example.net"), std::string::npos);
-    EXPECT_EQ(outcomes[i].calls, 1);
-  }
 }
