@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <clocale>
+#include <cstring>
 #include <regex>
 #include <tuple>
 
@@ -38,6 +39,20 @@ TEST(OrvSDKStringUtilsTest, CaseInsensitiveEqualityFoldsWithoutALocale) {
     EXPECT_EQ(OrvIsCaseInsensitiveEqualToString(a, b), equal) << a.value_or("nil") << " / " << b.value_or("nil");
     EXPECT_EQ(OrvIsCaseInsensitiveEqualToString(b, a), equal) << b.value_or("nil") << " / " << a.value_or("nil");
   }
+}
+
+// RFC 4648's vectors in both alphabets, and what a strict base64url reader refuses.
+TEST(OrvSDKStringUtilsTest, Base64BothWaysAndOnlyCanonicalBase64URLIn) {
+  const std::pair<const char*, const char*> vectors[] = {{"", ""},         {"f", "Zg"},         {"fo", "Zm8"},        {"foo", "Zm9v"},
+                                                         {"foob", "Zm9vYg"}, {"fooba", "Zm9vYmE"}, {"foobar", "Zm9vYmFy"}};
+  for (const auto& [plain, url] : vectors) {
+    EXPECT_EQ(OrvBase64URLEncode(plain), url);
+    EXPECT_EQ(OrvBase64URLDecode(url), plain);
+    EXPECT_EQ(OrvBase64Encode(plain), std::string(url) + std::string((4 - std::strlen(url) % 4) % 4, '='));
+  }
+  EXPECT_EQ(OrvBase64URLEncode("\xFB\xFF"), "-_8");
+  EXPECT_EQ(OrvBase64Encode("\xFB\xFF"), "+/8=");
+  for (const char* refused : {"Zg==", "Zh", "Zm9vY", "+/8", "Zm 9v", "Z"}) EXPECT_EQ(OrvBase64URLDecode(refused), std::nullopt) << refused;
 }
 
 class FakeTask : public OrvURLSessionDataTask {

@@ -44,6 +44,7 @@ EmulatorHarness::EmulatorHarness(HarnessOptions options) {
   orv::emulator::EmulatorOptions emulatorOptions;
   emulatorOptions.materialDir = material_.path().string();
   emulatorOptions.catalogJSON = options.catalogJSON;
+  emulatorOptions.algorithm = options.algorithm;
   emulator_ = orv::emulator::DiscoveryEmulator::start(emulatorOptions, &error);
   if (!emulator_) {
     ADD_FAILURE() << "emulator: " << error;
