@@ -194,18 +194,32 @@ Investigated with `perf` (CPU samples, `perf stat`), `valgrind --tool=callgrind`
 do not move with the machine's load) and by changing one thing at a time, on the same kind of 2-vCPU
 Debian 12 machine. The shares move with the machine; the causes do not.
 
-- **Instructions are close; CPU time is not.** Counted by callgrind over 20 warm flows of 100 stores,
-  the library runs 1.10 times the floor's instructions (1.20 before the URL, JSON, base64 and UTF-8
-  work below). Its CPU time stays near 1.4 times the floor's: its work moves between threads. Per
-  flow it makes about 18 context switches and one CPU migration against the floor's 4 to 8 and
-  almost none, and it runs fewer instructions per cycle: an answer is received on the I/O thread,
-  parsed on a worker, verified on another and matched where the last verification ends. Keeping an
-  answer's parse and verification on the thread that has its bytes is the next step.
+- **Instructions are close; CPU time is not.** Counted by callgrind (whole process, flows 6 to 15
+  against 1 to 5), the library runs 1.13 times the floor's instructions for warm settings at 100
+  stores and 1.15 times at 1,000. Of the difference, about a third is allocation: 213 `malloc` calls
+  per store against the floor's 107 (curl's and OpenSSL's own, which both sides make), for the
+  records, the request and its headers, and the answer's parse. The rest is the parse and the records
+  themselves, the host's monitoring and transaction headers (curl matches each custom header against
+  its own list; nghttp2 checks each value) and the certificate checks the floor does not make. CPU
+  time stays 1.2 to 1.4 times the floor's because the work moves between threads: `perf stat` counts
+  about 50 context switches per warm 100-store flow against the floor's 25, with the same system
+  time and fewer instructions per cycle. An answer is received on the I/O thread, parsed on a worker,
+  verified on another and matched where the last verification ends. The main queue used to wake the
+  main thread while still holding its lock, so the woken thread blocked on it at once: two futex calls
+  and a context switch per delivery, now gone.
 - **Reading long answers.** The floor parses no answer. URLs of the usual shape
   (`scheme://host[:port][/path]`, nothing to unescape) are read directly, in about a hundred
   instructions instead of several thousand through Boost.URL, which still reads everything else; a
   store URL reaches normal form without being parsed again; each JSON document is parsed into one
-  arena. Warm auto-discovery of 1,000 stores went from 5.5 to about 1.8 times the floor over HTTP/2.
+  arena whose first block is sized from the text. A store URL in an answer is parsed from the
+  document's own text rather than from a copy. Warm auto-discovery of 1,000 stores went from 5.5 to
+  about 2 times the floor over HTTP/2 (7.2 million instructions per flow against the floor's 3.6); what
+  is left is the JSON tree and the 2,000 URL objects the record is defined to build for 1,000 entries.
+- **Slow first flows.** About one fresh flow in 400 takes 17 to 21 ms against a median of 4 to 5.
+  The I/O thread polls at least every 20 ms while transfers are in curl, as a guard against curl 7.88
+  leaving a transfer without a timer; polling every 5 or 10 ms changed neither the median nor the tail
+  (1,800 fresh flows each, none over 3 times the median), so these are not that guard firing. On this
+  2-vCPU machine the floor, with fewer threads, shows them less often.
 - **Less per request.** An easy handle is taken only when its transfer may go out, so a burst of
   1,000 stores cycles through the hundred in flight instead of making 900 new ones (and faulting in
   their buffers) per request; log lines nobody listens to are not formatted; transaction ids come
