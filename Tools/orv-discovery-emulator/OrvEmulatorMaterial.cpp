@@ -242,9 +242,11 @@ bool generateMaterial(const std::string& dir, std::string* error) {
 }
 
 std::optional<TLSFault> tlsFaultNamed(std::string_view name) {
-  static constexpr std::pair<std::string_view, TLSFault> names[] = {
-      {"other-name", TLSFault::otherName}, {"expired", TLSFault::expired},       {"untrusted", TLSFault::untrustedAuthority},
-      {"tls1.0", TLSFault::tls10Only},     {"no-handshake", TLSFault::noHandshake}};
+  static constexpr std::pair<std::string_view, TLSFault> names[] = {{"other-name", TLSFault::otherName},
+                                                                    {"expired", TLSFault::expired},
+                                                                    {"untrusted", TLSFault::untrustedAuthority},
+                                                                    {"tls1.0", TLSFault::tls10Only},
+                                                                    {"no-handshake", TLSFault::noHandshake}};
   for (const auto& [known, fault] : names) {
     if (name == known) return fault;
   }
@@ -303,8 +305,8 @@ bool addFaultArgument(std::map<std::string, FaultSpec>& faults, std::string_view
     return false;
   };
   // The knob starts after the first ":" that is followed by a knob name, so paths may hold colons.
-  static constexpr std::string_view knobs[] = {"status=", "delay=", "drop",  "nosig",  "badsig",  "body=",        "raw=",
-                                               "drip=",   "close",  "reset", "silence", "hangup-reused"};
+  static constexpr std::string_view knobs[] = {
+      "status=", "delay=", "drop", "nosig", "badsig", "body=", "raw=", "drip=", "close", "reset", "silence", "hangup-reused"};
   std::size_t split = std::string_view::npos;
   for (std::size_t at = argument.find(':'); at != std::string_view::npos; at = argument.find(':', at + 1)) {
     const auto rest = argument.substr(at + 1);
@@ -358,8 +360,8 @@ bool addFaultArgument(std::map<std::string, FaultSpec>& faults, std::string_view
   } else if (knob.starts_with("delay=") || knob.starts_with("drip=")) {
     const bool delay = knob.starts_with("delay=");
     if (!milliseconds(knob.substr(knob.find('=') + 1), delay ? fault.delay : fault.drip)) {
-      return fail(fmt::format("fault {} in \"{}\" is not a number of milliseconds up to one hour", delay ? "delay" : "drip",
-                              argument));
+      return fail(
+          fmt::format("fault {} in \"{}\" is not a number of milliseconds up to one hour", delay ? "delay" : "drip", argument));
     }
   } else if (knob == "drop") {
     fault.dropMidBody = true;

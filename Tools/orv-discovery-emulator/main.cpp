@@ -65,10 +65,9 @@ int main(int argc, char** argv) {
           ->type_name("PATH:KNOB")
           ->needs(material);
   std::string tlsFault;
-  auto* tlsFaultOption =
-      app.add_option("--tls-fault", tlsFault, "Meet every handshake in a way a client must refuse")
-          ->check(CLI::IsMember({"other-name", "expired", "untrusted", "tls1.0", "no-handshake"}))
-          ->needs(material);
+  auto* tlsFaultOption = app.add_option("--tls-fault", tlsFault, "Meet every handshake in a way a client must refuse")
+                             ->check(CLI::IsMember({"other-name", "expired", "untrusted", "tls1.0", "no-handshake"}))
+                             ->needs(material);
   auto* exportOption =
       app.add_option("--export", exportDir, "Write the catalog's signed answers and an nginx configuration serving them to OUT")
           ->type_name("OUT")

@@ -12,7 +12,7 @@ TEST(DiscoveryEmulatorFaults, KnobsFoldIntoOneSpecPerPathAndRefuseWhatTheyCannot
   orv::test::writeFile(files.file("bytes"), "HTTP/1.1 200 OK\r\n\r\n");
   std::map<std::string, emulator::FaultSpec> faults;
   for (const std::string& knob : std::vector<std::string>{"status=503", "delay=5", "drip=7", "drop", "nosig", "badsig", "body=a",
-                                                         "raw=@" + files.file("bytes"), "reset", "hangup-reused"}) {
+                                                          "raw=@" + files.file("bytes"), "reset", "hangup-reused"}) {
     ASSERT_TRUE(emulator::addFaultArgument(faults, "/a:b:" + knob)) << knob;
   }
   ASSERT_TRUE(emulator::addFaultArgument(faults, "/c:silence"));
@@ -26,8 +26,8 @@ TEST(DiscoveryEmulatorFaults, KnobsFoldIntoOneSpecPerPathAndRefuseWhatTheyCannot
   EXPECT_EQ(a.ending, emulator::FaultEnding::reset);
   EXPECT_EQ(faults.at("/c").ending, emulator::FaultEnding::silence);
 
-  for (const char* bad : {"/a:status=199", "/a:delay=3600001", "/a:drip=x", "/a:raw=@/nonexistent/file", "/a:bogus", "a:reset",
-                          ":reset"}) {
+  for (const char* bad :
+       {"/a:status=199", "/a:delay=3600001", "/a:drip=x", "/a:raw=@/nonexistent/file", "/a:bogus", "a:reset", ":reset"}) {
     std::string error;
     EXPECT_FALSE(emulator::addFaultArgument(faults, bad, &error)) << bad;
     EXPECT_FALSE(error.empty()) << bad;

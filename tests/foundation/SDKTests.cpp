@@ -43,8 +43,8 @@ TEST(OrvSDKStringUtilsTest, CaseInsensitiveEqualityFoldsWithoutALocale) {
 
 // RFC 4648's vectors in both alphabets, and what a strict base64url reader refuses.
 TEST(OrvSDKStringUtilsTest, Base64BothWaysAndOnlyCanonicalBase64URLIn) {
-  const std::pair<const char*, const char*> vectors[] = {{"", ""},         {"f", "Zg"},         {"fo", "Zm8"},        {"foo", "Zm9v"},
-                                                         {"foob", "Zm9vYg"}, {"fooba", "Zm9vYmE"}, {"foobar", "Zm9vYmFy"}};
+  const std::pair<const char*, const char*> vectors[] = {
+      {"", ""}, {"f", "Zg"}, {"fo", "Zm8"}, {"foo", "Zm9v"}, {"foob", "Zm9vYg"}, {"fooba", "Zm9vYmE"}, {"foobar", "Zm9vYmFy"}};
   for (const auto& [plain, url] : vectors) {
     EXPECT_EQ(OrvBase64URLEncode(plain), url);
     EXPECT_EQ(OrvBase64URLDecode(url), plain);
@@ -52,7 +52,8 @@ TEST(OrvSDKStringUtilsTest, Base64BothWaysAndOnlyCanonicalBase64URLIn) {
   }
   EXPECT_EQ(OrvBase64URLEncode("\xFB\xFF"), "-_8");
   EXPECT_EQ(OrvBase64Encode("\xFB\xFF"), "+/8=");
-  for (const char* refused : {"Zg==", "Zh", "Zm9vY", "+/8", "Zm 9v", "Z"}) EXPECT_EQ(OrvBase64URLDecode(refused), std::nullopt) << refused;
+  for (const char* refused : {"Zg==", "Zh", "Zm9vY", "+/8", "Zm 9v", "Z"})
+    EXPECT_EQ(OrvBase64URLDecode(refused), std::nullopt) << refused;
 }
 
 class FakeTask : public OrvURLSessionDataTask {
