@@ -1,5 +1,6 @@
 #include "OrvJSONSerialization.h"
 
+#include <algorithm>
 #include <boost/json/basic_parser_impl.hpp>
 #include <boost/json/error.hpp>
 #include <boost/json/monotonic_resource.hpp>
@@ -173,9 +174,12 @@ std::optional<boost::json::value> OrvJSONSerialization::JSONObjectWithData(std::
     limits.max_depth = OrvJSONSerializationMaximumDepth;
     json::basic_parser<orv::detail::StrictHandler> parser(limits);
     // A long answer is thousands of small strings and objects that are read once and dropped together:
-    // one arena instead of an allocation and a free for each.
-    // The first block is sized from the text, which a document's values rarely outgrow by much.
-    parser.handler().stack.reset(json::make_shared_resource<json::monotonic_resource>(2 * data.size() + 1024));
+    // one arena instead of an allocation and a free for each. Its first block fits a typical answer
+    // whole; a large document grows it as it goes, so that text which builds little (padding, say)
+    // does not reserve twice its size up front.
+    constexpr std::size_t kLargestFirstBlock = 64 * 1024;
+    parser.handler().stack.reset(
+        json::make_shared_resource<json::monotonic_resource>(std::min(2 * data.size() + 1024, kLargestFirstBlock)));
     json::error_code ec;
     const std::size_t consumed = parser.write_some(false, data.data(), data.size(), ec);
     if (!ec && consumed < data.size()) ec = json::error::extra_data;

@@ -216,9 +216,10 @@ class EmulatorServer {
       responder_->record(recorded);
 
       HttpAnswer answer = responder_->answer(recorded.method, recorded.target, std::chrono::system_clock::now());
-      if (answer.hangUpIfReused && served > 0) break;
-      if (answer.delay.count() > 0) {
-        asio::steady_timer timer(io_, answer.delay);
+      FaultSpec& fault = answer.fault;
+      if (fault.hangUpIfReused && served > 0) break;
+      if (fault.delay.count() > 0) {
+        asio::steady_timer timer(io_, fault.delay);
         co_await timer.async_wait(asio::redirect_error(asio::use_awaitable, ec));
       }
 
@@ -231,28 +232,28 @@ class EmulatorServer {
       response.prepare_payload();
 
       stream.next_layer().expires_after(idleTimeout_);
-      if (answer.drip.count() > 0 && !answer.raw) {
+      if (fault.drip.count() > 0 && !fault.raw) {
         std::ostringstream wire;
         wire << response;
-        answer.raw = wire.str();
+        fault.raw = wire.str();
       }
-      if (answer.raw && !co_await writeRaw(stream, std::move(*answer.raw), answer.drip)) {
+      if (fault.raw && !co_await writeRaw(stream, *fault.raw, fault.drip)) {
         closeCleanly = false;
         break;
       }
-      if (answer.ending == FaultEnding::close) break;
-      if (answer.ending == FaultEnding::silence) {
+      if (fault.ending == FaultEnding::close) break;
+      if (fault.ending == FaultEnding::silence) {
         co_await drain(stream);
         co_return;
       }
-      if (answer.ending == FaultEnding::reset) {
+      if (fault.ending == FaultEnding::reset) {
         auto& socket = beast::get_lowest_layer(stream).socket();
         socket.set_option(asio::socket_base::linger(true, 0), ec);
         socket.close(ec);
         co_return;
       }
-      if (answer.raw) continue;
-      if (answer.dropMidBody) {
+      if (fault.raw) continue;
+      if (fault.dropMidBody) {
         // Announce the whole body, send the head and half of it, then cut the connection without
         // a TLS close so that the client sees a truncated answer.
         std::ostringstream wire;

@@ -302,12 +302,7 @@ HttpAnswer Responder::answer(std::string_view method, std::string_view target, O
     }
     if (fault->status) answer.status = *fault->status;
     if (fault->omitSignature) signedAnswer = false;
-    answer.delay = fault->delay;
-    answer.dropMidBody = fault->dropMidBody;
-    answer.raw = fault->raw;
-    answer.drip = fault->drip;
-    answer.ending = fault->ending;
-    answer.hangUpIfReused = fault->hangUpIfReused;
+    answer.fault = *fault;
   }
   answer.headers.emplace_back("Content-Type", "application/json");
   if (signedAnswer) {

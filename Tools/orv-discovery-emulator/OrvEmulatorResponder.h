@@ -40,12 +40,8 @@ struct HttpAnswer {
   unsigned status = 200;
   std::string body;
   std::vector<std::pair<std::string, std::string>> headers;
-  std::chrono::milliseconds delay{0};
-  bool dropMidBody = false;
-  std::optional<std::string> raw;
-  std::chrono::milliseconds drip{0};
-  FaultEnding ending = FaultEnding::keepOpen;
-  bool hangUpIfReused = false;
+  // The path's fault as set; the server acts on what concerns the wire (delay, raw bytes, endings).
+  FaultSpec fault;
 };
 
 struct Catalog;
