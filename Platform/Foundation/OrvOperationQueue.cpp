@@ -233,44 +233,56 @@ void failNextWorkerPoolDispatchesForTesting(int count) { WorkerPool::shared().in
 std::vector<std::shared_ptr<OrvOperation>> OperationQueueState::add(
     const std::vector<std::shared_ptr<OrvOperation>>& operations) {
   std::vector<std::shared_ptr<OrvOperation>> accepted;
-  std::lock_guard lock(mutex_);
-  for (const auto& operation : operations) {
-    if (!operation) continue;
-    {
-      std::lock_guard operationLock(operation->mutex_);
-      if (operation->enqueued_ || operation->isFinished()) continue;
-      operation->enqueued_ = true;
-      operation->queue_ = weak_from_this();
+  Starts starts;
+  {
+    std::lock_guard lock(mutex_);
+    for (const auto& operation : operations) {
+      if (!operation) continue;
+      {
+        std::lock_guard operationLock(operation->mutex_);
+        if (operation->enqueued_ || operation->isFinished()) continue;
+        operation->enqueued_ = true;
+        operation->queue_ = weak_from_this();
+      }
+      waiting_.push_back(operation);
+      accepted.push_back(operation);
     }
-    waiting_.push_back(operation);
-    accepted.push_back(operation);
+    if (!accepted.empty() && !keepAlive_) keepAlive_ = shared_from_this();
+    starts = takeWhatMayStart();
   }
-  if (!accepted.empty() && !keepAlive_) keepAlive_ = shared_from_this();
-  startWhatMayStart();
+  post(starts);
   return accepted;
 }
 
-void OperationQueueState::startWhatMayStart() {
-  // Asynchronous operations return from start() at once, so many of them can share a worker's turn:
-  // a burst of requests then costs a few wake-ups rather than one each. Any other operation gets a
-  // worker of its own, as it may take its time.
-  std::vector<std::function<void()>> quickStarts;
-  const auto startQuickOnes = [&quickStarts] {
-    if (!quickStarts.empty()) dispatchBatchToWorkerPool(quickStarts);
-  };
+OperationQueueState::Starts OperationQueueState::takeWhatMayStart() {
+  Starts starts;
   while (!waiting_.empty() && (maxConcurrent_ < 0 || started_.size() < static_cast<std::size_t>(maxConcurrent_))) {
     auto operation = std::move(waiting_.front());
     waiting_.pop_front();
     started_.emplace(operation.get(), operation);
-    // Posting under the lock keeps the start order equal to the order of adding.
-    if (operation->isAsynchronous()) {
-      quickStarts.emplace_back([operation = std::move(operation)] { operation->start(); });
-    } else {
-      startQuickOnes();
-      dispatchToWorkerPool([operation = std::move(operation)] { operation->start(); });
-    }
+    const bool quick = operation->isAsynchronous();
+    starts.emplace_back(quick, [operation = std::move(operation)] { operation->start(); });
   }
-  startQuickOnes();
+  return starts;
+}
+
+// Posted once the lock is let go: the first thing a started operation often does is add the next one
+// to this queue, and a worker that wakes only to wait for the lock costs a switch each way. Two adders
+// racing each other get no order between them anyway; one adder's operations start in the order added.
+void OperationQueueState::post(Starts& starts) {
+  // Asynchronous operations return from start() at once, so many of them can share a worker's turn:
+  // a burst of requests then costs a few wake-ups rather than one each. Any other operation gets a
+  // worker of its own, as it may take its time.
+  std::vector<std::function<void()>> quickStarts;
+  for (auto& [quick, start] : starts) {
+    if (quick) {
+      quickStarts.push_back(std::move(start));
+      continue;
+    }
+    if (!quickStarts.empty()) dispatchBatchToWorkerPool(quickStarts);
+    dispatchToWorkerPool(std::move(start));
+  }
+  if (!quickStarts.empty()) dispatchBatchToWorkerPool(quickStarts);
 }
 
 void OperationQueueState::operationFinished(OrvOperation* operation) {
@@ -278,6 +290,7 @@ void OperationQueueState::operationFinished(OrvOperation* operation) {
   // destroy the operation and this state.
   std::shared_ptr<OrvOperation> released;
   std::shared_ptr<OperationQueueState> keepAlive;
+  Starts starts;
   {
     std::lock_guard lock(mutex_);
     if (const auto it = started_.find(operation); it != started_.end()) {
@@ -291,10 +304,11 @@ void OperationQueueState::operationFinished(OrvOperation* operation) {
       released = std::move(*it2);
       waiting_.erase(it2);
     }
-    startWhatMayStart();
+    starts = takeWhatMayStart();
     if (waiting_.empty() && started_.empty()) keepAlive = std::move(keepAlive_);
     finished_.notify_all();
   }
+  post(starts);
 }
 
 std::vector<std::shared_ptr<OrvOperation>> OperationQueueState::snapshot(bool includeStarted) const {
@@ -333,9 +347,13 @@ std::size_t OperationQueueState::count() const {
 }
 
 void OperationQueueState::setMaxConcurrent(long count) {
-  std::lock_guard lock(mutex_);
-  maxConcurrent_ = count < 0 ? -1 : count;
-  startWhatMayStart();
+  Starts starts;
+  {
+    std::lock_guard lock(mutex_);
+    maxConcurrent_ = count < 0 ? -1 : count;
+    starts = takeWhatMayStart();
+  }
+  post(starts);
 }
 
 long OperationQueueState::maxConcurrent() const {

@@ -4,9 +4,11 @@
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "OrvOperation.h"
@@ -29,7 +31,10 @@ class OperationQueueState : public std::enable_shared_from_this<OperationQueueSt
   long maxConcurrent() const;
 
  private:
-  void startWhatMayStart();  // with mutex_ held
+  // Operations to start now and whether each is asynchronous; taken with mutex_ held, posted without.
+  using Starts = std::vector<std::pair<bool, std::function<void()>>>;
+  Starts takeWhatMayStart();
+  static void post(Starts& starts);
   std::vector<std::shared_ptr<OrvOperation>> snapshot(bool includeStarted) const;
 
   mutable std::mutex mutex_;
