@@ -12,84 +12,51 @@ using orv::test::pollUntil;
 
 namespace {
 
-class Recorder {
- public:
-  std::shared_ptr<OrvOperation> step(int id, std::function<void()> then = {}) {
-    return OrvBlockOperation::blockOperationWithBlock([this, id, then = std::move(then)] {
-      {
-        std::lock_guard lock(mutex_);
-        order_.push_back(id);
-      }
-      if (then) then();
-      ++ran;
-    });
-  }
-  std::vector<int> order() {
-    std::lock_guard lock(mutex_);
-    return order_;
-  }
-  bool waitRan(int count) {
-    return pollUntil([&] { return ran >= count; });
-  }
-  std::atomic<int> ran{0};
-
- private:
-  std::mutex mutex_;
-  std::vector<int> order_;
-};
-
+// Workflows run one at a time in the order started; what the active one adds to the queue runs meanwhile,
+// without waiting for the next workflow; an end without an active workflow (before any, or one too many)
+// does nothing, and a nil operation starts none.
 TEST(OrvAtomicWorkflowServiceTest, OneWorkflowAtATimeInOrder) {
   OrvAtomicWorkflowService service("test.workflows");
-  EXPECT_EQ(service.operationQueue().name(), "test.workflows");
-  Recorder recorder;
-  std::atomic<int> ended{0};
+  std::mutex mutex;
+  std::vector<int> order;
+  std::atomic<int> ran{0}, ended{0}, inner{0};
   std::atomic<bool> overlapped{false};
+  const auto start = [&](int id) {
+    service.startAtomicWorkflowWithOperation(OrvBlockOperation::blockOperationWithBlock([&, id] {
+      overlapped = overlapped || ended != id;
+      if (id == 0) {
+        service.operationQueue().addOperationWithBlock([&] { service.operationQueue().addOperationWithBlock([&] { ++inner; }); });
+      }
+      std::lock_guard lock(mutex);
+      order.push_back(id);
+      ++ran;
+    }));
+  };
+  // Waits for the workflow to run, then checks that nothing after it did.
+  const auto ranExactly = [&](int count) {
+    EXPECT_TRUE(pollUntil([&] { return ran >= count; }));
+    service.operationQueue().waitUntilAllOperationsAreFinished();
+    EXPECT_EQ(ran.load(), count);
+  };
+  service.endAtomicWorkflow();
+  service.startAtomicWorkflowWithOperation(nullptr);
+  for (int id = 0; id < 5; ++id) start(id);
   for (int id = 0; id < 5; ++id) {
-    service.startAtomicWorkflowWithOperation(recorder.step(id, [&, id] { overlapped = overlapped || ended != id; }));
-  }
-  for (int id = 0; id < 5; ++id) {
-    ASSERT_TRUE(recorder.waitRan(id + 1));
-    EXPECT_EQ(recorder.ran.load(), id + 1);  // the next one is held until this one ends
+    ranExactly(id + 1);
     ++ended;
-    service.endAtomicWorkflow();
+    EXPECT_EQ(inner.load(), 1);
+    std::thread([&] { service.endAtomicWorkflow(); }).join();  // ended from any thread
   }
-  EXPECT_EQ(recorder.order(), (std::vector<int>{0, 1, 2, 3, 4}));
+  service.endAtomicWorkflow();  // one too many: must not let the next two run together
+  start(5);
+  start(6);
+  ranExactly(6);
+  ++ended;
+  service.endAtomicWorkflow();
+  ranExactly(7);
+  service.endAtomicWorkflow();
+  EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4, 5, 6}));
   EXPECT_FALSE(overlapped);
-}
-
-TEST(OrvAtomicWorkflowServiceTest, ActiveWorkflowOperationsNeverWaitForTheNextWorkflow) {
-  OrvAtomicWorkflowService service("test.inner");
-  Recorder recorder;
-  std::atomic<int> inner{0};
-  service.startAtomicWorkflowWithOperation(recorder.step(1, [&] {
-    service.operationQueue().addOperationWithBlock([&] { service.operationQueue().addOperationWithBlock([&] { ++inner; }); });
-  }));
-  service.startAtomicWorkflowWithOperation(recorder.step(2));
-  ASSERT_TRUE(pollUntil([&] { return inner > 0; }));
-  service.operationQueue().waitUntilAllOperationsAreFinished();
-  EXPECT_EQ(recorder.order(), std::vector<int>{1});
-  std::thread([&] { service.endAtomicWorkflow(); }).join();  // ended from any thread
-  ASSERT_TRUE(recorder.waitRan(2));
-  service.endAtomicWorkflow();
-}
-
-TEST(OrvAtomicWorkflowServiceTest, UnmatchedEndsDoNothing) {
-  OrvAtomicWorkflowService service("test.unmatched");
-  Recorder recorder;
-  service.endAtomicWorkflow();
-  service.startAtomicWorkflowWithOperation(nullptr);  // activates nothing
-  service.startAtomicWorkflowWithOperation(recorder.step(1));
-  ASSERT_TRUE(recorder.waitRan(1));
-  service.endAtomicWorkflow();
-  service.endAtomicWorkflow();  // must not let the next two run together
-  service.startAtomicWorkflowWithOperation(recorder.step(2));
-  service.startAtomicWorkflowWithOperation(recorder.step(3));
-  ASSERT_TRUE(recorder.waitRan(2));
-  service.operationQueue().waitUntilAllOperationsAreFinished();
-  EXPECT_EQ(recorder.order(), (std::vector<int>{1, 2}));
-  service.endAtomicWorkflow();
-  ASSERT_TRUE(recorder.waitRan(3));
-  service.endAtomicWorkflow();
 }
 
 TEST(OrvAtomicWorkflowServiceTest, DestroyedServiceEndsHeldWorkflowsCancelled) {
