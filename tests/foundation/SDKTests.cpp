@@ -6,10 +6,8 @@
 #include <tuple>
 
 #include "OrvHttpHeaderProviderServiceProtocol.h"
-#include "OrvOperationQueue.h"
 #include "OrvSDKStringUtils.h"
 #include "OrvUrlSessionTaskOperationObjC.h"
-#include "TestSupport.h"
 
 namespace {
 
@@ -66,36 +64,28 @@ class FakeTask : public OrvURLSessionDataTask {
 
 class TaskOperation : public OrvUrlSessionTaskOperationObjC {
  public:
-  using OrvUrlSessionTaskOperationObjC::OrvUrlSessionTaskOperationObjC;
+  TaskOperation() : OrvUrlSessionTaskOperationObjC(nullptr) {}
   void start() override {
     moveToExecutingState();
     setSessionTaskOperationHandle(task);
-    ++started;
   }
   void complete() { coreCompleteOperation(); }
   std::shared_ptr<FakeTask> task = std::make_shared<FakeTask>();
-  std::atomic<int> started{0};
 };
 
 TEST(OrvUrlSessionTaskOperationObjCTest, CancellingARunningOperationCancelsItsTask) {
-  OrvOperationQueue queue;
-  auto operation = std::make_shared<TaskOperation>(nullptr);
-  queue.addOperation(operation);
-  ASSERT_TRUE(orv::test::pollUntil([&] { return operation->started > 0; }));
-  operation->cancel();
-  EXPECT_EQ(operation->task->cancels.load(), 1);
-  EXPECT_TRUE(operation->isExecuting());  // it ends when its task reports back
-  operation->complete();
-  queue.waitUntilAllOperationsAreFinished();
+  const auto running = std::make_shared<TaskOperation>(), finished = std::make_shared<TaskOperation>(),
+             early = std::make_shared<TaskOperation>();
+  running->start();
+  running->cancel();
+  EXPECT_EQ(running->task->cancels.load(), 1);
+  EXPECT_TRUE(running->isExecuting());  // it ends when its task reports back
   // Cancelling a finished operation leaves its task alone.
-  auto finished = std::make_shared<TaskOperation>(nullptr);
   finished->start();
   finished->complete();
   finished->cancel();
   EXPECT_EQ(finished->task->cancels.load(), 0);
-
   // A cancel that races ahead of storing the task still reaches the task.
-  auto early = std::make_shared<TaskOperation>(nullptr);
   early->moveToExecutingState();
   early->cancel();
   early->setSessionTaskOperationHandle(early->task);
