@@ -130,12 +130,10 @@ TEST_F(OrvCurlURLSessionTest, CancelCompletesOnceWithTheCancelError) {
 
 TEST_F(OrvCurlURLSessionTest, DestroyingOrInvalidatingTheSessionCancelsWhatIsInFlight) {
   holdAnswers();
-  OrvCurlURLSessionConfiguration configuration;
-  configuration.caFile = harness.emulator().tlsCAFile();
-  // Every other session leaves the version to negotiation; forcing HTTP/1.1 changes nothing here.
-  configuration.httpVersion = OrvCurlHTTPVersion::http1_1;
   for (const bool invalidate : {false, true}) {
-    auto session = OrvCurlURLSession::create(configuration);
+    // Every other session leaves the version to negotiation; forcing HTTP/1.1 changes nothing here.
+    auto session =
+        OrvCurlURLSession::create({.caFile = harness.emulator().tlsCAFile(), .httpVersion = OrvCurlHTTPVersion::http1_1});
     Outcome inFlight, notStarted;
     auto running = task(*session, kDomainPath, inFlight);
     running->resume();

@@ -41,19 +41,14 @@ EmulatorHarness::EmulatorHarness(HarnessOptions options) {
   std::string error;
   if (!orv::emulator::generateMaterial(material_.path().string(), &error)) ADD_FAILURE() << error;
   if (options.prepareMaterial) options.prepareMaterial(material_);
-  orv::emulator::EmulatorOptions emulatorOptions;
-  emulatorOptions.materialDir = material_.path().string();
-  emulatorOptions.catalogJSON = options.catalogJSON;
-  emulatorOptions.algorithm = options.algorithm;
-  emulator_ = orv::emulator::DiscoveryEmulator::start(emulatorOptions, &error);
+  emulator_ = orv::emulator::DiscoveryEmulator::start(
+      {.materialDir = material_.path().string(), .catalogJSON = options.catalogJSON, .algorithm = options.algorithm}, &error);
   if (!emulator_) {
     ADD_FAILURE() << "emulator: " << error;
     return;
   }
   hosts_.emplace(emulator_->hostAndPort());
-  OrvCurlURLSessionConfiguration configuration;
-  configuration.caFile = emulator_->tlsCAFile();
-  session = OrvCurlURLSession::create(configuration);
+  session = OrvCurlURLSession::create({.caFile = emulator_->tlsCAFile()});
   security = OrvSecurityUtilsService::create();
   rebuildService(session, security);
 }

@@ -48,28 +48,9 @@ class FakeDataTask : public OrvURLSessionDataTask {
 
 }  // namespace
 
-FakeURLSession::FakeURLSession(Responder responder) : shared_(std::make_shared<Shared>()) {
-  shared_->responder = std::move(responder);
-}
-
 std::shared_ptr<OrvURLSessionDataTask> FakeURLSession::dataTaskWithRequest(
     const OrvURLRequest& request, OrvURLSessionDataTaskCompletionHandler completionHandler) {
   return std::make_shared<FakeDataTask>(shared_, request, std::move(completionHandler));
-}
-
-std::vector<OrvURLRequest> FakeURLSession::requests() const {
-  std::lock_guard lock(shared_->mutex);
-  return shared_->requests;
-}
-
-bool FixedFeatureFlags::valueForFeatureFlagWithServiceName(std::string_view, std::string_view featureFlagName) {
-  return featureFlagName.ends_with("UseEntireDomainForURLDiscovery") ? entireDomain_ : channels_;
-}
-
-std::shared_ptr<LogCollector> LogCollector::install() {
-  auto collector = std::make_shared<LogCollector>();
-  OrvAppConfigService::setLoggerDelegate(collector);
-  return collector;
 }
 
 void LogCollector::logWithModule(std::string_view module, std::int64_t logLevel, std::string_view fileName,
@@ -77,11 +58,6 @@ void LogCollector::logWithModule(std::string_view module, std::int64_t logLevel,
   std::lock_guard lock(mutex_);
   lines_.push_back(
       {std::string(module), logLevel, std::string(fileName), std::string(functionName), lineNumber, std::string(message)});
-}
-
-std::vector<LogLine> LogCollector::lines() const {
-  std::lock_guard lock(mutex_);
-  return lines_;
 }
 
 bool pollUntil(const std::function<bool()>& predicate, std::chrono::milliseconds timeout) {

@@ -34,11 +34,16 @@ struct FakeResponse {
 class FakeURLSession : public OrvURLSession {
  public:
   using Responder = std::function<FakeResponse(const OrvURLRequest&)>;
-  explicit FakeURLSession(Responder responder);
+  explicit FakeURLSession(Responder responder) : shared_(std::make_shared<Shared>()) {
+    shared_->responder = std::move(responder);
+  }
 
   std::shared_ptr<OrvURLSessionDataTask> dataTaskWithRequest(const OrvURLRequest& request,
                                                              OrvURLSessionDataTaskCompletionHandler completionHandler) override;
-  std::vector<OrvURLRequest> requests() const;
+  std::vector<OrvURLRequest> requests() const {
+    std::lock_guard lock(shared_->mutex);
+    return shared_->requests;
+  }
 
   struct Shared {
     Responder responder;
@@ -61,7 +66,9 @@ class StaticHeaderProvider : public OrvHttpHeaderProviderServiceProtocol {
 class FixedFeatureFlags : public OrvFeatureFlagProviderProtocol {
  public:
   FixedFeatureFlags(bool entireDomain, bool channels) : entireDomain_(entireDomain), channels_(channels) {}
-  bool valueForFeatureFlagWithServiceName(std::string_view serviceName, std::string_view featureFlagName) override;
+  bool valueForFeatureFlagWithServiceName(std::string_view, std::string_view featureFlagName) override {
+    return featureFlagName.ends_with("UseEntireDomainForURLDiscovery") ? entireDomain_ : channels_;
+  }
 
  private:
   bool entireDomain_;
@@ -80,10 +87,17 @@ struct LogLine {
 // Collects log lines; install() makes it the library's delegate for the life of the object.
 class LogCollector : public OrvSdkLoggerDelegate, public std::enable_shared_from_this<LogCollector> {
  public:
-  static std::shared_ptr<LogCollector> install();
+  static std::shared_ptr<LogCollector> install() {
+    auto collector = std::make_shared<LogCollector>();
+    OrvAppConfigService::setLoggerDelegate(collector);
+    return collector;
+  }
   void logWithModule(std::string_view module, std::int64_t logLevel, std::string_view fileName, std::string_view functionName,
                      std::int64_t lineNumber, std::string_view message) override;
-  std::vector<LogLine> lines() const;
+  std::vector<LogLine> lines() const {
+    std::lock_guard lock(mutex_);
+    return lines_;
+  }
 
  private:
   mutable std::mutex mutex_;
