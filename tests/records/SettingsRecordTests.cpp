@@ -30,10 +30,12 @@ constexpr const char* fullAnswer = R"({"kaleth": {"appSettings": {
 
 // Archives written by version 1 of the archiver, checked in byte for byte: they must keep decoding to
 // the same values, and archiving what they decode to must give the same bytes again.
+OrvData fixture(const std::string& name) { return orv::test::readFile(std::string(ORV_RECORD_ARCHIVES_DIR) + "/" + name); }
+
 // Decodes the fixture as a T (or as Decoded when that is not a T's shared pointer).
 template <class T, class Decoded = std::shared_ptr<T>>
 OrvDecoded<Decoded> load(const std::string& name) {
-  const OrvData data = orv::test::readFile(std::string(ORV_RECORD_ARCHIVES_DIR) + "/" + name);
+  const OrvData data = fixture(name);
   std::optional<OrvError> error;
   auto object = OrvKeyedUnarchiver::unarchivedObjectOfType<Decoded>(data, &error);
   EXPECT_FALSE(error) << name << ": " << error->description();
@@ -139,24 +141,7 @@ TEST(OrvAppConfigSettingsRecord, ReadsWhatIsThereAndLeavesTheRestEmpty) {
 }
 
 // A whole record's round trip is the fuzz harness's (parse, archive, decode, equal, same bytes) and the
-// fixtures' (dates rebuilt from iat and exp, never archived themselves); here the settings groups alone.
-TEST(OrvAppConfigSettingsRecord, ArchivedGroupsKeepTheirClass) {
-  std::optional<OrvError> error;
-  // Groups of both platforms with the same content differ; asked for as a group, each comes back as itself.
-  auto ios = OrvAppConfigSettingsIos::initWithAppSettings(std::nullopt, OrvNumber(2.5), true, "c", std::vector<std::string>{});
-  auto macos =
-      OrvAppConfigSettingsMacOS::initWithAppSettings(std::nullopt, OrvNumber(2.5), true, "c", std::vector<std::string>{});
-  EXPECT_FALSE(*ios == *macos);
-  auto group = OrvKeyedUnarchiver::unarchivedObjectOfClass<OrvAppConfigCommonSettings>(archive(ios), &error);
-  ASSERT_TRUE(group) << error->description();
-  EXPECT_EQ(group->className(), "OrvAppConfigSettingsIos");
-  EXPECT_EQ(*group, *ios);
-  // A superclass's archive is not one of its subclass.
-  const OrvData common = archive(OrvAppConfigCommonSettings::initWithAppSettings(std::nullopt, std::nullopt, false, {}, {}));
-  EXPECT_FALSE(OrvKeyedUnarchiver::unarchivedObjectOfClass<OrvAppConfigSettingsIos>(common, &error));
-  EXPECT_EQ(error.value_or(OrvError("none", 0)).code(), OrvKeyedArchiverErrorClassNotAllowed);
-}
-
+// fixtures' (dates rebuilt from iat and exp, never archived themselves).
 TEST(OrvAppConfigSettingsRecord, RefusesWhatDoesNotRoundTrip) {
   const OrvData data = archive(parse(fullAnswer));
   const auto notAllowed = OrvKeyedArchiverErrorClassNotAllowed;
@@ -218,9 +203,17 @@ TEST(KeyedArchiveFixtures, EveryRecordKindDecodesToItsValues) {
   EXPECT_EQ(*load<OrvAppConfigSettingsApp>("app.json"), app);
   EXPECT_EQ(*load<OrvAppConfigSettingsIos>("group_ios.json"), ios);
   EXPECT_EQ(*load<OrvAppConfigSettingsMacOS>("group_macos.json"), *app.macos()->at(0));
-  EXPECT_EQ(*load<OrvAppConfigCommonSettings>("group_common.json"),
-            OrvAppConfigCommonSettings(ios.settings(), ios.assignmentPriority(), ios.isUserOverride(), ios.category(),
-                                       ios.assignedTo()));
+  // Asked for as a group, a platform's group comes back as itself (equality goes by class too).
+  EXPECT_EQ(*load<OrvAppConfigCommonSettings>("group_ios.json"), ios);
+  EXPECT_EQ(*load<OrvAppConfigCommonSettings>("group_macos.json"), *app.macos()->at(0));
+  const auto common = load<OrvAppConfigCommonSettings>("group_common.json");
+  EXPECT_EQ(*common, OrvAppConfigCommonSettings(ios.settings(), ios.assignmentPriority(), ios.isUserOverride(), ios.category(),
+                                                ios.assignedTo()));
+  EXPECT_FALSE(*common == ios);  // the same content in another class
+  // A group's archive is not one of a platform's group.
+  std::optional<OrvError> error;
+  EXPECT_FALSE(OrvKeyedUnarchiver::unarchivedObjectOfClass<OrvAppConfigSettingsIos>(fixture("group_common.json"), &error));
+  EXPECT_EQ(error.value_or(OrvError("none", 0)).code(), OrvKeyedArchiverErrorClassNotAllowed);
   EXPECT_EQ(*load<OrvAppConfigSingleAppSetting>("setting.json"), *ios.settings()->at(1));
   EXPECT_EQ(*load<OrvAppConfigSettingsURL>("url.json"), *full->url());
   EXPECT_EQ(*load<OrvAppConfigSettingsMigrationURL>("migration_url.json"), *full->url()->migrationUrl()->at(0));
