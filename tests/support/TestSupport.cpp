@@ -61,10 +61,9 @@ void LogCollector::logWithModule(std::string_view module, std::int64_t logLevel,
 }
 
 bool pollUntil(const std::function<bool()>& predicate, std::chrono::milliseconds timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!predicate()) {
+  for (const auto deadline = std::chrono::steady_clock::now() + timeout; !predicate();
+       std::this_thread::sleep_for(std::chrono::milliseconds(2))) {
     if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   return true;
 }
