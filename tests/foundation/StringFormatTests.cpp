@@ -28,9 +28,8 @@ TEST(OrvStringTest, TrimsTheWhiteSpaceSetAtTheEdgesOnly) {
 
 TEST(OrvStringTest, StrictUTF8AndSplitting) {
   EXPECT_TRUE(orv::detail::isValidUTF8("a\u00e9\u20ac\U0001F600"));
-  for (const char* bad : {"\xC0\xAF", "\xE0\x80\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\x80", "\xE2\x82"}) {
+  for (const char* bad : {"\xC0\xAF", "\xE0\x80\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\x80", "\xE2\x82"})
     EXPECT_FALSE(orv::detail::isValidUTF8(bad)) << bad;
-  }
   using V = std::vector<std::string>;
   EXPECT_EQ(orv::detail::componentsSeparatedByString("a@@b", "@"), (V{"a", "", "b"}));
   EXPECT_EQ(orv::detail::componentsSeparatedByString("@", "@"), (V{"", ""}));

@@ -140,7 +140,7 @@ TEST(OrvAppConfigSettingsRecord, RefusesWhatDoesNotRoundTrip) {
   const std::tuple<std::vector<std::string_view>, Edit, std::int64_t> cases[] = {
       // A group cannot change platform, and a single group is no list although its class is allowed.
       {{"kaleth", "appSettings"},
-       [](auto& f) { f["ios"].at("$items").at(0).as_object()["$class"] = "OrvAppConfigSettingsMacOS"; },
+       [](auto& f) { f["ios"].at("$items").at(0).at("$class") = "OrvAppConfigSettingsMacOS"; },
        notAllowed},
       {{"kaleth", "appSettings"}, [](auto& f) { f["ios"] = json::value(f["ios"].at("$items").at(0)); }, notAllowed},
       // A string where a number is allowed; a sub-record under another key; a class nothing carries.
