@@ -34,9 +34,7 @@ struct FakeResponse {
 class FakeURLSession : public OrvURLSession {
  public:
   using Responder = std::function<FakeResponse(const OrvURLRequest&)>;
-  explicit FakeURLSession(Responder responder) : shared_(std::make_shared<Shared>()) {
-    shared_->responder = std::move(responder);
-  }
+  explicit FakeURLSession(Responder responder) : shared_(std::make_shared<Shared>(std::move(responder))) {}
 
   std::shared_ptr<OrvURLSessionDataTask> dataTaskWithRequest(const OrvURLRequest& request,
                                                              OrvURLSessionDataTaskCompletionHandler completionHandler) override;
@@ -57,8 +55,7 @@ class FakeURLSession : public OrvURLSession {
 
 class StaticHeaderProvider : public OrvHttpHeaderProviderServiceProtocol {
  public:
-  OrvHTTPHeaderDictionary monitoring;
-  OrvHTTPHeaderDictionary transaction;
+  OrvHTTPHeaderDictionary monitoring, transaction;
   OrvHTTPHeaderDictionary httpMonitoringHeaders() override { return monitoring; }
   OrvHTTPHeaderDictionary uniqueTransactionIdHeader() override { return transaction; }
 };
@@ -71,8 +68,7 @@ class FixedFeatureFlags : public OrvFeatureFlagProviderProtocol {
   }
 
  private:
-  bool entireDomain_;
-  bool channels_;
+  bool entireDomain_, channels_;
 };
 
 struct LogLine {
