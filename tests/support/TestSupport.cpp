@@ -19,10 +19,9 @@ class FakeDataTask : public OrvURLSessionDataTask {
 
   void resume() override {
     if (started_.exchange(true)) return;
-    {
-      std::lock_guard lock(shared_->mutex);
-      shared_->requests.push_back(request_);
-    }
+    std::unique_lock lock(shared_->mutex);
+    shared_->requests.push_back(request_);
+    lock.unlock();
     FakeResponse response = shared_->responder(request_);
     auto http = response.statusCode == 0 ? nullptr
                                          : std::make_shared<const OrvHTTPURLResponse>(request_.URL(), response.statusCode,
@@ -42,8 +41,7 @@ class FakeDataTask : public OrvURLSessionDataTask {
   std::shared_ptr<FakeURLSession::Shared> shared_;
   OrvURLRequest request_;
   OrvURLSessionDataTaskCompletionHandler handler_;
-  std::atomic<bool> started_{false};
-  std::atomic<bool> done_{false};
+  std::atomic<bool> started_{false}, done_{false};
 };
 
 }  // namespace
