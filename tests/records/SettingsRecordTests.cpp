@@ -198,7 +198,13 @@ TEST(KeyedArchiveFixtures, EveryRecordKindDecodesToItsValues) {
   const auto common = load<OrvAppConfigCommonSettings>("group_common.json");
   EXPECT_EQ(*common, OrvAppConfigCommonSettings(ios.settings(), ios.assignmentPriority(), ios.isUserOverride(), ios.category(),
                                                 ios.assignedTo()));
-  EXPECT_FALSE(*common == ios);  // the same content in another class
+  // Groups of both platforms with the same content differ; one of a fractional priority comes back as itself too.
+  const auto fractional =
+      OrvAppConfigSettingsIos::initWithAppSettings(std::nullopt, OrvNumber(2.5), true, "c", std::vector<std::string>{});
+  EXPECT_FALSE(*fractional == OrvAppConfigSettingsMacOS(std::nullopt, OrvNumber(2.5), true, "c", std::vector<std::string>{}));
+  const auto decoded = OrvKeyedUnarchiver::unarchivedObjectOfClass<OrvAppConfigCommonSettings>(
+      OrvKeyedArchiver::archivedDataWithRootObject(fractional).value_or(""));
+  EXPECT_TRUE(decoded && *decoded == *fractional);
   // A group's archive is not one of a platform's group.
   std::optional<OrvError> error;
   EXPECT_FALSE(OrvKeyedUnarchiver::unarchivedObjectOfClass<OrvAppConfigSettingsIos>(fixture("group_common.json"), &error));
