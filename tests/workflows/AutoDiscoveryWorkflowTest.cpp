@@ -1,4 +1,5 @@
-// Auto-discovery from user input to a validated record, against the emulator over TLS on loopback.
+// Auto-discovery from user input to a validated record, and the trace a host's diagnostics delegate
+// gets of it, against the emulator over TLS on loopback.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -10,6 +11,7 @@
 
 using namespace orv::test;
 using namespace orv::emulator;
+using ::testing::ElementsAre;
 
 namespace {
 
@@ -28,10 +30,28 @@ const char* kCatalog = R"({
   "stores": {}
 })";
 const std::string kQuery = "/ads/root/domain/example.com/";
+const std::string kPublicKey = "/ads/root/publickey";
 
 std::size_t countPaths(const std::vector<std::string>& paths, std::string_view prefix) {
   return static_cast<std::size_t>(
       std::count_if(paths.begin(), paths.end(), [&](const auto& p) { return p.starts_with(prefix); }));
+}
+
+// Traces arrive on the main queue, where the tests read them.
+struct TraceCollector : OrvAppConfigDiagnosticsDelegate {
+  std::vector<std::shared_ptr<const OrvAppConfigRequestTrace>> traces;
+  bool onMainQueue = true;
+  void didFinishRequestWithTrace(std::shared_ptr<const OrvAppConfigRequestTrace> trace) override {
+    onMainQueue = onMainQueue && OrvMainQueue::isCurrent();
+    traces.push_back(std::move(trace));
+  }
+};
+
+const OrvAppConfigTraceStep* findStep(const OrvAppConfigRequestTrace& trace, std::string_view name, std::string_view url = "") {
+  for (const auto& step : trace.steps) {
+    if (step.name.starts_with(name) && step.url.value_or("").ends_with(url)) return &step;
+  }
+  return nullptr;
 }
 
 // Replaces the emulator's signing certificate, keeping its key, by a self-signed one under a near miss
@@ -70,7 +90,7 @@ TEST(AutoDiscoveryWorkflowTest, OutcomeTable) {
     EXPECT_EQ(outcome.status, row.status) << row.input;
     EXPECT_EQ(outcome.error, std::nullopt) << row.input;
     EXPECT_EQ(outcome.result ? outcome.result->domain()->name() : std::nullopt, row.domain) << row.input;
-    EXPECT_EQ(countPaths(harness.requestPaths(), "/ads/root/publickey"), row.fetchesCertificate ? 1u : 0u) << row.input;
+    EXPECT_EQ(countPaths(harness.requestPaths(), kPublicKey), row.fetchesCertificate ? 1u : 0u) << row.input;
   }
 }
 
@@ -87,15 +107,13 @@ TEST(AutoDiscoveryWorkflowTest, RefusedSignatures) {
   };
   const Refusal rows[] = {
       {"missing signature", std::nullopt, [](auto& h) { h.emulator().setFault(kQuery, {.omitSignature = true}); }},
-      {"corrupted signature", OrvSecurityUtilsResultSignatureMismatch,
-       [](auto& h) { h.emulator().setFault(kQuery, {.corruptSignature = true}); }},
       // Another service's certificate: the signature header names the genuine one.
       {"foreign certificate", OrvSecurityUtilsResultThumbprintMismatch,
        [](auto& h) {
          const TemporaryDirectory other;
          ASSERT_TRUE(generateMaterial(other.path().string()));
          const boost::json::object answer{{"certificate", readFile(other.file(kSigningRSAFile))}};
-         h.emulator().setFault("/ads/root/publickey", {.body = boost::json::serialize(answer)});
+         h.emulator().setFault(kPublicKey, {.body = boost::json::serialize(answer)});
        }},
       {"wrong issuer",
        OrvSecurityUtilsResultIssuerMismatch,
@@ -116,7 +134,7 @@ TEST(AutoDiscoveryWorkflowTest, RefusedSignatures) {
     EXPECT_EQ(outcome.result, nullptr);
     EXPECT_EQ(outcome.error ? std::optional(outcome.error->code()) : std::nullopt, row.code);
     EXPECT_TRUE(!outcome.error || outcome.error->domain() == OrvSecurityUtilsErrorDomain);
-    EXPECT_TRUE(row.code || countPaths(harness.requestPaths(), "/ads/root/publickey") == 0) << "refused before verifying";
+    EXPECT_TRUE(row.code || countPaths(harness.requestPaths(), kPublicKey) == 0) << "refused before verifying";
   }
 }
 
@@ -132,13 +150,25 @@ TEST(AutoDiscoveryWorkflowTest, ValidityWindowBoundariesWithAnInjectedClock) {
   EXPECT_EQ(at(1700003600.001), 2u);
 }
 
-TEST(AutoDiscoveryWorkflowTest, WholeHostFallbackProbe) {
+TEST(AutoDiscoveryWorkflowTest, WholeHostFallbackProbeAndItsTrace) {
   EmulatorHarness harness({kCatalog});
+  const auto collector = std::make_shared<TraceCollector>();
+  harness.service->setDiagnosticsDelegate(collector);
   EXPECT_EQ(discover(*harness.service, "https://portal.eu.example.org/x").status, 0u);
-  EXPECT_THAT(harness.requestPaths(), ::testing::ElementsAre("/ads/root/domain/example.org/",
-                                                             "/ads/root/domain/portal.eu.example.org/", "/ads/root/publickey"));
+  EXPECT_THAT(harness.requestPaths(),
+              ElementsAre("/ads/root/domain/example.org/", "/ads/root/domain/portal.eu.example.org/", kPublicKey));
+  // The probe shows in the trace as its own step, beside the query that found nothing.
+  ASSERT_EQ(collector->traces.size(), 1u);
+  const auto& trace = *collector->traces[0];
+  const auto* query = findStep(trace, "auto-discover query", "/domain/example.org/");
+  ASSERT_TRUE(query);
+  EXPECT_EQ(query->httpStatus, 404);
+  EXPECT_TRUE(findStep(trace, "fallback probe query", "/domain/portal.eu.example.org/"));
+  EXPECT_TRUE(findStep(trace, "domain match") && findStep(trace, "domain match")->passed);
 
-  // No probe for e-mail input, for a two-label host, nor with the feature off; and at most one.
+  // No probe for e-mail input, for a two-label host, nor with the feature off; and at most one. Nor any
+  // trace once the delegate is gone.
+  harness.service->setDiagnosticsDelegate(nullptr);
   const auto queries = [&](const char* input) {
     harness.emulator().clearRequests();
     EXPECT_EQ(discover(*harness.service, input).status, 2u) << input;
@@ -147,34 +177,38 @@ TEST(AutoDiscoveryWorkflowTest, WholeHostFallbackProbe) {
   EXPECT_EQ(queries("user@portal.eu.nowhere.example"), 1u);
   EXPECT_EQ(queries("https://nowhere.example/x"), 1u);
   EXPECT_EQ(queries("https://a.b.nowhere.example"), 2u);
+  EXPECT_EQ(collector->traces.size(), 1u);
   harness.rebuildService(harness.session, harness.security, std::make_shared<FixedFeatureFlags>(false, true));
   EXPECT_EQ(queries("https://portal.eu.example.org/x"), 1u);
 }
 
-TEST(AutoDiscoveryWorkflowTest, RequestsOfOneServiceRunStrictlyOneAfterTheOther) {
+// The requests of one service run one after the other, and each one's trace reaches the delegate on the
+// main queue just before its completion, with the same status.
+TEST(AutoDiscoveryWorkflowTest, RequestsRunOneAfterTheOtherEachTracedJustBeforeItsCompletion) {
   EmulatorHarness harness({kCatalog});
   harness.emulator().setFault(kQuery, {.delay = std::chrono::milliseconds(300)});
-  std::vector<int> order;
-  const auto completion = [&](int id) {
-    return [&, id](auto status, auto, auto) {
-      EXPECT_EQ(status, 0u) << id;
-      order.push_back(id);
-    };
-  };
-  harness.service->asyncStartAutodiscoveryForUserInput("user@example.com", 0, completion(1));
-  harness.service->asyncStartAutodiscoveryForUserInput("user@upper.example", 0, completion(2));
-  ASSERT_TRUE(runMainQueueUntil([&] { return order.size() == 2; }));
-  EXPECT_THAT(order, ::testing::ElementsAre(1, 2));
+  const auto collector = std::make_shared<TraceCollector>();
+  harness.service->setDiagnosticsDelegate(collector);
+  std::vector<OrvAppConfigServiceCompletionStatus> completed;
+  for (const char* input : {"user@example.com", "user@unknown.example"}) {
+    harness.service->asyncStartAutodiscoveryForUserInput(input, 0, [&](auto status, auto, auto) {
+      completed.push_back(status);
+      EXPECT_EQ(collector->traces.size(), completed.size());
+      EXPECT_TRUE(!collector->traces.empty() && collector->traces.back()->status == status);
+    });
+  }
+  ASSERT_TRUE(runMainQueueUntil([&] { return completed.size() == 2; }));
+  EXPECT_THAT(completed, ElementsAre(0u, 2u));
+  EXPECT_TRUE(collector->onMainQueue);
   // The second query went out only after the first request had fetched its certificate.
-  EXPECT_THAT(harness.requestPaths(),
-              ::testing::ElementsAre(kQuery, "/ads/root/publickey", "/ads/root/domain/upper.example/", "/ads/root/publickey"));
+  EXPECT_THAT(harness.requestPaths(), ElementsAre(kQuery, kPublicKey, "/ads/root/domain/unknown.example/"));
 }
 
 TEST(AutoDiscoveryWorkflowTest, ReleasingTheServiceCancelsItsRequestsWithoutCompletion) {
   EmulatorHarness harness({kCatalog});
   // The first request has its answer and waits for the signing certificate when the service goes.
   const FaultSpec slow{.delay = std::chrono::seconds(30)};
-  harness.emulator().setFault("/ads/root/publickey", slow);
+  harness.emulator().setFault(kPublicKey, slow);
   harness.emulator().setFault("/ads/root/domain/example.org/", slow);
   // Held back too: an answer that came before the release would rightly be delivered.
   harness.emulator().setFault(settingsPath("https://store.example.com:443/Store"), slow);
@@ -182,23 +216,20 @@ TEST(AutoDiscoveryWorkflowTest, ReleasingTheServiceCancelsItsRequestsWithoutComp
   std::weak_ptr<OrvURLSession> weakSession = harness.session;
   std::atomic<int> calls{0};
   // Traces are delivered like completions: not at all once the service is gone.
-  struct TraceCounter : OrvAppConfigDiagnosticsDelegate {
-    std::atomic<int> traces{0};
-    void didFinishRequestWithTrace(std::shared_ptr<const OrvAppConfigRequestTrace>) override { ++traces; }
-  };
-  const auto traces = std::make_shared<TraceCounter>();
-  harness.service->setDiagnosticsDelegate(traces);
+  const auto collector = std::make_shared<TraceCollector>();
+  harness.service->setDiagnosticsDelegate(collector);
   // One request in flight (the emulator holds its answer back), one waiting for its turn, one settings
   // request running beside them.
-  harness.service->asyncStartAutodiscoveryForUserInput("user@example.com", 0, [&](auto, auto, auto) { ++calls; });
-  harness.service->asyncStartAutodiscoveryForUserInput("user@example.org", 0, [&](auto, auto, auto) { ++calls; });
+  const auto count = [&](auto, auto, auto) { ++calls; };
+  harness.service->asyncStartAutodiscoveryForUserInput("user@example.com", 0, count);
+  harness.service->asyncStartAutodiscoveryForUserInput("user@example.org", 0, count);
   harness.service->asyncStartSettingsRetrievalForStoreUrls({*OrvURL::URLWithString("https://store.example.com/Store")}, 0, 0,
-                                                           [&](auto, auto, auto) { ++calls; });
-  ASSERT_TRUE(pollUntil([&] { return countPaths(harness.requestPaths(), "/ads/root/publickey") > 0; }));
+                                                           count);
+  ASSERT_TRUE(pollUntil([&] { return countPaths(harness.requestPaths(), kPublicKey) > 0; }));
   harness.session.reset();
   harness.service.reset();
   EXPECT_TRUE(weak.expired()) << "a pending request does not keep the service alive";
   // The transfer is aborted, not left to the server's 30 s: the session and its I/O thread go with it.
   EXPECT_TRUE(pollUntil([&] { return weakSession.expired(); }, std::chrono::seconds(10)));
-  EXPECT_FALSE(runMainQueueUntil([&] { return calls > 0 || traces->traces > 0; }, std::chrono::milliseconds(300)));
+  EXPECT_FALSE(runMainQueueUntil([&] { return calls > 0 || !collector->traces.empty(); }, std::chrono::milliseconds(300)));
 }

@@ -44,49 +44,38 @@ OrvURL store(int i) { return url("https://store" + std::to_string(i) + ".example
 
 }  // namespace
 
-TEST(SettingsWorkflowTest, PartialAnswersAreValidatedAndDelivered) {
-  EmulatorHarness harness({catalog(3)});
-  const auto all = retrieve(*harness.service, {store(0), store(1), store(2)});
-  EXPECT_EQ(all.status, 0u);
-  ASSERT_TRUE(all.result);
-  ASSERT_EQ(all.result->size(), 3u);
-  const auto& record = all.result->at(store(1));  // keyed by the URL as given, not as normalised
-  EXPECT_EQ(record->url()->name(), "https://store1.example.com:443/Store");
-  EXPECT_TRUE(record->notValidBefore() && record->notValidAfter());
-
-  // One store failing among three: the other two are delivered.
-  harness.emulator().setFault(settingsPath("https://store2.example.com:443/Store"), {.status = 500});
-  const auto partial = retrieve(*harness.service, {store(0), store(1), store(2)});
-  EXPECT_EQ(partial.status, 0u);
-  ASSERT_TRUE(partial.result);
-  EXPECT_EQ(partial.result->size(), 2u);
-  EXPECT_FALSE(partial.result->contains(store(2)));
-}
-
+// One store failing among three still delivers the other two; refusals deliver nothing.
 TEST(SettingsWorkflowTest, AnswersMustBeAboutWhatWasAsked) {
   // Refusals log why; a listener makes the library write those lines.
   const auto log = LogCollector::install();
-  EmulatorHarness harness({catalog(2)});
+  EmulatorHarness harness({catalog(3)});
+  harness.emulator().setFault(settingsPath("https://store2.example.com:443/Store"), {.status = 500});
   const auto caseStore = url("https://case.example.com/C");
   const struct {
     const char* what;
     OrvAppConfigStoreURLSet stores;
     std::optional<std::string> channel;
     OrvAppConfigServiceCompletionStatus status;
+    std::optional<std::size_t> delivered = std::nullopt;
   } rows[] = {
+      {"one store failing among three", {store(0), store(1), store(2)}, std::nullopt, 0, 2},
       {"no store answers", {url("https://unknown.example.com/A"), url("https://unknown.example.com/B")}, std::nullopt, 3},
       {"substituted store", {store(0), url("https://substitute.example.com/S")}, std::nullopt, 3},
       {"answer without a store name", {url("https://noname.example.com/N")}, std::nullopt, 3},
       {"channel differing in case", {caseStore}, "beta", 3},
       {"channel missing from the answer", {caseStore}, "bare", 3},
-      {"every store on the channel asked", {store(0), store(1)}, "beta", 0},
-      {"no channel asked: any accepted", {caseStore}, std::nullopt, 0},
+      {"every store on the channel asked", {store(0), store(1)}, "beta", 0, 2},
+      {"no channel asked: any accepted", {caseStore}, std::nullopt, 0, 1},
   };
   for (const auto& row : rows) {
     const auto outcome = retrieve(*harness.service, row.stores, row.channel);
     EXPECT_EQ(outcome.status, row.status) << row.what;
-    EXPECT_EQ(outcome.result.has_value(), row.status == 0) << row.what;
+    EXPECT_EQ(outcome.result ? std::optional(outcome.result->size()) : std::nullopt, row.delivered) << row.what;
     EXPECT_EQ(outcome.error, std::nullopt) << row.what;
+    // Keyed by the URL as given, not as normalised, and with the signed validity period.
+    for (const auto& [store, record] : outcome.result.value_or(OrvAppConfigStoreSettingsDictionary{})) {
+      EXPECT_TRUE(row.stores.contains(store) && record->notValidBefore() && record->notValidAfter()) << row.what;
+    }
   }
 
   // A signature that does not verify fails the whole request with the security error.
@@ -95,6 +84,36 @@ TEST(SettingsWorkflowTest, AnswersMustBeAboutWhatWasAsked) {
   EXPECT_EQ(forged.status, 3u);
   ASSERT_TRUE(forged.error);
   EXPECT_EQ(forged.error->domain(), OrvSecurityUtilsErrorDomain);
+}
+
+// A request that fails without an error still says why in its trace, store by store.
+TEST(SettingsWorkflowTest, FailedStoresEachSayWhyInTheTrace) {
+  EmulatorHarness harness({catalog(1)});
+  struct Traces : OrvAppConfigDiagnosticsDelegate {
+    std::vector<std::shared_ptr<const OrvAppConfigRequestTrace>> all;
+    void didFinishRequestWithTrace(std::shared_ptr<const OrvAppConfigRequestTrace> trace) override { all.push_back(trace); }
+  };
+  const auto traces = std::make_shared<Traces>();
+  harness.service->setDiagnosticsDelegate(traces);
+  harness.emulator().setFault(settingsPath("https://store0.example.com:443/Store"), {.dropMidBody = true});
+  EXPECT_EQ(retrieve(*harness.service, {store(0), url("https://gone.example.com/Store")}).status, 3u);
+  ASSERT_EQ(traces->all.size(), 1u);
+  const auto step = [&](std::string_view name) {
+    for (const auto& step : traces->all[0]->steps) {
+      if (step.name == name) return step;
+    }
+    return OrvAppConfigTraceStep{.name = "absent"};
+  };
+  const auto dropped = step("settings query for https://store0.example.com/Store");
+  EXPECT_FALSE(dropped.passed);
+  EXPECT_TRUE(dropped.error) << "the transport error of the store whose connection broke";
+  EXPECT_EQ(step("settings query for https://gone.example.com/Store").httpStatus, 404);
+  EXPECT_EQ(step("stores").name, "stores");
+
+  // The next request gets its own trace, which names the channel asked for.
+  EXPECT_EQ(retrieve(*harness.service, {store(0)}, "gamma").status, 3u);
+  ASSERT_EQ(traces->all.size(), 2u);
+  EXPECT_THAT(traces->all[1]->subject, ::testing::HasSubstr("channel \"gamma\""));
 }
 
 // Two settings requests in flight together, beside an auto-discovery that fails on its own: each
