@@ -9,8 +9,7 @@
 #include "OrvOperationQueueTesting.h"
 #include "TestSupport.h"
 
-using orv::test::FakeResponse;
-using orv::test::FakeURLSession;
+using namespace orv::test;
 
 namespace {
 
@@ -23,7 +22,7 @@ void runToCompletion(const std::shared_ptr<OrvOperation>& operation, bool cancel
   if (cancelFirst) operation->cancel();
   OrvOperationQueue queue("test");
   queue.addOperation(operation);
-  ASSERT_TRUE(orv::test::pollUntil([&] { return done->load(); }));
+  ASSERT_TRUE(pollUntil([&] { return done->load(); }));
 }
 
 std::shared_ptr<FakeURLSession> answering(FakeResponse response) {
@@ -32,7 +31,7 @@ std::shared_ptr<FakeURLSession> answering(FakeResponse response) {
 
 std::shared_ptr<OrvAppConfigAutoDiscoverOperation> autoDiscover(std::shared_ptr<FakeURLSession> session,
                                                                 std::optional<std::string> input = "user@example.com") {
-  auto headers = std::make_shared<orv::test::StaticHeaderProvider>();
+  auto headers = std::make_shared<StaticHeaderProvider>();
   headers->monitoring = {{"X-Monitor", "m"}, {"X-Shared", "from-monitoring"}};
   headers->transaction = {{"X-Transaction-Id", "t-1"}, {"X-Shared", "from-transaction"}};
   return OrvAppConfigAutoDiscoverOperation::initWithUserInput(std::move(input), 0, 0, std::move(session), headers);
@@ -43,8 +42,8 @@ std::shared_ptr<OrvAppConfigAutoDiscoverOperation> autoDiscover(std::shared_ptr<
 // Statuses and transport errors on the real stack (204, 500, refused connections, ...) are the fault
 // matrix's rows; these are the answers no real server gives on demand, and what the operation keeps of each.
 TEST(OrvAppConfigQueryOperationTest, AnswerTable) {
-  const orv::test::DiscoveryHostsOverride hosts("prod.example.net");
-  auto log = orv::test::LogCollector::install();
+  const DiscoveryHostsOverride hosts("prod.example.net");
+  auto log = LogCollector::install();
   const OrvError transport(OrvURLErrorDomain, 7, {{OrvLocalizedDescriptionKey, "Couldn't connect to server"}});
   const struct {
     FakeResponse response;
@@ -80,37 +79,30 @@ TEST(OrvAppConfigQueryOperationTest, AnswerTable) {
   for (const auto& line : log->lines()) EXPECT_EQ(line.function.find("<lambda"), std::string::npos) << line.message;
 }
 
+// None of these sends a request: a query cancelled before it starts, one whose input gives no URL, and
+// one of a service built without a session, which fails instead of crashing. A traced request says of a
+// step that never ran that it was cancelled, rather than leaving it out.
 TEST(OrvAppConfigQueryOperationTest, CancelledBeforeStartAndNoURLOrSessionMakeNoRequest) {
   auto session = answering({});
-  auto cancelled = autoDiscover(session);
-  // A traced request says of a step that never ran that it was cancelled, rather than leaving it out.
   const auto recorder =
       std::make_shared<orv::detail::RequestTraceRecorder>(OrvAppConfigRequestTrace::Kind::autoDiscovery, "test", nullptr);
-  cancelled->setTraceRecorder(recorder, "auto-discover query");
-  runToCompletion(cancelled, /*cancelFirst=*/true);
-  EXPECT_EQ(cancelled->completionStatus(), OrvAppConfigQueryOperationCompletionStatusCancelled);
-  EXPECT_EQ(cancelled->completionError(), std::nullopt);
-  const auto trace = recorder->finish(cancelled->completionStatus(), std::nullopt);
-  ASSERT_EQ(trace->steps.size(), 1u);
+  const std::tuple<std::shared_ptr<OrvAppConfigAutoDiscoverOperation>, OrvAppConfigQueryOperationCompletionStatus, std::int64_t>
+      cases[] = {{autoDiscover(session), OrvAppConfigQueryOperationCompletionStatusCancelled, 0},
+                 {autoDiscover(session, ""), OrvAppConfigQueryOperationCompletionStatusCouldNotBuildUrl, 0},
+                 {autoDiscover(nullptr), OrvAppConfigQueryOperationCompletionStatusInvalidResponse, OrvURLErrorNoSession}};
+  for (const auto& [operation, status, errorCode] : cases) {
+    operation->setTraceRecorder(recorder, "auto-discover query");
+    runToCompletion(operation, /*cancelFirst=*/status == OrvAppConfigQueryOperationCompletionStatusCancelled);
+    EXPECT_EQ(operation->completionStatus(), status);
+    EXPECT_EQ(operation->completionError().value_or(OrvError("none", 0)).code(), errorCode) << status;
+  }
+  EXPECT_EQ(session->requests().size(), 0u);
+  const auto trace = recorder->finish(0, std::nullopt);
+  ASSERT_EQ(trace->steps.size(), 3u);
   EXPECT_FALSE(trace->steps[0].passed);
   EXPECT_TRUE(trace->steps[0].detail.starts_with("cancelled before an answer")) << trace->steps[0].detail;
-
-  auto empty = autoDiscover(session, "");
-  EXPECT_EQ(empty->requestedDomain(), std::nullopt);
-  empty->setTraceRecorder(recorder, "auto-discover query");
-  runToCompletion(empty);
-  EXPECT_EQ(empty->completionStatus(), OrvAppConfigQueryOperationCompletionStatusCouldNotBuildUrl);
-  EXPECT_EQ(empty->completionError(), std::nullopt);
-  EXPECT_EQ(session->requests().size(), 0u);
-  ASSERT_EQ(recorder->finish(empty->completionStatus(), std::nullopt)->steps.size(), 2u);
   EXPECT_EQ(OrvAppConfigQueryOperation::descriptionForCompletionStatus(9),
             "Unknown OrvAppConfigQueryOperationCompletionStatus of 9");
-
-  // A service built without a session fails its queries instead of crashing.
-  auto sessionless = autoDiscover(nullptr);
-  runToCompletion(sessionless);
-  EXPECT_EQ(sessionless->completionStatus(), OrvAppConfigQueryOperationCompletionStatusInvalidResponse);
-  EXPECT_EQ(sessionless->completionError().value_or(OrvError("none", 0)).code(), OrvURLErrorNoSession);
 }
 
 namespace {
@@ -131,7 +123,7 @@ class CertificateFactory : public OrvSecurityServiceProtocol {
 
 // The certificate the real security service accepts is the workflow tests'; here the answers it never sees.
 TEST(OrvAppConfigGetSigningCertificateOperationTest, HostTypesAndAnswers) {
-  const orv::test::DiscoveryHostsOverride hosts("prod.example.net", "stage.example.net");
+  const DiscoveryHostsOverride hosts("prod.example.net", "stage.example.net");
   auto factory = std::make_shared<CertificateFactory>();
   const auto make = [&](std::uint64_t hostType, const char* body) {
     return OrvAppConfigGetSigningCertificateOperation::initWithSecurityService(

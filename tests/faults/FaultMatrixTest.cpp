@@ -5,6 +5,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <ranges>
+
 #include "EmulatorHarness.h"
 #include "OrvAppConfigDiscoveryHosts.h"
 #include "OrvJSONSerialization.h"
@@ -180,13 +182,12 @@ TEST(FaultMatrixTest, EachFaultEndsInOneCompletionThatSaysWhatFailed) {
   const TemporaryDirectory material;
   std::string error;
   ASSERT_TRUE(emulator::generateMaterial(material.path().string(), &error)) << error;
-  OrvCurlURLSessionConfiguration configuration;
-  configuration.caFile = material.file(emulator::kTLSCAFile);
-  configuration.inactivityTimeout = 1s;
-  configuration.connectTimeout = 1s;
-  configuration.totalTimeout = 2s;
-  configuration.maxHeaderCount = 100;
-  configuration.maxHeaderBytes = 16u * 1024u;
+  // At most 100 header fields, the default, and at most 16 KiB of them.
+  const OrvCurlURLSessionConfiguration configuration{.caFile = material.file(emulator::kTLSCAFile),
+                                                     .inactivityTimeout = 1s,
+                                                     .connectTimeout = 1s,
+                                                     .totalTimeout = 2s,
+                                                     .maxHeaderBytes = 16u * 1024u};
   const DiscoveryHostsOverride restoreHosts("127.0.0.1");
 
   for (const auto& row : rows()) {
@@ -198,9 +199,8 @@ TEST(FaultMatrixTest, EachFaultEndsInOneCompletionThatSaysWhatFailed) {
     ASSERT_NE(server, nullptr) << error;
     for (const auto& [path, fault] : row.server.faults) ASSERT_TRUE(server->setFault(path, fault));
     const auto targets = [&] {
-      std::vector<std::string> read;
-      for (const auto& request : server->requests()) read.push_back(request.target);
-      return read;
+      const auto read = server->requests() | std::views::transform(&emulator::RecordedRequest::target);
+      return std::vector<std::string>(read.begin(), read.end());
     };
     const auto port = row.extra == Extra::refusedPort ? emulator::freeLoopbackPort() : server->port();
     OrvAppConfigDiscoveryHosts::setProductionHost("127.0.0.1:" + std::to_string(port));

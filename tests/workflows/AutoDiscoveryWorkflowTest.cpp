@@ -32,9 +32,8 @@ const char* kCatalog = R"({
 const std::string kQuery = "/ads/root/domain/example.com/";
 const std::string kPublicKey = "/ads/root/publickey";
 
-std::size_t countPaths(const std::vector<std::string>& paths, std::string_view prefix) {
-  return static_cast<std::size_t>(
-      std::count_if(paths.begin(), paths.end(), [&](const auto& p) { return p.starts_with(prefix); }));
+std::size_t countPaths(const EmulatorHarness& harness, std::string_view prefix) {
+  return std::ranges::count_if(harness.requestPaths(), [&](const auto& path) { return path.starts_with(prefix); });
 }
 
 // Traces arrive on the main queue, where the tests read them.
@@ -90,7 +89,7 @@ TEST(AutoDiscoveryWorkflowTest, OutcomeTable) {
     EXPECT_EQ(outcome.status, row.status) << row.input;
     EXPECT_EQ(outcome.error, std::nullopt) << row.input;
     EXPECT_EQ(outcome.result ? outcome.result->domain()->name() : std::nullopt, row.domain) << row.input;
-    EXPECT_EQ(countPaths(harness.requestPaths(), kPublicKey), row.fetchesCertificate ? 1u : 0u) << row.input;
+    EXPECT_EQ(countPaths(harness, kPublicKey), row.fetchesCertificate ? 1u : 0u) << row.input;
   }
 }
 
@@ -110,7 +109,7 @@ TEST(AutoDiscoveryWorkflowTest, RefusedSignatures) {
   EmulatorHarness harness({kCatalog});
   harness.emulator().setFault(kQuery, {.omitSignature = true});
   EXPECT_EQ(refusal(harness), std::nullopt) << "missing signature";
-  EXPECT_EQ(countPaths(harness.requestPaths(), kPublicKey), 0u) << "refused before verifying";
+  EXPECT_EQ(countPaths(harness, kPublicKey), 0u) << "refused before verifying";
 
   // Another service's certificate: the signature header names the genuine one.
   harness.emulator().clearFaults();
@@ -158,7 +157,7 @@ TEST(AutoDiscoveryWorkflowTest, WholeHostFallbackProbeAndItsTrace) {
   const auto queries = [&](const char* input) {
     harness.emulator().clearRequests();
     EXPECT_EQ(discover(*harness.service, input).status, 2u) << input;
-    return countPaths(harness.requestPaths(), "/ads/root/domain/");
+    return countPaths(harness, "/ads/root/domain/");
   };
   EXPECT_EQ(queries("user@portal.eu.nowhere.example"), 1u);
   EXPECT_EQ(queries("https://nowhere.example/x"), 1u);
@@ -211,7 +210,7 @@ TEST(AutoDiscoveryWorkflowTest, ReleasingTheServiceCancelsItsRequestsWithoutComp
   harness.service->asyncStartAutodiscoveryForUserInput("user@example.org", 0, count);
   harness.service->asyncStartSettingsRetrievalForStoreUrls({*OrvURL::URLWithString("https://store.example.com/Store")}, 0, 0,
                                                            count);
-  ASSERT_TRUE(pollUntil([&] { return countPaths(harness.requestPaths(), kPublicKey) > 0; }));
+  ASSERT_TRUE(pollUntil([&] { return countPaths(harness, kPublicKey) > 0; }));
   harness.session.reset();
   harness.service.reset();
   EXPECT_TRUE(weak.expired()) << "a pending request does not keep the service alive";
