@@ -10,7 +10,7 @@ std::shared_ptr<OrvAppConfigAutoDiscoverRecord> parse(const char* body, std::opt
 }
 }  // namespace
 
-TEST(OrvAppConfigAutoDiscoverRecordTest, TopLevelShapes) {
+TEST(OrvAppConfigAutoDiscoverRecordTest, TopLevelShapesFieldsAndLists) {
   const auto empty = parse("{}");
   ASSERT_NE(empty, nullptr);
   EXPECT_TRUE(!empty->domain() && !empty->kaleth() && !empty->notValidBefore() && !empty->notValidAfter());
@@ -24,9 +24,7 @@ TEST(OrvAppConfigAutoDiscoverRecordTest, TopLevelShapes) {
     EXPECT_EQ(error->domain() == OrvAppConfigServiceJSONErrorDomain, notAnObject) << body;
     EXPECT_TRUE(!notAnObject || error->code() == 3842);
   }
-}
 
-TEST(OrvAppConfigAutoDiscoverRecordTest, FieldsAndLists) {
   auto record = parse(R"({
     "domain": {"name": "Example.com"},
     "kaleth": {
