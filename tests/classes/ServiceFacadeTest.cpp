@@ -1,5 +1,4 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "OrvAppConfigServiceLogger.h"
 #include "TestSupport.h"

@@ -1,13 +1,11 @@
 // orv-appconfig as scripts use it: arguments, exit codes, JSON output and archives, against the emulator.
 // What each refusal means is the workflow tests' business; here only how the tool reports it.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <sys/wait.h>
 #include <boost/json.hpp>
 
 #include "EmulatorHarness.h"
-#include "TestSupport.h"
 
 using namespace orv::test;
 using ::testing::HasSubstr;

@@ -3,14 +3,12 @@
 #include <curl/curl.h>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <ranges>
 
 #include "EmulatorHarness.h"
 #include "OrvAppConfigDiscoveryHosts.h"
 #include "OrvJSONSerialization.h"
-#include "TestSupport.h"
 
 using namespace orv::test;
 namespace emulator = orv::emulator;

@@ -1,13 +1,11 @@
 // Auto-discovery from user input to a validated record, and the trace a host's diagnostics delegate
 // gets of it, against the emulator over TLS on loopback.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <boost/json.hpp>
 
 #include "EmulatorHarness.h"
 #include "OrvEmulatorCrypto.h"
-#include "TestSupport.h"
 
 using namespace orv::test;
 using namespace orv::emulator;
@@ -135,15 +133,28 @@ TEST(AutoDiscoveryWorkflowTest, ValidityWindowBoundariesWithAnInjectedClock) {
   EXPECT_EQ(at(1700003600.001), 2u);
 }
 
-TEST(AutoDiscoveryWorkflowTest, WholeHostFallbackProbeAndItsTrace) {
+// The requests of one service run one after the other, and each one's trace reaches the delegate on the
+// main queue just before its completion, with the same status. The probe of the whole host is its own
+// step in that trace, beside the query that found nothing.
+TEST(AutoDiscoveryWorkflowTest, WholeHostFallbackProbeRequestsInTurnAndTheirTraces) {
   EmulatorHarness harness({kCatalog});
+  harness.emulator().setFault("/ads/root/domain/example.org/", {.delay = std::chrono::milliseconds(300)});
   const auto collector = std::make_shared<TraceCollector>();
   harness.service->setDiagnosticsDelegate(collector);
-  EXPECT_EQ(discover(*harness.service, "https://portal.eu.example.org/x").status, 0u);
-  EXPECT_THAT(harness.requestPaths(),
-              ElementsAre("/ads/root/domain/example.org/", "/ads/root/domain/portal.eu.example.org/", kPublicKey));
-  // The probe shows in the trace as its own step, beside the query that found nothing.
-  ASSERT_EQ(collector->traces.size(), 1u);
+  std::vector<OrvAppConfigServiceCompletionStatus> completed;
+  for (const char* input : {"https://portal.eu.example.org/x", "user@unknown.example"}) {
+    harness.service->asyncStartAutodiscoveryForUserInput(input, 0, [&](auto status, auto, auto) {
+      completed.push_back(status);
+      EXPECT_EQ(collector->traces.size(), completed.size());
+      EXPECT_TRUE(!collector->traces.empty() && collector->traces.back()->status == status);
+    });
+  }
+  ASSERT_TRUE(runMainQueueUntil([&] { return completed.size() == 2; }));
+  EXPECT_THAT(completed, ElementsAre(0u, 2u));
+  EXPECT_TRUE(collector->onMainQueue);
+  // The second request's query went out only after the first request had fetched its certificate.
+  EXPECT_THAT(harness.requestPaths(), ElementsAre("/ads/root/domain/example.org/", "/ads/root/domain/portal.eu.example.org/",
+                                                  kPublicKey, "/ads/root/domain/unknown.example/"));
   const auto& trace = *collector->traces[0];
   const auto* query = findStep(trace, "auto-discover query", "/domain/example.org/");
   ASSERT_TRUE(query);
@@ -162,31 +173,9 @@ TEST(AutoDiscoveryWorkflowTest, WholeHostFallbackProbeAndItsTrace) {
   EXPECT_EQ(queries("user@portal.eu.nowhere.example"), 1u);
   EXPECT_EQ(queries("https://nowhere.example/x"), 1u);
   EXPECT_EQ(queries("https://a.b.nowhere.example"), 2u);
-  EXPECT_EQ(collector->traces.size(), 1u);
+  EXPECT_EQ(collector->traces.size(), 2u);
   harness.rebuildService(harness.session, harness.security, std::make_shared<FixedFeatureFlags>(false, true));
   EXPECT_EQ(queries("https://portal.eu.example.org/x"), 1u);
-}
-
-// The requests of one service run one after the other, and each one's trace reaches the delegate on the
-// main queue just before its completion, with the same status.
-TEST(AutoDiscoveryWorkflowTest, RequestsRunOneAfterTheOtherEachTracedJustBeforeItsCompletion) {
-  EmulatorHarness harness({kCatalog});
-  harness.emulator().setFault(kQuery, {.delay = std::chrono::milliseconds(300)});
-  const auto collector = std::make_shared<TraceCollector>();
-  harness.service->setDiagnosticsDelegate(collector);
-  std::vector<OrvAppConfigServiceCompletionStatus> completed;
-  for (const char* input : {"user@example.com", "user@unknown.example"}) {
-    harness.service->asyncStartAutodiscoveryForUserInput(input, 0, [&](auto status, auto, auto) {
-      completed.push_back(status);
-      EXPECT_EQ(collector->traces.size(), completed.size());
-      EXPECT_TRUE(!collector->traces.empty() && collector->traces.back()->status == status);
-    });
-  }
-  ASSERT_TRUE(runMainQueueUntil([&] { return completed.size() == 2; }));
-  EXPECT_THAT(completed, ElementsAre(0u, 2u));
-  EXPECT_TRUE(collector->onMainQueue);
-  // The second query went out only after the first request had fetched its certificate.
-  EXPECT_THAT(harness.requestPaths(), ElementsAre(kQuery, kPublicKey, "/ads/root/domain/unknown.example/"));
 }
 
 TEST(AutoDiscoveryWorkflowTest, ReleasingTheServiceCancelsItsRequestsWithoutCompletion) {

@@ -1,12 +1,10 @@
 // Settings for a set of stores, against the emulator over TLS on loopback.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <boost/json.hpp>
 
 #include "EmulatorHarness.h"
 #include "OrvAppConfigSettingsRecord.h"
-#include "TestSupport.h"
 
 using namespace orv::test;
 
