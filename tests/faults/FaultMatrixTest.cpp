@@ -17,7 +17,6 @@ using namespace std::chrono_literals;
 namespace {
 
 const std::string kQuery = "/ads/root/domain/example.com/";
-const std::string kHealthyQuery = "/ads/root/domain/healthy.example/";
 const std::string kPublicKey = "/ads/root/publickey";
 constexpr std::size_t kBodyLimit = 8u * 1024u * 1024u;
 const std::string kRecord =
@@ -60,11 +59,7 @@ std::string redirectTo(std::string_view location) {
 }
 
 // A good record, then spaces: still one valid document, of exactly this many bytes.
-std::string paddedRecord(std::size_t size) {
-  std::string body = kRecord;
-  body.resize(size, ' ');
-  return body;
-}
+std::string paddedRecord(std::size_t size) { return kRecord + std::string(size - kRecord.size(), ' '); }
 
 // The chunks of a chunked body, 1 MiB each, and the last one.
 std::string chunked(const std::string& body) {
@@ -167,7 +162,7 @@ std::vector<Row> rows() {
        FaultSetup{TLSFault::none, {{kQuery, signature(1)}, {kPublicKey, {.status = 404, .hangUpIfReused = true}}}}, std::nullopt,
        std::vector<std::string>{kQuery, kPublicKey, kPublicKey}},
       {"stalled request beside a healthy one", onQuery(raw(stalledHead, FaultEnding::silence)), silent,
-       std::vector<std::string>{kQuery, kHealthyQuery}, Extra::healthyNeighbour},
+       std::vector<std::string>{kQuery, "/ads/root/domain/healthy.example/"}, Extra::healthyNeighbour},
   };
 }
 
