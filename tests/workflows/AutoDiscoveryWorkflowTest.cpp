@@ -62,28 +62,35 @@ void selfSignUnderAnotherName(const TemporaryDirectory& material) {
 
 }  // namespace
 
-TEST(AutoDiscoveryWorkflowTest, OutcomeTable) {
+// What the host gets for each answer: the record, under the domain's name as the record gives it, or a
+// failure without an error; and whether the signing certificate was fetched to verify the answer.
+TEST(AutoDiscoveryWorkflowTest, OutcomeTableAndValidityWindowBoundaries) {
   EmulatorHarness harness({kCatalog});
-  const struct {
-    const char* input;
-    OrvAppConfigServiceCompletionStatus status;
-    bool fetchesCertificate;
-    std::optional<std::string> domain = std::nullopt;  // as named in the record handed out
-  } rows[] = {
+  const std::tuple<const char*, OrvAppConfigServiceCompletionStatus, bool, std::optional<std::string>> rows[] = {
       {"  user@example.com\n", 0, true, "example.com"},
       {"user@upper.example", 0, true, "UPPER.Example"},  // the domain's letter case is ignored
-      {"user@unknown.example", 2, false},                // the query fails with a 404 and no transport error
-      {"user@nourl.example", 2, false},                  // no usable URL: nothing worth verifying
-      {"user@sub.example", 2, true},                     // a sub-domain is not the domain
+      {"user@unknown.example", 2, false, std::nullopt},  // the query fails with a 404 and no transport error
+      {"user@nourl.example", 2, false, std::nullopt},    // no usable URL: nothing worth verifying
+      {"user@sub.example", 2, true, std::nullopt},       // a sub-domain is not the domain
   };
-  for (const auto& row : rows) {
+  for (const auto& [input, status, fetchesCertificate, domain] : rows) {
     harness.emulator().clearRequests();
-    const auto outcome = discover(*harness.service, row.input);
-    EXPECT_EQ(outcome.status, row.status) << row.input;
-    EXPECT_EQ(outcome.error, std::nullopt) << row.input;
-    EXPECT_EQ(outcome.result ? outcome.result->domain()->name() : std::nullopt, row.domain) << row.input;
-    EXPECT_EQ(countPaths(harness, kPublicKey), row.fetchesCertificate ? 1u : 0u) << row.input;
+    const auto outcome = discover(*harness.service, input);
+    EXPECT_EQ(outcome.status, status) << input;
+    EXPECT_EQ(outcome.error, std::nullopt) << input;
+    EXPECT_EQ(outcome.result ? outcome.result->domain()->name() : std::nullopt, domain) << input;
+    EXPECT_EQ(countPaths(harness, kPublicKey), fetchesCertificate ? 1u : 0u) << input;
   }
+
+  // With an injected clock: both ends of the record's validity period belong to it.
+  const auto at = [&](double seconds) {
+    harness.service->setCurrentDateProvider([seconds] { return OrvDateFromTimeIntervalSince1970(seconds); });
+    return discover(*harness.service, "user@window.example").status;
+  };
+  EXPECT_EQ(at(1700000000.0), 0u);
+  EXPECT_EQ(at(1700003600.0), 0u);
+  EXPECT_EQ(at(1699999999.999), 2u);
+  EXPECT_EQ(at(1700003600.001), 2u);
 }
 
 // How an answer, or the material that signs it, is spoiled, and the security error the host receives;
@@ -114,18 +121,6 @@ TEST(AutoDiscoveryWorkflowTest, RefusedSignatures) {
 
   EmulatorHarness selfSigned({.catalogJSON = kCatalog, .prepareMaterial = selfSignUnderAnotherName});
   EXPECT_EQ(refusal(selfSigned), OrvSecurityUtilsResultIssuerMismatch);
-}
-
-TEST(AutoDiscoveryWorkflowTest, ValidityWindowBoundariesWithAnInjectedClock) {
-  EmulatorHarness harness({kCatalog});
-  const auto at = [&](double seconds) {
-    harness.service->setCurrentDateProvider([seconds] { return OrvDateFromTimeIntervalSince1970(seconds); });
-    return discover(*harness.service, "user@window.example").status;
-  };
-  EXPECT_EQ(at(1700000000.0), 0u) << "the first instant belongs to the period";
-  EXPECT_EQ(at(1700003600.0), 0u) << "so does the last";
-  EXPECT_EQ(at(1699999999.999), 2u);
-  EXPECT_EQ(at(1700003600.001), 2u);
 }
 
 // The requests of one service run one after the other, and each one's trace reaches the delegate on the

@@ -29,11 +29,8 @@ std::string catalog(int count) {
   }
   stores["https://substitute.example.com:443/S"] = boost::json::object{{"ios", answer("https://other.example.com:443/S")}};
   stores["https://noname.example.com:443/N"] = boost::json::object{{"ios", {{"kaleth", answer("x").at("kaleth")}}}};
-  stores["https://case.example.com:443/C"] =
-      boost::json::object{{"ios", answer("https://case.example.com:443/C")},
-                          {"channels",
-                           {{"beta", {{"ios", answer("https://case.example.com:443/C", "Beta")}}},
-                            {"bare", {{"ios", answer("https://case.example.com:443/C")}}}}}};
+  const std::string c = "https://case.example.com:443/C";
+  stores[c] = {{"ios", answer(c)}, {"channels", {{"beta", {{"ios", answer(c, "Beta")}}}, {"bare", {{"ios", answer(c)}}}}}};
   return boost::json::serialize(boost::json::object{{"domains", boost::json::object{}}, {"stores", stores}});
 }
 
@@ -56,35 +53,29 @@ TEST(SettingsWorkflowTest, AnswersMustBeAboutWhatWasAsked) {
   harness.service->setDiagnosticsDelegate(traces);
   harness.emulator().setFault(settingsPath("https://store2.example.com:443/Store"), {.dropMidBody = true});
   const auto caseStore = url("https://case.example.com/C");
-  const struct {
-    const char* what;
-    OrvAppConfigStoreURLSet stores;
-    std::optional<std::string> channel;
-    OrvAppConfigServiceCompletionStatus status;
-    std::optional<std::size_t> delivered = std::nullopt;
-  } rows[] = {
-      {"one store failing among three", {store(0), store(1), store(2)}, std::nullopt, 0, 2},
-      {"no store answers", {store(2), url("https://gone.example.com/Store")}, std::nullopt, 3},
-      {"substituted store", {store(0), url("https://substitute.example.com/S")}, std::nullopt, 3},
-      {"answer without a store name", {url("https://noname.example.com/N")}, std::nullopt, 3},
-      {"channel differing in case", {caseStore}, "beta", 3},
-      {"channel missing from the answer", {caseStore}, "bare", 3},
-      {"every store on the channel asked", {store(0), store(1)}, "beta", 0, 2},
-      {"no channel asked: any accepted", {caseStore}, std::nullopt, 0, 1},
+  // Each row: what is asked, and how many records come back (none: the request fails, status 3).
+  const std::tuple<const char*, OrvAppConfigStoreURLSet, std::optional<std::string>, std::optional<std::size_t>> rows[] = {
+      {"one store failing among three", {store(0), store(1), store(2)}, std::nullopt, 2},
+      {"no store answers", {store(2), url("https://gone.example.com/Store")}, std::nullopt, std::nullopt},
+      {"substituted store", {store(0), url("https://substitute.example.com/S")}, std::nullopt, std::nullopt},
+      {"answer without a store name", {url("https://noname.example.com/N")}, std::nullopt, std::nullopt},
+      {"channel differing in case", {caseStore}, "beta", std::nullopt},
+      {"channel missing from the answer", {caseStore}, "bare", std::nullopt},
+      {"every store on the channel asked", {store(0), store(1)}, "beta", 2},
+      {"no channel asked: any accepted", {caseStore}, std::nullopt, 1},
   };
-  for (const auto& row : rows) {
-    const auto outcome = retrieve(*harness.service, row.stores, row.channel);
-    EXPECT_EQ(outcome.status, row.status) << row.what;
-    EXPECT_EQ(outcome.result ? std::optional(outcome.result->size()) : std::nullopt, row.delivered) << row.what;
-    EXPECT_EQ(outcome.error, std::nullopt) << row.what;
+  for (const auto& [what, stores, channel, delivered] : rows) {
+    const auto outcome = retrieve(*harness.service, stores, channel);
+    EXPECT_EQ(outcome.status, delivered ? 0u : 3u) << what;
+    EXPECT_EQ(outcome.result ? std::optional(outcome.result->size()) : std::nullopt, delivered) << what;
+    EXPECT_EQ(outcome.error, std::nullopt) << what;
     // Keyed by the URL as given, not as normalised, and with the signed validity period.
     for (const auto& [store, record] : outcome.result.value_or(OrvAppConfigStoreSettingsDictionary{})) {
-      EXPECT_TRUE(row.stores.contains(store) && record->notValidBefore() && record->notValidAfter()) << row.what;
+      EXPECT_TRUE(stores.contains(store) && record->notValidBefore() && record->notValidAfter()) << what;
     }
     ASSERT_FALSE(traces->all.empty());
-    EXPECT_EQ(traces->all.back()->subject.find("channel \"" + row.channel.value_or("")) != std::string::npos,
-              row.channel.has_value())
-        << row.what;
+    const bool namesChannel = traces->all.back()->subject.find("channel \"" + channel.value_or("")) != std::string::npos;
+    EXPECT_EQ(namesChannel, channel.has_value()) << what;
   }
   ASSERT_EQ(traces->all.size(), std::size(rows));
   std::map<std::string, OrvAppConfigTraceStep> steps;
