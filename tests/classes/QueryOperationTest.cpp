@@ -100,25 +100,19 @@ TEST(OrvAppConfigQueryOperationTest, CancelledBeforeStartAndNoURLOrSessionMakeNo
             "Unknown OrvAppConfigQueryOperationCompletionStatus of 9");
 }
 
-namespace {
-
-class CertificateFactory : public OrvSecurityServiceProtocol {
- public:
-  std::vector<std::string> contents;
-  OrvCertificateRef createCertificateFromCertificateContent(std::string_view content) override {
-    contents.emplace_back(content);
-    return nullptr;
-  }
-  void asyncValidateJWTWithJwtPayload(std::string, std::optional<std::string>, std::optional<std::string>, OrvCertificateRef,
-                                      std::shared_ptr<const AdditionalCertificateValidationOptions>,
-                                      OrvJWTValidationCompletionBlock) override {}
-};
-
-}  // namespace
-
 // The certificate the real security service accepts is the workflow tests'; here the answers it never sees.
 TEST(OrvAppConfigGetSigningCertificateOperationTest, HostTypesAndAnswers) {
   const DiscoveryHostsOverride hosts("prod.example.net", "stage.example.net");
+  struct CertificateFactory : OrvSecurityServiceProtocol {
+    std::vector<std::string> contents;
+    OrvCertificateRef createCertificateFromCertificateContent(std::string_view content) override {
+      contents.emplace_back(content);
+      return nullptr;
+    }
+    void asyncValidateJWTWithJwtPayload(std::string, std::optional<std::string>, std::optional<std::string>, OrvCertificateRef,
+                                        std::shared_ptr<const AdditionalCertificateValidationOptions>,
+                                        OrvJWTValidationCompletionBlock) override {}
+  };
   auto factory = std::make_shared<CertificateFactory>();
   const auto make = [&](std::uint64_t hostType, const char* body) {
     return OrvAppConfigGetSigningCertificateOperation::initWithSecurityService(

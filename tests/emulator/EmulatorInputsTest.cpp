@@ -49,18 +49,14 @@ TEST(DiscoveryEmulatorFaults, KnobsFoldIntoOneSpecPerPathAndRefuseWhatTheyCannot
   writeFile(files.file("bytes"), "HTTP/1.1 200 OK\r\n\r\n");
   std::map<std::string, emulator::FaultSpec> faults;
   for (const std::string& knob : std::vector<std::string>{"status=503", "delay=5", "drip=7", "drop", "nosig", "badsig", "body=a",
-                                                          "raw=@" + files.file("bytes"), "reset", "hangup-reused"}) {
+                                                          "raw=@" + files.file("bytes"), "reset", "hangup-reused"})
     ASSERT_TRUE(emulator::addFaultArgument(faults, "/a:b:" + knob)) << knob;
-  }
   ASSERT_TRUE(emulator::addFaultArgument(faults, "/c:silence"));
   ASSERT_EQ(faults.size(), 2u);
   const auto& a = faults.at("/a:b");
-  EXPECT_EQ(a.status, 503u);
-  EXPECT_EQ(std::tuple(a.delay, a.drip, a.dropMidBody, a.omitSignature, a.corruptSignature, a.hangUpIfReused),
-            std::tuple(5ms, 7ms, true, true, true, true));
-  EXPECT_EQ(a.body, "a");
-  EXPECT_EQ(a.raw, "HTTP/1.1 200 OK\r\n\r\n");
-  EXPECT_EQ(a.ending, emulator::FaultEnding::reset);
+  EXPECT_EQ(std::tuple(a.status, a.delay, a.drip, a.dropMidBody, a.omitSignature, a.corruptSignature, a.hangUpIfReused),
+            std::tuple(503u, 5ms, 7ms, true, true, true, true));
+  EXPECT_EQ(std::tuple(a.body, a.raw, a.ending), std::tuple("a", "HTTP/1.1 200 OK\r\n\r\n", emulator::FaultEnding::reset));
   EXPECT_EQ(faults.at("/c").ending, emulator::FaultEnding::silence);
 
   for (const char* bad :

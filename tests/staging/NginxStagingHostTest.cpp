@@ -102,13 +102,11 @@ TEST_P(NginxStagingHostTest, DiscoveryAndManyStoresRideOneHTTP2ConnectionAtATime
       << readFile(out.file("error.log"));
   const DiscoveryHostsOverride hosts("127.0.0.1:" + std::to_string(options.port));
 
-  OrvCurlURLSessionConfiguration configuration;
-  configuration.caFile = material.file(orv::emulator::kTLSCAFile);
   OrvSecurityUtilsService::Configuration security;
   security.trustAnchors = OrvSecurityUtilsService::loadCertificatesFromPEMFile(material.file(orv::emulator::kSigningCAFile))
                               .value_or(std::vector<OrvCertificateRef>{});
   ASSERT_FALSE(security.trustAnchors.empty());
-  const auto session = OrvCurlURLSession::create(configuration);
+  const auto session = OrvCurlURLSession::create({.caFile = material.file(orv::emulator::kTLSCAFile)});
   // An origin that never answers says nothing about protocols: it must not keep the limit of six.
   std::atomic<bool> refused{false};
   session

@@ -170,12 +170,11 @@ TEST(AutoDiscoveryWorkflowTest, WholeHostFallbackProbeRequestsInTurnAndTheirTrac
 
 TEST(AutoDiscoveryWorkflowTest, ReleasingTheServiceCancelsItsRequestsWithoutCompletion) {
   EmulatorHarness harness({kCatalog});
-  // The first request has its answer and waits for the signing certificate when the service goes.
-  const FaultSpec slow{.delay = std::chrono::seconds(30)};
-  harness.emulator().setFault(kPublicKey, slow);
-  harness.emulator().setFault("/ads/root/domain/example.org/", slow);
-  // Held back too: an answer that came before the release would rightly be delivered.
-  harness.emulator().setFault(settingsPath("https://store.example.com:443/Store"), slow);
+  // The first request has its answer and waits for the signing certificate when the service goes. The
+  // other answers are held back too: one that came before the release would rightly be delivered.
+  for (const auto& path :
+       {kPublicKey, std::string("/ads/root/domain/example.org/"), settingsPath("https://store.example.com:443/Store")})
+    harness.emulator().setFault(path, {.delay = std::chrono::seconds(30)});
   std::weak_ptr<OrvAppConfigService> weak = harness.service;
   std::weak_ptr<OrvURLSession> weakSession = harness.session;
   std::atomic<int> calls{0};
