@@ -35,8 +35,7 @@ TEST(OrvAppConfigAutoDiscoverRecordTest, TopLevelShapesFieldsAndLists) {
   ASSERT_NE(record, nullptr);
   EXPECT_EQ(record->domain()->name(), "Example.com");
   const auto& services = record->kaleth()->serviceUrls();
-  ASSERT_TRUE(services);
-  ASSERT_EQ(services->size(), 3u);
+  ASSERT_EQ(services.value_or(OrvAppConfigURLList{}).size(), 3u);
   EXPECT_EQ((*services)[0]->url(), std::nullopt);
   EXPECT_EQ((*services)[1]->url()->absoluteString(), "https://svc.example.com/a");
   EXPECT_EQ((*services)[2]->url(), std::nullopt);

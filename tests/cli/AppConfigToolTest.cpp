@@ -14,8 +14,7 @@ namespace {
 
 struct ToolRun {
   int exitCode = -1;
-  std::string out;
-  std::string err;
+  std::string out, err;
   boost::json::value json() const { return boost::json::parse(out); }
 };
 
