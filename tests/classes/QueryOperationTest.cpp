@@ -9,8 +9,7 @@
 #include "OrvOperationQueueTesting.h"
 #include "TestSupport.h"
 
-using orv::test::FakeResponse;
-using orv::test::FakeURLSession;
+using namespace orv::test;
 
 namespace {
 
@@ -23,7 +22,7 @@ void runToCompletion(const std::shared_ptr<OrvOperation>& operation, bool cancel
   if (cancelFirst) operation->cancel();
   OrvOperationQueue queue("test");
   queue.addOperation(operation);
-  ASSERT_TRUE(orv::test::pollUntil([&] { return done->load(); }));
+  ASSERT_TRUE(pollUntil([&] { return done->load(); }));
 }
 
 std::shared_ptr<FakeURLSession> answering(FakeResponse response) {
@@ -32,7 +31,7 @@ std::shared_ptr<FakeURLSession> answering(FakeResponse response) {
 
 std::shared_ptr<OrvAppConfigAutoDiscoverOperation> autoDiscover(std::shared_ptr<FakeURLSession> session,
                                                                 std::optional<std::string> input = "user@example.com") {
-  auto headers = std::make_shared<orv::test::StaticHeaderProvider>();
+  auto headers = std::make_shared<StaticHeaderProvider>();
   headers->monitoring = {{"X-Monitor", "m"}, {"X-Shared", "from-monitoring"}};
   headers->transaction = {{"X-Transaction-Id", "t-1"}, {"X-Shared", "from-transaction"}};
   return OrvAppConfigAutoDiscoverOperation::initWithUserInput(std::move(input), 0, 0, std::move(session), headers);
@@ -43,14 +42,10 @@ std::shared_ptr<OrvAppConfigAutoDiscoverOperation> autoDiscover(std::shared_ptr<
 // Statuses and transport errors on the real stack (204, 500, refused connections, ...) are the fault
 // matrix's rows; these are the answers no real server gives on demand, and what the operation keeps of each.
 TEST(OrvAppConfigQueryOperationTest, AnswerTable) {
-  const orv::test::DiscoveryHostsOverride hosts("prod.example.net");
-  auto log = orv::test::LogCollector::install();
+  const DiscoveryHostsOverride hosts("prod.example.net");
+  auto log = LogCollector::install();
   const OrvError transport(OrvURLErrorDomain, 7, {{OrvLocalizedDescriptionKey, "Couldn't connect to server"}});
-  const struct {
-    FakeResponse response;
-    OrvAppConfigQueryOperationCompletionStatus status;
-    bool hasError;
-  } cases[] = {
+  const std::tuple<FakeResponse, OrvAppConfigQueryOperationCompletionStatus, bool> cases[] = {
       {{OrvData(kRecordBody), 200, {{"VARNEL-SIGNATURE", "aGVhZA.c2ln"}}}, 0, false},
       {{std::nullopt, 200, {}}, 2, false},
       {{OrvData("not json"), 200, {}}, 3, true},
@@ -58,20 +53,19 @@ TEST(OrvAppConfigQueryOperationTest, AnswerTable) {
       // A 200 with a body is good even when an error comes with it.
       {{OrvData(kRecordBody), 200, {}, transport}, 0, false},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.response.statusCode << " " << c.response.body.value_or("(none)"));
-    auto session = answering(c.response);
+  for (const auto& [response, status, hasError] : cases) {
+    SCOPED_TRACE(testing::Message() << response.statusCode << " " << response.body.value_or("(none)"));
+    auto session = answering(response);
     auto operation = autoDiscover(session);
     runToCompletion(operation);
-    EXPECT_EQ(operation->completionStatus(), c.status);
-    EXPECT_EQ(operation->completionError().has_value(), c.hasError);
-    EXPECT_EQ(operation->autoDiscoverRecord() != nullptr, c.status == 0);
-    EXPECT_EQ(operation->responseData(), c.status == 0 ? c.response.body : std::nullopt);
+    EXPECT_EQ(operation->completionStatus(), status);
+    EXPECT_EQ(operation->completionError().has_value(), hasError);
+    EXPECT_EQ(operation->autoDiscoverRecord() != nullptr, status == 0);
+    EXPECT_EQ(operation->responseData(), status == 0 ? response.body : std::nullopt);
     EXPECT_EQ(operation->varnelSignatureHeader(),
-              c.status == 0 && !c.response.headers.empty() ? std::optional<std::string>("aGVhZA.c2ln") : std::nullopt);
+              status == 0 && !response.headers.empty() ? std::optional<std::string>("aGVhZA.c2ln") : std::nullopt);
     const auto request = session->requests().at(0);
     EXPECT_EQ(request.URL().absoluteString(), "https://prod.example.net/ads/root/domain/example.com/");
-    EXPECT_EQ(request.HTTPMethod(), "GET");
     EXPECT_EQ(request.valueForHTTPHeaderField("x-monitor"), "m");
     // A field of the same name is replaced, the others are left: the transaction header, applied last, wins.
     EXPECT_EQ(request.valueForHTTPHeaderField("X-Shared"), "from-transaction");
@@ -80,58 +74,45 @@ TEST(OrvAppConfigQueryOperationTest, AnswerTable) {
   for (const auto& line : log->lines()) EXPECT_EQ(line.function.find("<lambda"), std::string::npos) << line.message;
 }
 
+// None of these sends a request: a query cancelled before it starts, one whose input gives no URL, and
+// one of a service built without a session, which fails instead of crashing. A traced request says of a
+// step that never ran that it was cancelled, rather than leaving it out.
 TEST(OrvAppConfigQueryOperationTest, CancelledBeforeStartAndNoURLOrSessionMakeNoRequest) {
   auto session = answering({});
-  auto cancelled = autoDiscover(session);
-  // A traced request says of a step that never ran that it was cancelled, rather than leaving it out.
   const auto recorder =
       std::make_shared<orv::detail::RequestTraceRecorder>(OrvAppConfigRequestTrace::Kind::autoDiscovery, "test", nullptr);
-  cancelled->setTraceRecorder(recorder, "auto-discover query");
-  runToCompletion(cancelled, /*cancelFirst=*/true);
-  EXPECT_EQ(cancelled->completionStatus(), OrvAppConfigQueryOperationCompletionStatusCancelled);
-  EXPECT_EQ(cancelled->completionError(), std::nullopt);
-  const auto trace = recorder->finish(cancelled->completionStatus(), std::nullopt);
-  ASSERT_EQ(trace->steps.size(), 1u);
+  const std::tuple<std::shared_ptr<OrvAppConfigAutoDiscoverOperation>, OrvAppConfigQueryOperationCompletionStatus, std::int64_t>
+      cases[] = {{autoDiscover(session), OrvAppConfigQueryOperationCompletionStatusCancelled, 0},
+                 {autoDiscover(session, ""), OrvAppConfigQueryOperationCompletionStatusCouldNotBuildUrl, 0},
+                 {autoDiscover(nullptr), OrvAppConfigQueryOperationCompletionStatusInvalidResponse, OrvURLErrorNoSession}};
+  for (const auto& [operation, status, errorCode] : cases) {
+    operation->setTraceRecorder(recorder, "auto-discover query");
+    runToCompletion(operation, /*cancelFirst=*/status == OrvAppConfigQueryOperationCompletionStatusCancelled);
+    EXPECT_EQ(operation->completionStatus(), status);
+    EXPECT_EQ(operation->completionError().value_or(OrvError("none", 0)).code(), errorCode) << status;
+  }
+  EXPECT_EQ(session->requests().size(), 0u);
+  const auto trace = recorder->finish(0, std::nullopt);
+  ASSERT_EQ(trace->steps.size(), 3u);
   EXPECT_FALSE(trace->steps[0].passed);
   EXPECT_TRUE(trace->steps[0].detail.starts_with("cancelled before an answer")) << trace->steps[0].detail;
-
-  auto empty = autoDiscover(session, "");
-  EXPECT_EQ(empty->requestedDomain(), std::nullopt);
-  empty->setTraceRecorder(recorder, "auto-discover query");
-  runToCompletion(empty);
-  EXPECT_EQ(empty->completionStatus(), OrvAppConfigQueryOperationCompletionStatusCouldNotBuildUrl);
-  EXPECT_EQ(empty->completionError(), std::nullopt);
-  EXPECT_EQ(session->requests().size(), 0u);
-  ASSERT_EQ(recorder->finish(empty->completionStatus(), std::nullopt)->steps.size(), 2u);
   EXPECT_EQ(OrvAppConfigQueryOperation::descriptionForCompletionStatus(9),
             "Unknown OrvAppConfigQueryOperationCompletionStatus of 9");
-
-  // A service built without a session fails its queries instead of crashing.
-  auto sessionless = autoDiscover(nullptr);
-  runToCompletion(sessionless);
-  EXPECT_EQ(sessionless->completionStatus(), OrvAppConfigQueryOperationCompletionStatusInvalidResponse);
-  EXPECT_EQ(sessionless->completionError().value_or(OrvError("none", 0)).code(), OrvURLErrorNoSession);
 }
-
-namespace {
-
-class CertificateFactory : public OrvSecurityServiceProtocol {
- public:
-  std::vector<std::string> contents;
-  OrvCertificateRef createCertificateFromCertificateContent(std::string_view content) override {
-    contents.emplace_back(content);
-    return nullptr;
-  }
-  void asyncValidateJWTWithJwtPayload(std::string, std::optional<std::string>, std::optional<std::string>, OrvCertificateRef,
-                                      std::shared_ptr<const AdditionalCertificateValidationOptions>,
-                                      OrvJWTValidationCompletionBlock) override {}
-};
-
-}  // namespace
 
 // The certificate the real security service accepts is the workflow tests'; here the answers it never sees.
 TEST(OrvAppConfigGetSigningCertificateOperationTest, HostTypesAndAnswers) {
-  const orv::test::DiscoveryHostsOverride hosts("prod.example.net", "stage.example.net");
+  const DiscoveryHostsOverride hosts("prod.example.net", "stage.example.net");
+  struct CertificateFactory : OrvSecurityServiceProtocol {
+    std::vector<std::string> contents;
+    OrvCertificateRef createCertificateFromCertificateContent(std::string_view content) override {
+      contents.emplace_back(content);
+      return nullptr;
+    }
+    void asyncValidateJWTWithJwtPayload(std::string, std::optional<std::string>, std::optional<std::string>, OrvCertificateRef,
+                                        std::shared_ptr<const AdditionalCertificateValidationOptions>,
+                                        OrvJWTValidationCompletionBlock) override {}
+  };
   auto factory = std::make_shared<CertificateFactory>();
   const auto make = [&](std::uint64_t hostType, const char* body) {
     return OrvAppConfigGetSigningCertificateOperation::initWithSecurityService(

@@ -1,32 +1,20 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "OrvAppConfigServiceLogger.h"
 #include "TestSupport.h"
 
 using namespace orv::test;
 
-namespace {
-
-std::shared_ptr<FakeURLSession> answering(std::int64_t status) {
-  return std::make_shared<FakeURLSession>([status](const OrvURLRequest&) { return FakeResponse{std::nullopt, status}; });
-}
-
-std::shared_ptr<OrvAppConfigService> makeService(std::shared_ptr<OrvURLSession> session,
-                                                 std::shared_ptr<OrvFeatureFlagProviderProtocol> flags = nullptr) {
-  return OrvAppConfigService::initWithURLSession(std::move(session), std::make_shared<StaticHeaderProvider>(), nullptr,
-                                                 std::move(flags));
-}
-
-}  // namespace
-
 // Refusals send nothing, yet still arrive the way every other outcome does: later, on the main queue
-// (discover() and retrieve() check that).
+// (discover() and retrieve() check that). The flags' other settings are the workflow tests' (whole-host
+// probe on and off).
 TEST(OrvAppConfigServiceTest, RefusedRequestsSendNothing) {
-  auto session = answering(200);
-  auto service = makeService(session);
-  for (const auto& input :
-       {std::optional<std::string>{}, std::optional<std::string>(""), std::optional<std::string>(" \t\n\u2028")}) {
+  const DiscoveryHostsOverride hosts("prod.example.net");
+  const auto session = std::make_shared<FakeURLSession>([](const OrvURLRequest&) { return FakeResponse{std::nullopt, 500}; });
+  const auto service =
+      OrvAppConfigService::initWithURLSession(session, std::make_shared<StaticHeaderProvider>(), nullptr, nullptr);
+  using Input = std::optional<std::string>;
+  for (const auto& input : {Input{}, Input(""), Input(" \t\n\u2028")}) {
     const auto refused = discover(*service, input);
     EXPECT_EQ(refused.status, OrvAppConfigServiceCompletionStatusInvalidParameters);
     EXPECT_EQ(refused.result, nullptr);
@@ -36,7 +24,7 @@ TEST(OrvAppConfigServiceTest, RefusedRequestsSendNothing) {
   service->asyncStartAutodiscoveryForUserInput("user@example.com", 0, nullptr);
 
   const auto store = *OrvURL::URLWithString("https://store.example.com/Store");
-  std::vector<std::pair<OrvAppConfigStoreURLSet, std::optional<std::string>>> settings = {{{}, std::nullopt}};
+  std::vector<std::pair<OrvAppConfigStoreURLSet, Input>> settings = {{{}, std::nullopt}};
   for (const char* channel : {"be ta", "beta%20", "beta?", "b#", "b;", "b\u00e9"})
     settings.emplace_back(OrvAppConfigStoreURLSet{store}, channel);
   for (const auto& [stores, channel] : settings) {
@@ -46,23 +34,18 @@ TEST(OrvAppConfigServiceTest, RefusedRequestsSendNothing) {
   }
   EXPECT_EQ(session->requests().size(), 0u);
 
+  // While channels are off, a channel invalid as such is dropped and the request made without it.
+  const auto channelsOff = OrvAppConfigService::initWithURLSession(session, std::make_shared<StaticHeaderProvider>(), nullptr,
+                                                                   std::make_shared<FixedFeatureFlags>(true, false));
+  EXPECT_EQ(retrieve(*channelsOff, {store}, "be ta").status, OrvAppConfigServiceCompletionStatusConfigurationRetrievalFailed);
+  ASSERT_EQ(session->requests().size(), 1u);
+  EXPECT_THAT(session->requests()[0].URL().absoluteString(), ::testing::EndsWith("/product/kaleth/os/ios"));
+
   // Trace texts name every known status, and unknown ones by number.
   for (OrvAppConfigServiceCompletionStatus status = 0; status < 4; ++status)
     EXPECT_THAT(OrvAppConfigService::descriptionForCompletionStatus(status), ::testing::StartsWith("OrvAppConfigService"));
   EXPECT_EQ(OrvAppConfigService::descriptionForCompletionStatus(4), "Unknown OrvAppConfigServiceCompletionStatus of 4");
   EXPECT_EQ(OrvAppConfigService::descriptionForPayloadValidationStatus(-1), "Unknown OrvPayloadValidationStatus of -1");
-}
-
-// The flags' other settings are the workflow tests' (whole-host probe on and off).
-TEST(OrvAppConfigServiceTest, ChannelNameIsDroppedWhileChannelsAreOff) {
-  const DiscoveryHostsOverride hosts("prod.example.net");
-  auto session = answering(500);
-  auto service = makeService(session, std::make_shared<FixedFeatureFlags>(true, false));
-  // Invalid as a channel, but it never reaches the request while the feature is off.
-  const auto failed = retrieve(*service, {*OrvURL::URLWithString("https://store.example.com/Store")}, "be ta");
-  EXPECT_EQ(failed.status, OrvAppConfigServiceCompletionStatusConfigurationRetrievalFailed);
-  ASSERT_EQ(session->requests().size(), 1u);
-  EXPECT_THAT(session->requests()[0].URL().absoluteString(), ::testing::EndsWith("/product/kaleth/os/ios"));
 }
 
 TEST(OrvAppConfigServiceLoggerTest, MessagesReachTheDelegateAsData) {

@@ -19,15 +19,13 @@ std::optional<std::string> urlString(const std::optional<OrvURL>& url) {
 
 }  // namespace
 
-TEST(OrvAppConfigServiceUtilsTest, EmailAddressRecognition) {
+TEST(OrvAppConfigServiceUtilsTest, EmailAddressesAndURLsFromUserInputAndStoreURLs) {
   // Blanks at the edges, non-ASCII ones included, are trimmed; inside they spoil the address.
   for (const char* text : {"user@example.com", "  user@example.com\n", "user@example", "a@b", "\u00a0a@b\u3000"})
     EXPECT_TRUE(isEmailAddress(text)) << text;
   for (const char* text : {"user@", "@example.com", "a@b@c", "a@@b", "us er@example.com", "us\u2003er@example.com", ""})
     EXPECT_FALSE(isEmailAddress(text)) << text;
-}
 
-TEST(OrvAppConfigServiceUtilsTest, UrlsFromUserInputAndStoreURLs) {
   const std::pair<const char*, std::optional<std::string>> inputs[] = {
       {"", std::nullopt},
       {"   \t", std::nullopt},
@@ -69,7 +67,7 @@ TEST(OrvAppConfigServiceUtilsTest, StoreURLMatching) {
         << (asked ? asked : "nil") << " / " << (answered ? answered : "nil");
 }
 
-TEST(OrvAppConfigURLGeneratorsTest, AutoDiscoverDomainsAndURLs) {
+TEST(OrvAppConfigURLGeneratorsTest, AutoDiscoverAndSettingsQueryURLs) {
   const orv::test::DiscoveryHostsOverride hosts("prod.example.net", "stage.example.net:8443");
   using G = OrvAppConfigAutoDiscoverURLGenerator;
   EXPECT_EQ(G::corporateDomainFromPossibleEmailAddressUserInput("user@sub.Example.com"), "sub.Example.com");
@@ -97,10 +95,8 @@ TEST(OrvAppConfigURLGeneratorsTest, AutoDiscoverDomainsAndURLs) {
     EXPECT_EQ(urlString(G::generateAutoDiscoverURLForUserInput(input, hostType, mode)), url) << input.value_or("nil");
   for (OrvAppConfigAutoDiscoverURLGeneratorMode mode = 0; mode < 3; ++mode)
     EXPECT_FALSE(G::descriptionForAutoDiscoverURLGeneratorMode(mode).empty());
-}
 
-TEST(OrvAppConfigURLGeneratorsTest, SettingsQueryURLs) {
-  const orv::test::DiscoveryHostsOverride hosts("prod.example.net", "stage.example.net:8443");
+  // Settings queries: the store as the client normalises it, base64url-encoded without padding.
   const std::string encoded = *OrvBase64URLEncodedStringFromString("https://store.example.com:443/Store");
   EXPECT_EQ(encoded.find('='), std::string::npos);
   const std::string prod = "https://prod.example.net/ads/root/url/" + encoded + "/product/kaleth/os/";

@@ -1,13 +1,11 @@
 // orv-appconfig as scripts use it: arguments, exit codes, JSON output and archives, against the emulator.
 // What each refusal means is the workflow tests' business; here only how the tool reports it.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <sys/wait.h>
 #include <boost/json.hpp>
 
 #include "EmulatorHarness.h"
-#include "TestSupport.h"
 
 using namespace orv::test;
 using ::testing::HasSubstr;
@@ -16,8 +14,7 @@ namespace {
 
 struct ToolRun {
   int exitCode = -1;
-  std::string out;
-  std::string err;
+  std::string out, err;
   boost::json::value json() const { return boost::json::parse(out); }
 };
 
@@ -58,7 +55,19 @@ class AppConfigToolTest : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(AppConfigToolTest, DiscoverReportsTheRecordOrWhatRefusedIt) {
+// Usage errors are 64 and go nowhere; otherwise the exit code is the completion status.
+TEST_F(AppConfigToolTest, ExitCodesAndWhatDiscoverReports) {
+  const std::string store = "settings https://store.example.com/Store";
+  const std::pair<std::string, int> cases[] = {
+      {"discover", 64},
+      {"discover user@example.com --host-type x", 64},
+      {store + " --platform tvos", 64},
+      {store + " --channel 'be ta'" + connect(), 1},
+      {store + " --platform 7" + connect(), 3},
+  };
+  for (const auto& [arguments, exitCode] : cases) EXPECT_EQ(run(arguments).exitCode, exitCode) << arguments;
+  EXPECT_TRUE(harness.emulator().requests().empty());
+
   const auto good = run("discover user@example.com --json" + connect());
   ASSERT_EQ(good.exitCode, 0) << good.err;
   const auto json = good.json();
@@ -72,13 +81,12 @@ TEST_F(AppConfigToolTest, DiscoverReportsTheRecordOrWhatRefusedIt) {
   const auto unknown = run("discover user@unknown.example --json" + connect());
   EXPECT_EQ(unknown.exitCode, 2);
   EXPECT_EQ(unknown.json().at("error"), nullptr);
-  EXPECT_THAT(unknown.err, HasSubstr("failing permanently"));
 
   harness.emulator().setFault("/ads/root/domain/example.com/", {.corruptSignature = true});
   const auto forged = run("discover user@example.com --json" + connect());
   EXPECT_EQ(forged.exitCode, 2);
   EXPECT_EQ(forged.json().at("error").at("domain"), "com.varnel.OrvSecurityUtils.errorDomain");
-  EXPECT_THAT(std::string(forged.json().at("error").at("description").as_string()), HasSubstr("signature"));
+  EXPECT_EQ(forged.json().at("error").at("code"), OrvSecurityUtilsResultSignatureMismatch);
   EXPECT_EQ(forged.json().at("trace").at("steps").as_array().back().at("rule"), 15);
   // --explain names the URL whose answer was refused and the rule that refused it; without anchors the
   // tool says that it trusts names alone.
@@ -119,18 +127,4 @@ TEST_F(AppConfigToolTest, SettingsArchiveReadsBackAndRefusesHandEditing) {
   const auto edited = run("show-archive " + archive);
   EXPECT_NE(edited.exitCode, 0);
   EXPECT_THAT(edited.err, HasSubstr("not an archive of settings records"));
-}
-
-// Usage errors are 64 and go nowhere; otherwise the exit code is the completion status.
-TEST_F(AppConfigToolTest, ExitCodes) {
-  const std::string store = "settings https://store.example.com/Store";
-  const std::pair<std::string, int> cases[] = {
-      {"discover", 64},
-      {"discover user@example.com --host-type x", 64},
-      {store + " --platform tvos", 64},
-      {store + " --channel 'be ta'" + connect(), 1},
-      {store + " --platform 7" + connect(), 3},
-  };
-  for (const auto& [arguments, exitCode] : cases) EXPECT_EQ(run(arguments).exitCode, exitCode) << arguments;
-  EXPECT_TRUE(harness.emulator().requests().empty());
 }

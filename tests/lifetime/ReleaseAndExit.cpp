@@ -22,9 +22,7 @@ int main(int argc, char** argv) {
   }
   const std::string releaseFrom = argv[4];
   OrvAppConfigDiscoveryHosts::setProductionHost(std::string(argv[1]));
-  OrvCurlURLSessionConfiguration configuration;
-  configuration.caFile = argv[2];
-  auto session = OrvCurlURLSession::create(configuration);
+  auto session = OrvCurlURLSession::create({.caFile = argv[2]});
   auto service = OrvAppConfigService::initWithURLSession(session, std::make_shared<OrvHttpHeaderProviderService>(),
                                                          OrvSecurityUtilsService::create(), nullptr);
   if (!session || !service) return 70;
@@ -40,7 +38,7 @@ int main(int argc, char** argv) {
   std::this_thread::sleep_for(std::chrono::milliseconds(std::atoi(argv[3])));
 
   if (releaseFrom == "worker") {
-    std::thread([service = std::move(service), session = std::move(session)]() mutable {
+    std::thread([&] {
       service.reset();
       session.reset();
     }).join();

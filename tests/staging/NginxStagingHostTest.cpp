@@ -14,9 +14,6 @@
 #include <sstream>
 
 #include "EmulatorHarness.h"
-#include "OrvAppConfigSettingsRecord.h"
-#include "OrvDiscoveryEmulator.h"
-#include "TestSupport.h"
 
 using namespace orv::test;
 
@@ -26,30 +23,27 @@ constexpr const char* kNginx = "/usr/sbin/nginx";
 
 // nginx kept in the foreground as our child so that it can be reaped, and stopped the documented way
 // (SIGQUIT to its master, which in the foreground is the child itself) however the test ends.
-class NginxProcess {
- public:
-  explicit NginxProcess(const TemporaryDirectory& prefix) : pid_(fork()) {
-    if (pid_ == 0) {
-      // Should the test process die first, nginx goes with it rather than holding the port.
-      prctl(PR_SET_PDEATHSIG, SIGTERM);
-      execl(kNginx, kNginx, "-p", prefix.path().c_str(), "-c", "nginx.conf", "-e", prefix.file("error.log").c_str(), "-g",
-            "daemon off;", nullptr);
-      _exit(127);
-    }
+struct NginxProcess {
+  explicit NginxProcess(const TemporaryDirectory& prefix) : pid(fork()) {
+    if (pid != 0) return;
+    // Should the test process die first, nginx goes with it rather than holding the port.
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    execl(kNginx, kNginx, "-p", prefix.path().c_str(), "-c", "nginx.conf", "-e", prefix.file("error.log").c_str(), "-g",
+          "daemon off;", nullptr);
+    _exit(127);
   }
   ~NginxProcess() {
     if (exited()) return;
-    kill(pid_, SIGQUIT);
+    kill(pid, SIGQUIT);
     if (!pollUntil([this] { return exited(); }, std::chrono::seconds(10))) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
+      kill(pid, SIGKILL);
+      waitpid(pid, nullptr, 0);
     }
   }
-  bool exited() { return reaped_ = reaped_ || pid_ <= 0 || waitpid(pid_, nullptr, WNOHANG) == pid_; }
+  bool exited() { return reaped = reaped || pid <= 0 || waitpid(pid, nullptr, WNOHANG) == pid; }
 
- private:
-  pid_t pid_;
-  bool reaped_ = false;
+  const pid_t pid;
+  bool reaped = false;
 };
 
 }  // namespace
@@ -108,13 +102,11 @@ TEST_P(NginxStagingHostTest, DiscoveryAndManyStoresRideOneHTTP2ConnectionAtATime
       << readFile(out.file("error.log"));
   const DiscoveryHostsOverride hosts("127.0.0.1:" + std::to_string(options.port));
 
-  OrvCurlURLSessionConfiguration configuration;
-  configuration.caFile = material.file(orv::emulator::kTLSCAFile);
   OrvSecurityUtilsService::Configuration security;
   security.trustAnchors = OrvSecurityUtilsService::loadCertificatesFromPEMFile(material.file(orv::emulator::kSigningCAFile))
                               .value_or(std::vector<OrvCertificateRef>{});
   ASSERT_FALSE(security.trustAnchors.empty());
-  const auto session = OrvCurlURLSession::create(configuration);
+  const auto session = OrvCurlURLSession::create({.caFile = material.file(orv::emulator::kTLSCAFile)});
   // An origin that never answers says nothing about protocols: it must not keep the limit of six.
   std::atomic<bool> refused{false};
   session

@@ -1,15 +1,17 @@
-// Auto-discovery from user input to a validated record, against the emulator over TLS on loopback.
+// Auto-discovery from user input to a validated record, and the trace a host's diagnostics delegate
+// gets of it, against the emulator over TLS on loopback.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <boost/json.hpp>
 
 #include "EmulatorHarness.h"
 #include "OrvEmulatorCrypto.h"
-#include "TestSupport.h"
 
 using namespace orv::test;
 using namespace orv::emulator;
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::Optional;
 
 namespace {
 
@@ -28,11 +30,21 @@ const char* kCatalog = R"({
   "stores": {}
 })";
 const std::string kQuery = "/ads/root/domain/example.com/";
+const std::string kPublicKey = "/ads/root/publickey";
 
-std::size_t countPaths(const std::vector<std::string>& paths, std::string_view prefix) {
-  return static_cast<std::size_t>(
-      std::count_if(paths.begin(), paths.end(), [&](const auto& p) { return p.starts_with(prefix); }));
+std::size_t countPaths(const EmulatorHarness& harness, std::string_view prefix) {
+  return std::ranges::count_if(harness.requestPaths(), [&](const auto& path) { return path.starts_with(prefix); });
 }
+
+// Traces arrive on the main queue, where the tests read them.
+struct TraceCollector : OrvAppConfigDiagnosticsDelegate {
+  std::vector<std::shared_ptr<const OrvAppConfigRequestTrace>> traces;
+  bool onMainQueue = true;
+  void didFinishRequestWithTrace(std::shared_ptr<const OrvAppConfigRequestTrace> trace) override {
+    onMainQueue = onMainQueue && OrvMainQueue::isCurrent();
+    traces.push_back(std::move(trace));
+  }
+};
 
 // Replaces the emulator's signing certificate, keeping its key, by a self-signed one under a near miss
 // of the required issuer's name. The emulator names the new certificate in "x5t#S256", so only the
@@ -50,155 +62,137 @@ void selfSignUnderAnotherName(const TemporaryDirectory& material) {
 
 }  // namespace
 
-TEST(AutoDiscoveryWorkflowTest, OutcomeTable) {
+// What the host gets for each answer: the record, under the domain's name as the record gives it, or a
+// failure without an error; and whether the signing certificate was fetched to verify the answer.
+TEST(AutoDiscoveryWorkflowTest, OutcomeTableAndValidityWindowBoundaries) {
   EmulatorHarness harness({kCatalog});
-  const struct {
-    const char* input;
-    OrvAppConfigServiceCompletionStatus status;
-    bool fetchesCertificate;
-    std::optional<std::string> domain = std::nullopt;  // as named in the record handed out
-  } rows[] = {
+  const std::tuple<const char*, OrvAppConfigServiceCompletionStatus, bool, std::optional<std::string>> rows[] = {
       {"  user@example.com\n", 0, true, "example.com"},
       {"user@upper.example", 0, true, "UPPER.Example"},  // the domain's letter case is ignored
-      {"user@unknown.example", 2, false},                // the query fails with a 404 and no transport error
-      {"user@nourl.example", 2, false},                  // no usable URL: nothing worth verifying
-      {"user@sub.example", 2, true},                     // a sub-domain is not the domain
+      {"user@unknown.example", 2, false, std::nullopt},  // the query fails with a 404 and no transport error
+      {"user@nourl.example", 2, false, std::nullopt},    // no usable URL: nothing worth verifying
+      {"user@sub.example", 2, true, std::nullopt},       // a sub-domain is not the domain
   };
-  for (const auto& row : rows) {
+  for (const auto& [input, status, fetchesCertificate, domain] : rows) {
     harness.emulator().clearRequests();
-    const auto outcome = discover(*harness.service, row.input);
-    EXPECT_EQ(outcome.status, row.status) << row.input;
-    EXPECT_EQ(outcome.error, std::nullopt) << row.input;
-    EXPECT_EQ(outcome.result ? outcome.result->domain()->name() : std::nullopt, row.domain) << row.input;
-    EXPECT_EQ(countPaths(harness.requestPaths(), "/ads/root/publickey"), row.fetchesCertificate ? 1u : 0u) << row.input;
+    const auto outcome = discover(*harness.service, input);
+    EXPECT_EQ(outcome.status, status) << input;
+    EXPECT_EQ(outcome.error, std::nullopt) << input;
+    EXPECT_EQ(outcome.result ? outcome.result->domain()->name() : std::nullopt, domain) << input;
+    EXPECT_EQ(countPaths(harness, kPublicKey), fetchesCertificate ? 1u : 0u) << input;
   }
-}
 
-// How an answer, or the material that signs it, is spoiled, and the security error the host receives;
-// none for an answer refused before any certificate is fetched. The verifier's rules one by one are the
-// security tests'; these rows show that the service applies them to every answer, with the certificate
-// it fetched and the issuer's name it requires.
-TEST(AutoDiscoveryWorkflowTest, RefusedSignatures) {
-  struct Refusal {
-    const char* what;
-    std::optional<std::int64_t> code;
-    std::function<void(EmulatorHarness&)> spoil;
-    HarnessOptions ownHarness = {};
-  };
-  const Refusal rows[] = {
-      {"missing signature", std::nullopt, [](auto& h) { h.emulator().setFault(kQuery, {.omitSignature = true}); }},
-      {"corrupted signature", OrvSecurityUtilsResultSignatureMismatch,
-       [](auto& h) { h.emulator().setFault(kQuery, {.corruptSignature = true}); }},
-      // Another service's certificate: the signature header names the genuine one.
-      {"foreign certificate", OrvSecurityUtilsResultThumbprintMismatch,
-       [](auto& h) {
-         const TemporaryDirectory other;
-         ASSERT_TRUE(generateMaterial(other.path().string()));
-         const boost::json::object answer{{"certificate", readFile(other.file(kSigningRSAFile))}};
-         h.emulator().setFault("/ads/root/publickey", {.body = boost::json::serialize(answer)});
-       }},
-      {"wrong issuer",
-       OrvSecurityUtilsResultIssuerMismatch,
-       nullptr,
-       {.catalogJSON = kCatalog, .prepareMaterial = selfSignUnderAnotherName}},
-  };
-  EmulatorHarness shared({kCatalog});
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.what);
-    std::optional<EmulatorHarness> own;
-    if (row.ownHarness.prepareMaterial) own.emplace(row.ownHarness);
-    auto& harness = own ? *own : shared;
-    harness.emulator().clearFaults();
-    harness.emulator().clearRequests();
-    if (row.spoil) row.spoil(harness);
-    const auto outcome = discover(*harness.service, "user@example.com");
-    EXPECT_EQ(outcome.status, 2u);
-    EXPECT_EQ(outcome.result, nullptr);
-    EXPECT_EQ(outcome.error ? std::optional(outcome.error->code()) : std::nullopt, row.code);
-    EXPECT_TRUE(!outcome.error || outcome.error->domain() == OrvSecurityUtilsErrorDomain);
-    EXPECT_TRUE(row.code || countPaths(harness.requestPaths(), "/ads/root/publickey") == 0) << "refused before verifying";
-  }
-}
-
-TEST(AutoDiscoveryWorkflowTest, ValidityWindowBoundariesWithAnInjectedClock) {
-  EmulatorHarness harness({kCatalog});
+  // With an injected clock: both ends of the record's validity period belong to it.
   const auto at = [&](double seconds) {
     harness.service->setCurrentDateProvider([seconds] { return OrvDateFromTimeIntervalSince1970(seconds); });
     return discover(*harness.service, "user@window.example").status;
   };
-  EXPECT_EQ(at(1700000000.0), 0u) << "the first instant belongs to the period";
-  EXPECT_EQ(at(1700003600.0), 0u) << "so does the last";
+  EXPECT_EQ(at(1700000000.0), 0u);
+  EXPECT_EQ(at(1700003600.0), 0u);
   EXPECT_EQ(at(1699999999.999), 2u);
   EXPECT_EQ(at(1700003600.001), 2u);
 }
 
-TEST(AutoDiscoveryWorkflowTest, WholeHostFallbackProbe) {
+// How an answer, or the material that signs it, is spoiled, and the security error the host receives;
+// none for an answer refused before any certificate is fetched. The verifier's rules one by one are the
+// security tests'; these show that the service applies them to every answer, with the certificate it
+// fetched and the issuer's name it requires. A corrupted signature is the command-line tool's test.
+TEST(AutoDiscoveryWorkflowTest, RefusedSignatures) {
+  const auto refusal = [](EmulatorHarness& harness) {
+    harness.emulator().clearRequests();
+    const auto outcome = discover(*harness.service, "user@example.com");
+    EXPECT_EQ(outcome.status, 2u);
+    EXPECT_EQ(outcome.result, nullptr);
+    EXPECT_TRUE(!outcome.error || outcome.error->domain() == OrvSecurityUtilsErrorDomain);
+    return outcome.error ? std::optional(outcome.error->code()) : std::nullopt;
+  };
   EmulatorHarness harness({kCatalog});
-  EXPECT_EQ(discover(*harness.service, "https://portal.eu.example.org/x").status, 0u);
-  EXPECT_THAT(harness.requestPaths(), ::testing::ElementsAre("/ads/root/domain/example.org/",
-                                                             "/ads/root/domain/portal.eu.example.org/", "/ads/root/publickey"));
+  harness.emulator().setFault(kQuery, {.omitSignature = true});
+  EXPECT_EQ(refusal(harness), std::nullopt) << "missing signature";
+  EXPECT_EQ(countPaths(harness, kPublicKey), 0u) << "refused before verifying";
 
-  // No probe for e-mail input, for a two-label host, nor with the feature off; and at most one.
+  // Another service's certificate: the signature header names the genuine one.
+  harness.emulator().clearFaults();
+  const TemporaryDirectory other;
+  ASSERT_TRUE(generateMaterial(other.path().string()));
+  const boost::json::object answer{{"certificate", readFile(other.file(kSigningRSAFile))}};
+  harness.emulator().setFault(kPublicKey, {.body = boost::json::serialize(answer)});
+  EXPECT_EQ(refusal(harness), OrvSecurityUtilsResultThumbprintMismatch);
+
+  EmulatorHarness selfSigned({.catalogJSON = kCatalog, .prepareMaterial = selfSignUnderAnotherName});
+  EXPECT_EQ(refusal(selfSigned), OrvSecurityUtilsResultIssuerMismatch);
+}
+
+// The requests of one service run one after the other, and each one's trace reaches the delegate on the
+// main queue just before its completion, with the same status. The probe of the whole host is its own
+// step in that trace, beside the query that found nothing.
+TEST(AutoDiscoveryWorkflowTest, WholeHostFallbackProbeRequestsInTurnAndTheirTraces) {
+  EmulatorHarness harness({kCatalog});
+  harness.emulator().setFault("/ads/root/domain/example.org/", {.delay = std::chrono::milliseconds(300)});
+  const auto collector = std::make_shared<TraceCollector>();
+  harness.service->setDiagnosticsDelegate(collector);
+  std::vector<OrvAppConfigServiceCompletionStatus> completed;
+  for (const char* input : {"https://portal.eu.example.org/x", "user@unknown.example"}) {
+    harness.service->asyncStartAutodiscoveryForUserInput(input, 0, [&](auto status, auto, auto) {
+      completed.push_back(status);
+      EXPECT_EQ(collector->traces.size(), completed.size());
+      EXPECT_TRUE(!collector->traces.empty() && collector->traces.back()->status == status);
+    });
+  }
+  ASSERT_TRUE(runMainQueueUntil([&] { return completed.size() == 2; }));
+  EXPECT_THAT(completed, ElementsAre(0u, 2u));
+  EXPECT_TRUE(collector->onMainQueue);
+  // The second request's query went out only after the first request had fetched its certificate.
+  EXPECT_THAT(harness.requestPaths(), ElementsAre("/ads/root/domain/example.org/", "/ads/root/domain/portal.eu.example.org/",
+                                                  kPublicKey, "/ads/root/domain/unknown.example/"));
+  std::map<std::string, OrvAppConfigTraceStep> steps;
+  for (const auto& step : collector->traces.at(0)->steps) steps.emplace(step.name, step);
+  EXPECT_THAT(steps["auto-discover query"].url, Optional(EndsWith("/domain/example.org/")));
+  EXPECT_EQ(steps["auto-discover query"].httpStatus, 404);
+  EXPECT_THAT(steps["fallback probe query"].url, Optional(EndsWith("/domain/portal.eu.example.org/")));
+  EXPECT_TRUE(steps["domain match"].passed);
+
+  // No probe for e-mail input, for a two-label host, nor with the feature off; and at most one. Nor any
+  // trace once the delegate is gone.
+  harness.service->setDiagnosticsDelegate(nullptr);
   const auto queries = [&](const char* input) {
     harness.emulator().clearRequests();
     EXPECT_EQ(discover(*harness.service, input).status, 2u) << input;
-    return countPaths(harness.requestPaths(), "/ads/root/domain/");
+    return countPaths(harness, "/ads/root/domain/");
   };
   EXPECT_EQ(queries("user@portal.eu.nowhere.example"), 1u);
   EXPECT_EQ(queries("https://nowhere.example/x"), 1u);
   EXPECT_EQ(queries("https://a.b.nowhere.example"), 2u);
+  EXPECT_EQ(collector->traces.size(), 2u);
   harness.rebuildService(harness.session, harness.security, std::make_shared<FixedFeatureFlags>(false, true));
   EXPECT_EQ(queries("https://portal.eu.example.org/x"), 1u);
 }
 
-TEST(AutoDiscoveryWorkflowTest, RequestsOfOneServiceRunStrictlyOneAfterTheOther) {
-  EmulatorHarness harness({kCatalog});
-  harness.emulator().setFault(kQuery, {.delay = std::chrono::milliseconds(300)});
-  std::vector<int> order;
-  const auto completion = [&](int id) {
-    return [&, id](auto status, auto, auto) {
-      EXPECT_EQ(status, 0u) << id;
-      order.push_back(id);
-    };
-  };
-  harness.service->asyncStartAutodiscoveryForUserInput("user@example.com", 0, completion(1));
-  harness.service->asyncStartAutodiscoveryForUserInput("user@upper.example", 0, completion(2));
-  ASSERT_TRUE(runMainQueueUntil([&] { return order.size() == 2; }));
-  EXPECT_THAT(order, ::testing::ElementsAre(1, 2));
-  // The second query went out only after the first request had fetched its certificate.
-  EXPECT_THAT(harness.requestPaths(),
-              ::testing::ElementsAre(kQuery, "/ads/root/publickey", "/ads/root/domain/upper.example/", "/ads/root/publickey"));
-}
-
 TEST(AutoDiscoveryWorkflowTest, ReleasingTheServiceCancelsItsRequestsWithoutCompletion) {
   EmulatorHarness harness({kCatalog});
-  // The first request has its answer and waits for the signing certificate when the service goes.
-  const FaultSpec slow{.delay = std::chrono::seconds(30)};
-  harness.emulator().setFault("/ads/root/publickey", slow);
-  harness.emulator().setFault("/ads/root/domain/example.org/", slow);
-  // Held back too: an answer that came before the release would rightly be delivered.
-  harness.emulator().setFault(settingsPath("https://store.example.com:443/Store"), slow);
+  // The first request has its answer and waits for the signing certificate when the service goes. The
+  // other answers are held back too: one that came before the release would rightly be delivered.
+  for (const auto& path :
+       {kPublicKey, std::string("/ads/root/domain/example.org/"), settingsPath("https://store.example.com:443/Store")})
+    harness.emulator().setFault(path, {.delay = std::chrono::seconds(30)});
   std::weak_ptr<OrvAppConfigService> weak = harness.service;
   std::weak_ptr<OrvURLSession> weakSession = harness.session;
   std::atomic<int> calls{0};
   // Traces are delivered like completions: not at all once the service is gone.
-  struct TraceCounter : OrvAppConfigDiagnosticsDelegate {
-    std::atomic<int> traces{0};
-    void didFinishRequestWithTrace(std::shared_ptr<const OrvAppConfigRequestTrace>) override { ++traces; }
-  };
-  const auto traces = std::make_shared<TraceCounter>();
-  harness.service->setDiagnosticsDelegate(traces);
+  const auto collector = std::make_shared<TraceCollector>();
+  harness.service->setDiagnosticsDelegate(collector);
   // One request in flight (the emulator holds its answer back), one waiting for its turn, one settings
   // request running beside them.
-  harness.service->asyncStartAutodiscoveryForUserInput("user@example.com", 0, [&](auto, auto, auto) { ++calls; });
-  harness.service->asyncStartAutodiscoveryForUserInput("user@example.org", 0, [&](auto, auto, auto) { ++calls; });
+  const auto count = [&](auto, auto, auto) { ++calls; };
+  harness.service->asyncStartAutodiscoveryForUserInput("user@example.com", 0, count);
+  harness.service->asyncStartAutodiscoveryForUserInput("user@example.org", 0, count);
   harness.service->asyncStartSettingsRetrievalForStoreUrls({*OrvURL::URLWithString("https://store.example.com/Store")}, 0, 0,
-                                                           [&](auto, auto, auto) { ++calls; });
-  ASSERT_TRUE(pollUntil([&] { return countPaths(harness.requestPaths(), "/ads/root/publickey") > 0; }));
+                                                           count);
+  ASSERT_TRUE(pollUntil([&] { return countPaths(harness, kPublicKey) > 0; }));
   harness.session.reset();
   harness.service.reset();
   EXPECT_TRUE(weak.expired()) << "a pending request does not keep the service alive";
   // The transfer is aborted, not left to the server's 30 s: the session and its I/O thread go with it.
   EXPECT_TRUE(pollUntil([&] { return weakSession.expired(); }, std::chrono::seconds(10)));
-  EXPECT_FALSE(runMainQueueUntil([&] { return calls > 0 || traces->traces > 0; }, std::chrono::milliseconds(300)));
+  EXPECT_FALSE(runMainQueueUntil([&] { return calls > 0 || !collector->traces.empty(); }, std::chrono::milliseconds(300)));
 }

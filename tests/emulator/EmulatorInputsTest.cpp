@@ -1,5 +1,7 @@
-// The emulator refuses a catalog it could not serve as meant, naming the field, instead of answering
-// 404 later; the workflow tests exercise everything it serves.
+// What the emulator is handed, and what it refuses. A catalog it could not serve as meant is refused,
+// naming the field, instead of answering 404 later; the workflow tests exercise everything it serves.
+// The command line's fault knobs reach the same FaultSpec fields a host sets in code; the fault matrix
+// shows what each field does on the wire.
 #include <gtest/gtest.h>
 
 #include <boost/json.hpp>
@@ -7,6 +9,8 @@
 #include "EmulatorHarness.h"
 
 using namespace orv::test;
+using namespace std::chrono_literals;
+namespace emulator = orv::emulator;
 
 TEST(DiscoveryEmulatorCatalog, RefusesMistypedCatalogsNamingTheField) {
   EmulatorHarness harness;
@@ -38,4 +42,29 @@ TEST(DiscoveryEmulatorCatalog, RefusesMistypedCatalogsNamingTheField) {
   const auto schema = boost::json::parse(readFile(ORV_CATALOG_SCHEMA), ec);
   ASSERT_FALSE(ec) << ec.message();
   EXPECT_EQ(schema.at("$schema"), "https://json-schema.org/draft/2020-12/schema");
+}
+
+TEST(DiscoveryEmulatorFaults, KnobsFoldIntoOneSpecPerPathAndRefuseWhatTheyCannotRead) {
+  const TemporaryDirectory files;
+  writeFile(files.file("bytes"), "HTTP/1.1 200 OK\r\n\r\n");
+  std::map<std::string, emulator::FaultSpec> faults;
+  for (const std::string& knob : std::vector<std::string>{"status=503", "delay=5", "drip=7", "drop", "nosig", "badsig", "body=a",
+                                                          "raw=@" + files.file("bytes"), "reset", "hangup-reused"})
+    ASSERT_TRUE(emulator::addFaultArgument(faults, "/a:b:" + knob)) << knob;
+  ASSERT_TRUE(emulator::addFaultArgument(faults, "/c:silence"));
+  ASSERT_EQ(faults.size(), 2u);
+  const auto& a = faults.at("/a:b");
+  EXPECT_EQ(std::tuple(a.status, a.delay, a.drip, a.dropMidBody, a.omitSignature, a.corruptSignature, a.hangUpIfReused),
+            std::tuple(503u, 5ms, 7ms, true, true, true, true));
+  EXPECT_EQ(std::tuple(a.body, a.raw, a.ending), std::tuple("a", "HTTP/1.1 200 OK\r\n\r\n", emulator::FaultEnding::reset));
+  EXPECT_EQ(faults.at("/c").ending, emulator::FaultEnding::silence);
+
+  for (const char* bad :
+       {"/a:status=199", "/a:delay=3600001", "/a:drip=x", "/a:raw=@/nonexistent/file", "/a:bogus", "a:reset", ":reset"}) {
+    std::string error;
+    EXPECT_FALSE(emulator::addFaultArgument(faults, bad, &error)) << bad;
+    EXPECT_FALSE(error.empty()) << bad;
+  }
+  EXPECT_EQ(emulator::tlsFaultNamed("untrusted"), emulator::TLSFault::untrustedAuthority);
+  EXPECT_EQ(emulator::tlsFaultNamed("none"), std::nullopt);
 }
