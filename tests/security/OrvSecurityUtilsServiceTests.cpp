@@ -141,6 +141,7 @@ TEST_F(SecurityUtilsServiceTest, RefusesHeadersAndEncodingsItCannotReadOneWay) {
   expectVerdict(OrvSecurityUtilsResultMissingInput, {{"no header", {std::nullopt, rs256.signature}, m.rsaLeaf},
                                                      {"no signature", {rs256.header, std::nullopt}, m.rsaLeaf},
                                                      {"no certificate", rs256, nullptr}});
+  EXPECT_EQ(OrvSecurityUtilsResultDescription(-1), "Unknown OrvSecurityUtilsResult of -1");
 }
 
 TEST_F(SecurityUtilsServiceTest, RefusesKeysAndSignaturesThatDoNotFit) {
