@@ -24,11 +24,7 @@ struct SecurityMaterial {
   using KeyKind = emulator::KeyKind;
   using Profile = emulator::CertificateProfile;
 
-  static emulator::PrivateKey key(KeyKind kind) {
-    auto generated = emulator::PrivateKey::generate(kind);
-    if (!generated) throw std::runtime_error("key generation failed");
-    return std::move(*generated);
-  }
+  static emulator::PrivateKey key(KeyKind kind) { return emulator::PrivateKey::generate(kind).value(); }
   // Issued by issuer with issuerKey, or self-signed by subjectKey.
   static OrvCertificateRef issue(const Profile& profile, const emulator::PrivateKey& subjectKey,
                                  const OrvCertificateRef& issuer = nullptr, const emulator::PrivateKey* issuerKey = nullptr) {
