@@ -49,8 +49,8 @@ struct Input {
   std::string what;
   DetachedJws jws;
   OrvCertificateRef certificate;
-  std::string payload = std::string(kPayload);
   std::optional<std::string> issuer = kRequiredIssuer;
+  std::string payload = std::string(kPayload);
 };
 
 class SecurityUtilsServiceTest : public ::testing::Test {
@@ -61,9 +61,6 @@ class SecurityUtilsServiceTest : public ::testing::Test {
   // "typ" makes both pieces' lengths leave room for base64 padding.
   const DetachedJws rs256 = signJws(m.rsaKey, "RS256", R"({"alg":"RS256","typ":"JOSE"})");
 
-  std::int64_t check(const DetachedJws& jws, const OrvCertificateRef& certificate, std::string_view payload = kPayload) {
-    return verifyResult(*service, jws, certificate, payload);
-  }
   void expectVerdict(std::int64_t expected, const std::vector<Input>& inputs) {
     for (const auto& input : inputs) {
       SCOPED_TRACE(input.what);
@@ -82,7 +79,7 @@ TEST_F(SecurityUtilsServiceTest, AcceptsEveryAlgorithmWithAndWithoutTrustAnchors
   for (const auto& [algorithm, key, certificate] : cases) {
     SCOPED_TRACE(algorithm);
     const auto jws = signJws(key, algorithm, header(algorithm));
-    EXPECT_EQ(check(jws, certificate), OrvSecurityUtilsResultSuccess);
+    EXPECT_EQ(verifyResult(*service, jws, certificate), OrvSecurityUtilsResultSuccess);
     EXPECT_EQ(verifyResult(*anchored, jws, certificate), OrvSecurityUtilsResultSuccess);
   }
   // A certificate authority never signs answers itself, not even a configured anchor.
@@ -97,7 +94,7 @@ TEST_F(SecurityUtilsServiceTest, RefusesHeadersAndEncodingsItCannotReadOneWay) {
   for (const char* algorithm :
        {"none", "None", "NONE", "nOnE", "HS256", "HS384", "HS512", "hs256", "RS1", "rs256", "ES256K", "Ed25519", ""}) {
     SCOPED_TRACE(algorithm);
-    EXPECT_EQ(check(forgedJws(header(algorithm), ""), m.rsaLeaf), OrvSecurityUtilsResultUnsupportedAlgorithm);
+    EXPECT_EQ(verifyResult(*service, forgedJws(header(algorithm), ""), m.rsaLeaf), OrvSecurityUtilsResultUnsupportedAlgorithm);
   }
   for (const char* json : {"[]", R"(["alg","RS256"])", R"("RS256")", "1", "null", R"({"alg":)", "", "{}", R"({"alg":256})",
                            R"({"alg":"RS256","alg":"RS256"})", R"({"alg":"RS256","crit":[]})",
@@ -105,7 +102,7 @@ TEST_F(SecurityUtilsServiceTest, RefusesHeadersAndEncodingsItCannotReadOneWay) {
                            R"({"alg":"RS256","crit":["b64"]})", R"({"alg":"RS256","crit":["b64","b64"],"b64":false})",
                            R"({"alg":"RS256","b64":"false"})", R"({"alg":"RS256","x5t#S256":1})"}) {
     SCOPED_TRACE(json);
-    EXPECT_EQ(check(forgedJws(json, "sig"), m.rsaLeaf), OrvSecurityUtilsResultInvalidHeader);
+    EXPECT_EQ(verifyResult(*service, forgedJws(json, "sig"), m.rsaLeaf), OrvSecurityUtilsResultInvalidHeader);
   }
   const auto padded = [](const std::string& text) { return text + std::string(4 - text.size() % 4, '='); };
   constexpr const char* critical = R"({"alg":"ES256","b64":false,"crit":["b64"]})";
@@ -171,8 +168,8 @@ TEST_F(SecurityUtilsServiceTest, RefusesKeysAndSignaturesThatDoNotFit) {
   expectVerdict(OrvSecurityUtilsResultThumbprintMismatch, {{"thumbprint of another", thumbprint(m.noKeyUsage), m.rsaLeaf}});
   expectVerdict(OrvSecurityUtilsResultMalformedEncoding, {{"padded thumbprint", thumbprint(m.rsaLeaf, "="), m.rsaLeaf}});
   expectVerdict(OrvSecurityUtilsResultSignatureMismatch,
-                {{"payload changed", ps256, m.rsaLeaf, tampered},
-                 {"payload extended", ps256, m.rsaLeaf, std::string(kPayload) + " "},
+                {{"payload changed", ps256, m.rsaLeaf, kRequiredIssuer, tampered},
+                 {"payload extended", ps256, m.rsaLeaf, kRequiredIssuer, std::string(kPayload) + " "},
                  {"signature bit flipped", withSignature(ps256, flipped), m.rsaLeaf},
                  {"signed by another key", signJws(m.rsaOtherKey, "PS256", header("PS256")), m.rsaLeaf},
                  {"PKCS#1 v1.5 presented as PSS",
@@ -184,21 +181,20 @@ TEST_F(SecurityUtilsServiceTest, RefusesKeysAndSignaturesThatDoNotFit) {
 }
 
 TEST_F(SecurityUtilsServiceTest, JudgesTheCertificateItIsGiven) {
-  const std::string payload(kPayload);
   expectVerdict(OrvSecurityUtilsResultSuccess, {{"issuer is the required organisation", rs256, m.selfSigned},
                                                 {"issuer's common name is the required name", rs256, m.issuerByCommonName},
                                                 // No required name: the issuer is not looked at.
-                                                {"no required name", rs256, m.issuerPrefix, payload, std::nullopt},
+                                                {"no required name", rs256, m.issuerPrefix, std::nullopt},
                                                 {"no key usage at all", rs256, m.noKeyUsage},
                                                 // Without anchors a certificate is judged on its own.
                                                 {"other root, no anchors", rs256, m.leafOfOtherRoot}});
   expectVerdict(OrvSecurityUtilsResultIssuerMismatch,
                 {{"issuer name is a prefix", rs256, m.issuerPrefix},
                  {"issuer name in other case", rs256, m.issuerOtherCase},
-                 {"required name with a space", rs256, m.selfSigned, payload, "Varnel Systems, Inc. "},
-                 {"required name is a prefix", rs256, m.selfSigned, payload, "Varnel Systems"},
+                 {"required name with a space", rs256, m.selfSigned, "Varnel Systems, Inc. "},
+                 {"required name is a prefix", rs256, m.selfSigned, "Varnel Systems"},
                  // The leaf's own organisation is not its issuer's.
-                 {"required name is the subject's", rs256, m.rsaLeaf, payload, "Varnel Signing"}});
+                 {"required name is the subject's", rs256, m.rsaLeaf, "Varnel Signing"}});
   expectVerdict(OrvSecurityUtilsResultKeyUsageForbidsSignature, {{"no digitalSignature", rs256, m.noDigitalSignature}});
   // One organisation could satisfy the name check while the issuer means the other.
   expectVerdict(OrvSecurityUtilsResultAmbiguousIssuer, {{"two issuer organisations", rs256, m.twoIssuerOrganizations}});
