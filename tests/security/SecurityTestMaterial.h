@@ -28,8 +28,8 @@ struct SecurityMaterial {
   // Issued by issuer with issuerKey, or self-signed by subjectKey.
   static OrvCertificateRef issue(const Profile& profile, const emulator::PrivateKey& subjectKey,
                                  const OrvCertificateRef& issuer = nullptr, const emulator::PrivateKey* issuerKey = nullptr) {
-    const auto pem = emulator::issueCertificate(profile, subjectKey, issuer.get(), issuerKey ? *issuerKey : subjectKey);
-    auto certificate = pem ? OrvCertificate::certificateWithContent(*pem) : nullptr;
+    auto certificate = OrvCertificate::certificateWithContent(
+        emulator::issueCertificate(profile, subjectKey, issuer.get(), issuerKey ? *issuerKey : subjectKey).value());
     if (!certificate) throw std::runtime_error("certificate issuing failed");
     return certificate;
   }
