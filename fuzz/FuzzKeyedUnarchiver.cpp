@@ -10,14 +10,12 @@
 #include "OrvAppConfigSettingsRecord.h"
 #include "OrvKeyedArchiver.h"
 
-namespace {
-
 using orv::detail::fuzzRequire;
 
 // Decoded objects nest no deeper than archives allow and hold only valid text, so the archiver must take
 // them; decoding that archive and archiving again must reproduce it byte for byte.
 template <class T>
-OrvDecoded<T> decodeAs(const std::string& bytes) {
+static OrvDecoded<T> decodeAs(const std::string& bytes) {
   std::optional<OrvError> error = OrvError("stale", 1);
   auto object = OrvKeyedUnarchiver::unarchivedObjectOfType<T>(bytes, &error);
   // An archived nil root is the one outcome with neither an object nor an error.
@@ -32,8 +30,6 @@ OrvDecoded<T> decodeAs(const std::string& bytes) {
   fuzzRequire(OrvKeyedArchiver::archivedDataWithRootObject(back, &error) == first, "archiving is stable across a round trip");
   return object;
 }
-
-}  // namespace
 
 ORV_FUZZ_TARGET(bytes) {
   decodeAs<std::shared_ptr<OrvAppConfigSettingsRecord>>(bytes);

@@ -15,11 +15,11 @@ int main(int argc, char** argv) {
   namespace fs = std::filesystem;
   std::vector<fs::path> files;
   for (int i = 1; i < argc; ++i) {
+    // A file given is not a directory to walk: its iterator then ends at once.
+    std::error_code notADirectory;
     if (!fs::is_directory(argv[i])) files.emplace_back(argv[i]);
-    if (fs::is_directory(argv[i])) {
-      std::ranges::copy_if(fs::recursive_directory_iterator(argv[i]), std::back_inserter(files),
-                           [](const fs::directory_entry& entry) { return entry.is_regular_file(); });
-    }
+    for (const auto& entry : fs::recursive_directory_iterator(argv[i], notADirectory))
+      if (entry.is_regular_file()) files.push_back(entry.path());
   }
   // A fixed order makes a failure reproducible from the log alone.
   std::sort(files.begin(), files.end());

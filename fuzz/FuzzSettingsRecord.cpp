@@ -27,9 +27,8 @@ template <class GroupList>
 static bool groupsHoldNull(const std::optional<GroupList>& groups) {
   for (const auto& group : groups.value_or(GroupList{})) {
     if (!group || !group->settings()) continue;
-    for (const auto& setting : *group->settings()) {
+    for (const auto& setting : *group->settings())
       if (setting && setting->value() && containsNull(*setting->value())) return true;
-    }
   }
   return false;
 }

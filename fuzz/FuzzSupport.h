@@ -3,7 +3,6 @@
 // replay alike, and log lines must really be formatted, because the library only formats a line
 // when someone listens and network text travels into those lines.
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -21,30 +20,20 @@ namespace orv::detail {
 
 inline void fuzzRequire(bool holds, const char* what) {
   if (holds) return;
-  std::fprintf(stderr, "fuzz invariant broken: %s\n", what);
-  std::fflush(stderr);
+  std::fprintf(stderr, "fuzz invariant broken: %s\n", what);  // stderr is unbuffered: no flush before abort
   std::abort();
 }
 
 // Touches every byte of every line so that the formatting cannot be optimised away.
-class FuzzConsumingLoggerDelegate final : public OrvSdkLoggerDelegate {
- public:
+struct FuzzConsumingLoggerDelegate final : OrvSdkLoggerDelegate {
   void logWithModule(std::string_view module, std::int64_t, std::string_view fileName, std::string_view functionName,
                      std::int64_t lineNumber, std::string_view message) override {
     std::size_t sum = module.size() + fileName.size() + functionName.size() + static_cast<std::size_t>(lineNumber);
     for (const char c : message) sum += static_cast<unsigned char>(c);
-    checksum_.fetch_add(sum, std::memory_order_relaxed);
+    checksum.fetch_add(sum, std::memory_order_relaxed);
   }
-
- private:
-  std::atomic<std::size_t> checksum_{0};
+  std::atomic<std::size_t> checksum{0};
 };
-
-inline void installFuzzLogger() {
-  static const bool installed =
-      (OrvAppConfigServiceLogger::sharedInstance()->setDelegate(std::make_shared<FuzzConsumingLoggerDelegate>()), true);
-  (void)installed;
-}
 
 // Takes what accessors return when only running them matters: the sanitizers watch what they read.
 inline void fuzzTouch(const auto&...) {}
@@ -80,12 +69,14 @@ inline void fuzzRequireVerdictShape(const OrvJWTValidationResult& verdict) {
 }  // namespace orv::detail
 
 // Defines the entry point libFuzzer and the replay call, around a body that receives the input as
-// one string, with the consuming logger installed:  ORV_FUZZ_TARGET(bytes) { ... }
-#define ORV_FUZZ_TARGET(bytes)                                                                           \
-  static void orvFuzzOneInput(const std::string& bytes);                                                 \
-  extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {                    \
-    orv::detail::installFuzzLogger();                                                                    \
-    orvFuzzOneInput(size == 0 ? std::string() : std::string(reinterpret_cast<const char*>(data), size)); \
-    return 0;                                                                                            \
-  }                                                                                                      \
+// one string, with the consuming logger installed once:  ORV_FUZZ_TARGET(bytes) { ... }
+#define ORV_FUZZ_TARGET(bytes)                                                                                                   \
+  static void orvFuzzOneInput(const std::string& bytes);                                                                         \
+  extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {                                            \
+    [[maybe_unused]] static const bool logging =                                                                                 \
+        (OrvAppConfigServiceLogger::sharedInstance()->setDelegate(std::make_shared<orv::detail::FuzzConsumingLoggerDelegate>()), \
+         true);                                                                                                                  \
+    orvFuzzOneInput(size == 0 ? std::string() : std::string(reinterpret_cast<const char*>(data), size));                         \
+    return 0;                                                                                                                    \
+  }                                                                                                                              \
   static void orvFuzzOneInput(const std::string& bytes)

@@ -14,18 +14,16 @@
 #include "OrvString.h"
 #include "OrvURL.h"
 
-namespace {
-
 using orv::detail::fuzzRequire;
 using orv::detail::trimWhitespaceAndNewlines;
 
 // Every URL the library hands out must survive being written down and read again.
-void requireReadsBack(const std::optional<OrvURL>& url) {
+static void requireReadsBack(const std::optional<OrvURL>& url) {
   if (!url) return;
   fuzzRequire(OrvURL::URLWithString(url->absoluteString()) == *url, "a URL reads back as itself");
 }
 
-void useURL(const OrvURL& url, std::string_view component) {
+static void useURL(const OrvURL& url, std::string_view component) {
   requireReadsBack(url);
   // Plain URLs are read without the full grammar: the grammar must agree on every part.
   const auto grammar = boost::urls::parse_uri_reference(url.absoluteString());
@@ -40,7 +38,7 @@ void useURL(const OrvURL& url, std::string_view component) {
   requireReadsBack(OrvAppConfigServiceUtils::addPortAndSchemeIfNotPresent(url));
 }
 
-void useUserInput(const std::string& text) {
+static void useUserInput(const std::string& text) {
   OrvAppConfigServiceUtils::isEmailAddress(text);
   OrvAppConfigServiceUtils::isValidEmailAddressComponent(text);
   for (std::uint64_t mode = 0; mode <= 2; ++mode) {
@@ -52,7 +50,7 @@ void useUserInput(const std::string& text) {
   OrvAppConfigAutoDiscoverURLGenerator::corporateDomainFromPossibleEmailAddressUserInput(text);
 }
 
-void useChannelName(const std::string& text, const std::string& rest) {
+static void useChannelName(const std::string& text, const std::string& rest) {
   const auto store = OrvURL::URLWithString("https://store.example.com:443/Store");
   for (std::uint64_t platform = 0; platform <= 2; ++platform) {
     requireReadsBack(
@@ -66,7 +64,7 @@ void useChannelName(const std::string& text, const std::string& rest) {
   OrvAppConfigService::isValidFeatureChannelNameForContext(context);
 }
 
-void useSignatureHeader(const std::string& text) {
+static void useSignatureHeader(const std::string& text) {
   const OrvAppConfigServicePayloadValidationContext context(std::nullopt, text, std::nullopt, std::nullopt);
   const bool oneStop = std::count(text.begin(), text.end(), '.') == 1;
   fuzzRequire(context.varnelJWTHeader().has_value() == oneStop && context.varnelJWTSignature().has_value() == oneStop,
@@ -76,7 +74,7 @@ void useSignatureHeader(const std::string& text) {
   }
 }
 
-void useTrimming(const std::string& text) {
+static void useTrimming(const std::string& text) {
   const std::string trimmed = trimWhitespaceAndNewlines(text);
   fuzzRequire(text.find(trimmed) != std::string::npos, "trimming keeps a piece of the text");
   fuzzRequire(trimWhitespaceAndNewlines(trimmed) == trimmed, "trimming twice changes nothing");
@@ -85,12 +83,9 @@ void useTrimming(const std::string& text) {
   orv::detail::containsOnlyURLPathAllowedCharacters(text);
 }
 
-}  // namespace
-
 ORV_FUZZ_TARGET(text) {
   const auto lines = orv::detail::fuzzSplitLines(text, 1);
-  const std::string first(lines[0]);
-  const std::string rest = lines.size() > 1 ? std::string(lines[1]) : std::string();
+  const std::string first(lines[0]), rest(lines.size() > 1 ? lines[1] : "");
 
   if (const auto url = OrvURL::URLWithString(text)) useURL(*url, rest);
   if (const auto url = OrvAppConfigServiceUtils::urlFromString(text)) useURL(*url, rest);
