@@ -74,6 +74,7 @@ TEST_F(OrvCurlURLSessionTest, DeliversStatusBodyAndHeadersOfRealAnswers) {
   request.setValueForHTTPHeaderField(std::nullopt, "x-removed");
   request.setValueForHTTPHeaderField("", "X-Empty");
   EXPECT_EQ(request.allHTTPHeaderFields().size(), 2u);
+  EXPECT_EQ(request.valueForHTTPHeaderField("X-Removed"), std::nullopt);
   const auto ok = fetch(*harness.session, request);
   ASSERT_EQ(ok->status(), 200);
   const auto& [data, response, error] = ok->values;
