@@ -260,8 +260,7 @@ OperationQueueState::Starts OperationQueueState::takeWhatMayStart() {
     auto operation = std::move(waiting_.front());
     waiting_.pop_front();
     started_.emplace(operation.get(), operation);
-    const bool quick = operation->isAsynchronous();
-    starts.emplace_back(quick, [operation = std::move(operation)] { operation->start(); });
+    starts.push_back(std::move(operation));
   }
   return starts;
 }
@@ -274,7 +273,9 @@ void OperationQueueState::post(Starts& starts) {
   // a burst of requests then costs a few wake-ups rather than one each. Any other operation gets a
   // worker of its own, as it may take its time.
   std::vector<std::function<void()>> quickStarts;
-  for (auto& [quick, start] : starts) {
+  for (auto& operation : starts) {
+    const bool quick = operation->isAsynchronous();
+    std::function<void()> start = [operation = std::move(operation)] { operation->start(); };
     if (quick) {
       quickStarts.push_back(std::move(start));
       continue;

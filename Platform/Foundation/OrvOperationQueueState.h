@@ -4,11 +4,9 @@
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <unordered_map>
-#include <utility>
 #include <vector>
 
 #include "OrvOperation.h"
@@ -31,8 +29,8 @@ class OperationQueueState : public std::enable_shared_from_this<OperationQueueSt
   long maxConcurrent() const;
 
  private:
-  // Operations to start now and whether each is asynchronous; taken with mutex_ held, posted without.
-  using Starts = std::vector<std::pair<bool, std::function<void()>>>;
+  // Operations to start now: taken with mutex_ held, posted without.
+  using Starts = std::vector<std::shared_ptr<OrvOperation>>;
   Starts takeWhatMayStart();
   static void post(Starts& starts);
   std::vector<std::shared_ptr<OrvOperation>> snapshot(bool includeStarted) const;
