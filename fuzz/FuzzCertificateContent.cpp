@@ -14,8 +14,8 @@ static const auto plain = OrvSecurityUtilsService::create();
 
 static void judge(const OrvCertificateRef& certificate) {
   orv::detail::fuzzTouch(certificate->subjectOrganization(), certificate->subjectCommonName(), certificate->issuerOrganization(),
-                         certificate->issuerCommonName(), certificate->notValidBefore(), certificate->notValidAfter());
-  fuzzRequire(certificate->sha256Thumbprint().size() == 32, "a thumbprint is one SHA-256 digest");
+                         certificate->issuerCommonName(), certificate->notValidBefore(), certificate->notValidAfter(),
+                         certificate->sha256Thumbprint());
   const auto fromDer = OrvCertificate::certificateWithDER(certificate->derData());
   fuzzRequire(fromDer && fromDer->derData() == certificate->derData(), "a certificate reads back from its DER");
   const auto fromPem = OrvCertificate::certificateWithContent(certificate->pemString());

@@ -85,18 +85,5 @@ TEST(OrvCertificateTest, RefusesAnythingElse) {
   EXPECT_EQ(OrvCertificate::certificateWithDER("\x30\x03\x02\x01\x01"), nullptr);
 }
 
-TEST(OrvCertificateTest, LoadsPEMBundles) {
-  const auto& m = securityMaterial();
-  const std::string bundle = "# roots\n" + m.root->pemString() + "comment between\n" + m.otherRoot->pemString();
-  const auto certificates = OrvSecurityUtilsService::certificatesFromPEMBundle(bundle);
-  ASSERT_TRUE(certificates);
-  ASSERT_EQ(certificates->size(), 2u);
-  EXPECT_EQ((*certificates)[1]->derData(), m.otherRoot->derData());
-  EXPECT_FALSE(OrvSecurityUtilsService::certificatesFromPEMBundle(m.root->pemString() + "-----BEGIN CERTIFICATE-----\nAAAA"));
-
-  // Reading a bundle from a file runs in every anchored end-to-end test; a missing file is nothing.
-  EXPECT_FALSE(OrvSecurityUtilsService::loadCertificatesFromPEMFile("/nonexistent/orv-anchors.pem"));
-}
-
 }  // namespace
 }  // namespace orv::test

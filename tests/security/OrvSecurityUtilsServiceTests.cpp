@@ -233,23 +233,30 @@ TEST_F(SecurityUtilsServiceTest, TrustAnchorsRefuseCertificatesThatOnlyCarryTheR
 TEST_F(SecurityUtilsServiceTest, DefaultTrustAnchorsComeFromTheHostTheEnvironmentOrNowhere) {
   const auto withDefaults = [&](bool useDefaults = true) { return serviceWith([now = m.now] { return now; }, {}, useDefaults); };
   const TemporaryDirectory files;
-  writeFile(files.file("root.pem"), m.root->pemString());
-  writeFile(files.file("garbage.pem"), "not a certificate");
+  // Comments may stand between a bundle's blocks; a block cut short spoils the whole bundle.
+  writeFile(files.file("roots.pem"), "# roots\n" + m.root->pemString() + "comment between\n" + m.expiredRoot->pemString());
+  writeFile(files.file("garbage.pem"), m.root->pemString() + "-----BEGIN CERTIFICATE-----\nAAAA");
 
   EXPECT_EQ(OrvSecurityUtilsService::defaultTrustAnchors().origin, "none");
   EXPECT_EQ(verifyResult(*withDefaults(), rs256, m.leafOfOtherRoot), OrvSecurityUtilsResultSuccess);
 
-  ::setenv("ORV_APPCONFIG_TRUST_ANCHORS", files.file("root.pem").c_str(), 1);
+  ::setenv("ORV_APPCONFIG_TRUST_ANCHORS", files.file("roots.pem").c_str(), 1);
+  const auto bundle = OrvSecurityUtilsService::defaultTrustAnchors().anchors.value_or(std::vector<OrvCertificateRef>{});
+  ASSERT_EQ(bundle.size(), 2u);
+  EXPECT_EQ(bundle[1]->derData(), m.expiredRoot->derData());
   EXPECT_EQ(verifyResult(*withDefaults(), rs256, m.rsaLeaf), OrvSecurityUtilsResultSuccess);
   EXPECT_EQ(verifyResult(*withDefaults(), rs256, m.leafOfOtherRoot), OrvSecurityUtilsResultUntrustedChain);
   EXPECT_EQ(verifyResult(*withDefaults(false), rs256, m.leafOfOtherRoot), OrvSecurityUtilsResultSuccess);
 
-  // A bundle that cannot be read trusts nothing, and says so, rather than falling back to trusting names.
-  ::setenv("ORV_APPCONFIG_TRUST_ANCHORS", files.file("garbage.pem").c_str(), 1);
-  const auto broken = OrvSecurityUtilsService::defaultTrustAnchors();
-  ASSERT_TRUE(broken.anchors && broken.problem);
-  EXPECT_NE(broken.problem->find(files.file("garbage.pem")), std::string::npos);
-  EXPECT_EQ(verifyResult(*withDefaults(), rs256, m.rsaLeaf), OrvSecurityUtilsResultUntrustedChain);
+  // A bundle that cannot be read, or is not there, trusts nothing, and says so, rather than falling back
+  // to trusting names.
+  for (const std::string& unreadable : {files.file("garbage.pem"), files.file("missing.pem")}) {
+    ::setenv("ORV_APPCONFIG_TRUST_ANCHORS", unreadable.c_str(), 1);
+    const auto broken = OrvSecurityUtilsService::defaultTrustAnchors();
+    ASSERT_TRUE(broken.anchors && broken.problem);
+    EXPECT_NE(broken.problem->find(unreadable), std::string::npos);
+    EXPECT_EQ(verifyResult(*withDefaults(), rs256, m.rsaLeaf), OrvSecurityUtilsResultUntrustedChain);
+  }
 
   // The host's list wins over the environment until it is taken back.
   OrvSecurityUtilsService::setDefaultTrustAnchors(std::vector<OrvCertificateRef>{m.otherRoot});
