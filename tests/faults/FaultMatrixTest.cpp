@@ -114,7 +114,6 @@ std::vector<Row> rows() {
       {"reset in the headers", onQuery(raw("HTTP/1.1 200 OK\r\nContent-Le", FaultEnding::reset)), reset},
       {"reset in the body", onQuery(raw(stalledHead + "{\"domain\":", FaultEnding::reset)), reset},
       {"no answer at all", onQuery({.ending = FaultEnding::silence}), silent},
-      {"headers, then silence", onQuery(raw(stalledHead, FaultEnding::silence)), silent},
       // Every byte comes within the inactivity time-out: only the total time-out ends it.
       {"body drips a byte every 400 ms", onQuery({.raw = stalledHead + std::string(20, ' '), .drip = 400ms}),
        curlError(CURLE_OPERATION_TIMEDOUT, "Operation timed out after")},
@@ -158,7 +157,7 @@ std::vector<Row> rows() {
       {"reused connection closed unanswered",
        FaultSetup{TLSFault::none, {{kQuery, signature(1)}, {kPublicKey, {.status = 404, .hangUpIfReused = true}}}}, std::nullopt,
        std::vector<std::string>{kQuery, kPublicKey, kPublicKey}},
-      {"stalled request beside a healthy one", onQuery(raw(stalledHead, FaultEnding::silence)), silent,
+      {"headers, then silence, beside a healthy request", onQuery(raw(stalledHead, FaultEnding::silence)), silent,
        std::vector<std::string>{kQuery, "/ads/root/domain/healthy.example/"}, Extra::healthyNeighbour},
   };
 }
