@@ -4,8 +4,6 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
-#include <ranges>
-
 #include "EmulatorHarness.h"
 #include "OrvAppConfigDiscoveryHosts.h"
 #include "OrvJSONSerialization.h"
@@ -184,10 +182,6 @@ TEST(FaultMatrixTest, EachFaultEndsInOneCompletionThatSaysWhatFailed) {
         &error);
     ASSERT_NE(server, nullptr) << error;
     for (const auto& [path, fault] : row.server.faults) ASSERT_TRUE(server->setFault(path, fault));
-    const auto targets = [&] {
-      const auto read = server->requests() | std::views::transform(&emulator::RecordedRequest::target);
-      return std::vector<std::string>(read.begin(), read.end());
-    };
     const auto port = row.extra == Extra::refusedPort ? emulator::freeLoopbackPort() : server->port();
     OrvAppConfigDiscoveryHosts::setProductionHost("127.0.0.1:" + std::to_string(port));
     const auto session = OrvCurlURLSession::create(configuration);
@@ -202,7 +196,7 @@ TEST(FaultMatrixTest, EachFaultEndsInOneCompletionThatSaysWhatFailed) {
 
     if (row.extra == Extra::healthyNeighbour) {
       // A second service, as one service runs its workflows one at a time: only the session is shared.
-      ASSERT_TRUE(pollUntil([&] { return !targets().empty(); }, 5s));
+      ASSERT_TRUE(pollUntil([&] { return !requestPaths(*server).empty(); }, 5s));
       const auto healthy = discover(*newService(), "user@healthy.example");
       EXPECT_EQ(capture.calls, 0) << "the healthy request was held up by the stalled one";
       EXPECT_TRUE(healthy.status == OrvAppConfigServiceCompletionStatusAutodiscoveryFailed && !healthy.error);
@@ -221,6 +215,6 @@ TEST(FaultMatrixTest, EachFaultEndsInOneCompletionThatSaysWhatFailed) {
     EXPECT_EQ(told.domain(), domain) << told.description();
     EXPECT_EQ(told.code(), code) << told.description();
     EXPECT_THAT(told.description(), ::testing::HasSubstr(fragment));
-    EXPECT_EQ(targets(), row.targets);
+    EXPECT_EQ(requestPaths(*server), row.targets);
   }
 }

@@ -52,9 +52,9 @@ void EmulatorHarness::rebuildService(std::shared_ptr<OrvFeatureFlagProviderProto
                                                     OrvSecurityUtilsService::create(), std::move(featureFlags));
 }
 
-std::vector<std::string> EmulatorHarness::requestPaths() const {
+std::vector<std::string> requestPaths(const orv::emulator::DiscoveryEmulator& emulator) {
   std::vector<std::string> paths;
-  for (const auto& request : emulator_->requests()) paths.push_back(request.target);
+  for (const auto& request : emulator.requests()) paths.push_back(request.target);
   return paths;
 }
 

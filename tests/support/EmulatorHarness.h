@@ -26,6 +26,8 @@ std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& text);
 // Where the emulator answers for a store's settings, the store URL as the client normalises it.
 std::string settingsPath(const std::string& normalisedStore);
+// Request paths an emulator saw, in order.
+std::vector<std::string> requestPaths(const orv::emulator::DiscoveryEmulator& emulator);
 
 struct HarnessOptions {
   std::optional<std::string> catalogJSON;
@@ -51,8 +53,7 @@ class EmulatorHarness {
 
   // Rebuilds the service on the same session, with other feature flags.
   void rebuildService(std::shared_ptr<OrvFeatureFlagProviderProtocol> featureFlags = nullptr);
-  // Request paths the emulator saw, in order.
-  std::vector<std::string> requestPaths() const;
+  std::vector<std::string> requestPaths() const { return orv::test::requestPaths(*emulator_); }
 };
 
 // Collects the traces a service hands its diagnostics delegate, and whether each came on the main queue.
