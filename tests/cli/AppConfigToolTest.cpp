@@ -118,12 +118,9 @@ TEST_F(AppConfigToolTest, SettingsArchiveReadsBackAndRefusesHandEditing) {
   ASSERT_EQ(shown.exitCode, 0) << shown.err;
   EXPECT_EQ(shown.json().as_object(), delivered);
 
-  // Swap a class inside the archive: decoding refuses it instead of handing out another class.
-  std::string text = readFile(archive);
-  const auto at = text.find("OrvAppConfigSettingsIos");
-  ASSERT_NE(at, std::string::npos);
-  text.replace(at, std::string("OrvAppConfigSettingsIos").size(), "OrvAppConfigSettingsMacOS");
-  writeFile(archive, text);
+  // A spoiled archive is refused, and the tool says so. Which hand edits the decoder refuses (a group
+  // swapped to another platform's class among them) is the records tests' business.
+  writeFile(archive, readFile(archive).substr(1));
   const auto edited = run("show-archive " + archive);
   EXPECT_NE(edited.exitCode, 0);
   EXPECT_THAT(edited.err, HasSubstr("not an archive of settings records"));

@@ -44,20 +44,17 @@ EmulatorHarness::EmulatorHarness(HarnessOptions options) {
   }
   hosts_.emplace(emulator_->hostAndPort());
   session = OrvCurlURLSession::create({.caFile = emulator_->tlsCAFile()});
-  security = OrvSecurityUtilsService::create();
-  rebuildService(session, security);
+  rebuildService();
 }
 
-void EmulatorHarness::rebuildService(std::shared_ptr<OrvURLSession> urlSession,
-                                     std::shared_ptr<OrvSecurityServiceProtocol> securityService,
-                                     std::shared_ptr<OrvFeatureFlagProviderProtocol> featureFlags) {
-  service = OrvAppConfigService::initWithURLSession(std::move(urlSession), std::make_shared<OrvHttpHeaderProviderService>(),
-                                                    std::move(securityService), std::move(featureFlags));
+void EmulatorHarness::rebuildService(std::shared_ptr<OrvFeatureFlagProviderProtocol> featureFlags) {
+  service = OrvAppConfigService::initWithURLSession(session, std::make_shared<OrvHttpHeaderProviderService>(),
+                                                    OrvSecurityUtilsService::create(), std::move(featureFlags));
 }
 
-std::vector<std::string> EmulatorHarness::requestPaths() const {
+std::vector<std::string> requestPaths(const orv::emulator::DiscoveryEmulator& emulator) {
   std::vector<std::string> paths;
-  for (const auto& request : emulator_->requests()) paths.push_back(request.target);
+  for (const auto& request : emulator.requests()) paths.push_back(request.target);
   return paths;
 }
 

@@ -1,9 +1,6 @@
 #pragma once
 // A discovery emulator on loopback with fresh material, and a service wired to it over real TLS.
 #include <filesystem>
-#include <functional>
-#include <memory>
-#include <string>
 
 #include "OrvAppConfigService.h"
 #include "OrvCurlURLSession.h"
@@ -29,6 +26,8 @@ std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& text);
 // Where the emulator answers for a store's settings, the store URL as the client normalises it.
 std::string settingsPath(const std::string& normalisedStore);
+// Request paths an emulator saw, in order.
+std::vector<std::string> requestPaths(const orv::emulator::DiscoveryEmulator& emulator);
 
 struct HarnessOptions {
   std::optional<std::string> catalogJSON;
@@ -50,14 +49,21 @@ class EmulatorHarness {
   orv::emulator::DiscoveryEmulator& emulator() { return *emulator_; }
   const TemporaryDirectory& material() const { return material_; }
   std::shared_ptr<OrvCurlURLSession> session;
-  std::shared_ptr<OrvSecurityUtilsService> security;
   std::shared_ptr<OrvAppConfigService> service;
 
-  // Rebuilds the service with another session or security service (e.g. a wrapping one).
-  void rebuildService(std::shared_ptr<OrvURLSession> urlSession, std::shared_ptr<OrvSecurityServiceProtocol> securityService,
-                      std::shared_ptr<OrvFeatureFlagProviderProtocol> featureFlags = nullptr);
-  // Request paths the emulator saw, in order.
-  std::vector<std::string> requestPaths() const;
+  // Rebuilds the service on the same session, with other feature flags.
+  void rebuildService(std::shared_ptr<OrvFeatureFlagProviderProtocol> featureFlags = nullptr);
+  std::vector<std::string> requestPaths() const { return orv::test::requestPaths(*emulator_); }
+};
+
+// Collects the traces a service hands its diagnostics delegate, and whether each came on the main queue.
+struct TraceCollector : OrvAppConfigDiagnosticsDelegate {
+  std::vector<std::shared_ptr<const OrvAppConfigRequestTrace>> traces;
+  bool onMainQueue = true;
+  void didFinishRequestWithTrace(std::shared_ptr<const OrvAppConfigRequestTrace> trace) override {
+    onMainQueue = onMainQueue && OrvMainQueue::isCurrent();
+    traces.push_back(std::move(trace));
+  }
 };
 
 }  // namespace orv::test

@@ -51,11 +51,10 @@ std::shared_ptr<OrvURLSessionDataTask> FakeURLSession::dataTaskWithRequest(
   return std::make_shared<FakeDataTask>(shared_, request, std::move(completionHandler));
 }
 
-void LogCollector::logWithModule(std::string_view module, std::int64_t logLevel, std::string_view fileName,
-                                 std::string_view functionName, std::int64_t lineNumber, std::string_view message) {
+void LogCollector::logWithModule(std::string_view, std::int64_t logLevel, std::string_view fileName,
+                                 std::string_view functionName, std::int64_t, std::string_view message) {
   std::lock_guard lock(mutex_);
-  lines_.push_back(
-      {std::string(module), logLevel, std::string(fileName), std::string(functionName), lineNumber, std::string(message)});
+  lines_.push_back({logLevel, std::string(fileName), std::string(functionName), std::string(message)});
 }
 
 bool pollUntil(const std::function<bool()>& predicate, std::chrono::milliseconds timeout) {

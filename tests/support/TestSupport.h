@@ -72,11 +72,9 @@ class FixedFeatureFlags : public OrvFeatureFlagProviderProtocol {
 };
 
 struct LogLine {
-  std::string module;
   std::int64_t level;
   std::string file;
   std::string function;
-  std::int64_t line;
   std::string message;
 };
 

@@ -36,16 +36,6 @@ std::size_t countPaths(const EmulatorHarness& harness, std::string_view prefix) 
   return std::ranges::count_if(harness.requestPaths(), [&](const auto& path) { return path.starts_with(prefix); });
 }
 
-// Traces arrive on the main queue, where the tests read them.
-struct TraceCollector : OrvAppConfigDiagnosticsDelegate {
-  std::vector<std::shared_ptr<const OrvAppConfigRequestTrace>> traces;
-  bool onMainQueue = true;
-  void didFinishRequestWithTrace(std::shared_ptr<const OrvAppConfigRequestTrace> trace) override {
-    onMainQueue = onMainQueue && OrvMainQueue::isCurrent();
-    traces.push_back(std::move(trace));
-  }
-};
-
 // Replaces the emulator's signing certificate, keeping its key, by a self-signed one under a near miss
 // of the required issuer's name. The emulator names the new certificate in "x5t#S256", so only the
 // issuer check can refuse it.
@@ -164,7 +154,7 @@ TEST(AutoDiscoveryWorkflowTest, WholeHostFallbackProbeRequestsInTurnAndTheirTrac
   EXPECT_EQ(queries("https://nowhere.example/x"), 1u);
   EXPECT_EQ(queries("https://a.b.nowhere.example"), 2u);
   EXPECT_EQ(collector->traces.size(), 2u);
-  harness.rebuildService(harness.session, harness.security, std::make_shared<FixedFeatureFlags>(false, true));
+  harness.rebuildService(std::make_shared<FixedFeatureFlags>(false, true));
   EXPECT_EQ(queries("https://portal.eu.example.org/x"), 1u);
 }
 

@@ -45,12 +45,8 @@ TEST(SettingsWorkflowTest, AnswersMustBeAboutWhatWasAsked) {
   // Refusals log why; a listener makes the library write those lines.
   const auto log = LogCollector::install();
   EmulatorHarness harness({catalog(3)});
-  struct Traces : OrvAppConfigDiagnosticsDelegate {
-    std::vector<std::shared_ptr<const OrvAppConfigRequestTrace>> all;
-    void didFinishRequestWithTrace(std::shared_ptr<const OrvAppConfigRequestTrace> trace) override { all.push_back(trace); }
-  };
-  const auto traces = std::make_shared<Traces>();
-  harness.service->setDiagnosticsDelegate(traces);
+  const auto collector = std::make_shared<TraceCollector>();
+  harness.service->setDiagnosticsDelegate(collector);
   harness.emulator().setFault(settingsPath("https://store2.example.com:443/Store"), {.dropMidBody = true});
   const auto caseStore = url("https://case.example.com/C");
   // Each row: what is asked, and how many records come back (none: the request fails, status 3).
@@ -73,13 +69,13 @@ TEST(SettingsWorkflowTest, AnswersMustBeAboutWhatWasAsked) {
     for (const auto& [store, record] : outcome.result.value_or(OrvAppConfigStoreSettingsDictionary{})) {
       EXPECT_TRUE(stores.contains(store) && record->notValidBefore() && record->notValidAfter()) << what;
     }
-    ASSERT_FALSE(traces->all.empty());
-    const bool namesChannel = traces->all.back()->subject.find("channel \"" + channel.value_or("")) != std::string::npos;
+    ASSERT_FALSE(collector->traces.empty());
+    const bool namesChannel = collector->traces.back()->subject.find("channel \"" + channel.value_or("")) != std::string::npos;
     EXPECT_EQ(namesChannel, channel.has_value()) << what;
   }
-  ASSERT_EQ(traces->all.size(), std::size(rows));
+  ASSERT_EQ(collector->traces.size(), std::size(rows));
   std::map<std::string, OrvAppConfigTraceStep> steps;
-  for (const auto& step : traces->all[1]->steps) steps.emplace(step.name, step);
+  for (const auto& step : collector->traces[1]->steps) steps.emplace(step.name, step);
   EXPECT_FALSE(steps["settings query for https://store2.example.com/Store"].passed);
   EXPECT_TRUE(steps["settings query for https://store2.example.com/Store"].error)
       << "the transport error of the broken connection";
