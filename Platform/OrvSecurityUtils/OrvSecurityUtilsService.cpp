@@ -30,21 +30,47 @@ struct SecurityServiceConfiguration {
   // X509_STORE locks internally; verifications share it.
   X509StorePtr trustStore;
   bool requiresChain = false;
+  // The anchors' thumbprints, sorted: services that trust the same anchors reach the same verdict on a
+  // chain, so they share what was verified.
+  std::string anchorsKey;
   OrvSecurityUtilsService::Clock clock;
-
-  // Chains already built, with the period in which all their links are valid. Every answer of a request
-  // is signed by the same certificate; building its chain again for each one cost more than checking
-  // the signature itself.
-  struct VerifiedChain {
-    X509Ptr certificate;
-    CertificateTime validFrom;
-    CertificateTime validUntil;
-  };
-  mutable std::mutex verifiedChainsMutex;
-  mutable std::deque<VerifiedChain> verifiedChains;
 };
 
 }  // namespace orv::detail
+
+namespace {
+
+// Kept for the whole process, shared by every service, and never destroyed: a certificate freed after
+// OpenSSL's own clean-up at exit would touch freed state. Both are keyed by exact bytes and hold only
+// what those bytes determine, so a service created later (another account, say) finds its signing
+// certificate parsed and its chain checked, and a rotated certificate, being other bytes, is not.
+struct ProcessCertificateCaches {
+  static constexpr std::size_t kKept = 8;
+
+  // The signing certificate is fetched afresh for every validation, but it is almost always the same
+  // text: parsing it costs about ten signature checks.
+  std::mutex parsedMutex;
+  std::deque<std::pair<std::string, OrvCertificateRef>> parsed;
+
+  // Chains already built, with the period in which all their links are valid. Every answer of a
+  // request is signed by the same certificate; building its chain again for each one cost more than
+  // checking the signature itself.
+  struct VerifiedChain {
+    std::string anchorsKey;
+    orv::detail::X509Ptr certificate;
+    orv::detail::CertificateTime validFrom;
+    orv::detail::CertificateTime validUntil;
+  };
+  std::mutex verifiedMutex;
+  std::deque<VerifiedChain> verified;
+
+  static ProcessCertificateCaches& shared() {
+    static auto* const caches = new ProcessCertificateCaches;
+    return *caches;
+  }
+};
+
+}  // namespace
 
 namespace {
 
@@ -184,10 +210,12 @@ std::optional<Verdict> checkCertificate(const SecurityServiceConfiguration& conf
   }
   if (!configuration.requiresChain) return std::nullopt;
 
+  auto& caches = ProcessCertificateCaches::shared();
   {
-    std::lock_guard lock(configuration.verifiedChainsMutex);
-    for (const auto& known : configuration.verifiedChains) {
-      if (X509_cmp(known.certificate.get(), certificate.certificate.get()) != 0) continue;
+    std::lock_guard lock(caches.verifiedMutex);
+    for (const auto& known : caches.verified) {
+      if (known.anchorsKey != configuration.anchorsKey || X509_cmp(known.certificate.get(), certificate.certificate.get()) != 0)
+        continue;
       if (!isDateBefore(now, known.validFrom) && !isDateAfter(now, known.validUntil)) return std::nullopt;
       break;
     }
@@ -222,10 +250,9 @@ std::optional<Verdict> checkCertificate(const SecurityServiceConfiguration& conf
   }
   if (X509_up_ref(certificate.certificate.get()) == 1) {
     X509Ptr kept(certificate.certificate.get());
-    std::lock_guard lock(configuration.verifiedChainsMutex);
-    constexpr std::size_t kKeptChains = 4;
-    configuration.verifiedChains.push_front({std::move(kept), validFrom, validUntil});
-    if (configuration.verifiedChains.size() > kKeptChains) configuration.verifiedChains.pop_back();
+    std::lock_guard lock(caches.verifiedMutex);
+    caches.verified.push_front({configuration.anchorsKey, std::move(kept), validFrom, validUntil});
+    if (caches.verified.size() > ProcessCertificateCaches::kKept) caches.verified.pop_back();
   }
   return std::nullopt;
 }
@@ -410,6 +437,10 @@ std::shared_ptr<OrvSecurityUtilsService> OrvSecurityUtilsService::create(Configu
     if (anchor) state->trustAnchors.push_back(std::move(anchor));
   }
   if (state->requiresChain) {
+    std::vector<std::string> thumbprints;
+    for (const auto& anchor : state->trustAnchors) thumbprints.push_back(anchor->handle().sha256Thumbprint);
+    std::sort(thumbprints.begin(), thumbprints.end());
+    for (const auto& thumbprint : thumbprints) state->anchorsKey += thumbprint;
     state->trustStore.reset(X509_STORE_new());
     if (state->trustStore) {
       for (const auto& anchor : state->trustAnchors) {
@@ -492,10 +523,10 @@ std::optional<std::vector<OrvCertificateRef>> OrvSecurityUtilsService::loadCerti
 }
 
 OrvCertificateRef OrvSecurityUtilsService::createCertificateFromCertificateContent(std::string_view certificateContent) {
-  constexpr std::size_t kKeptCertificates = 4;
+  auto& caches = ProcessCertificateCaches::shared();
   {
-    std::lock_guard lock(parsedCertificatesMutex_);
-    for (const auto& [content, certificate] : parsedCertificates_) {
+    std::lock_guard lock(caches.parsedMutex);
+    for (const auto& [content, certificate] : caches.parsed) {
       if (content == certificateContent) return certificate;
     }
   }
@@ -503,9 +534,9 @@ OrvCertificateRef OrvSecurityUtilsService::createCertificateFromCertificateConte
   // good as a fresh one. Refused content is not kept.
   auto certificate = OrvCertificate::certificateWithContent(certificateContent);
   if (!certificate) return nullptr;
-  std::lock_guard lock(parsedCertificatesMutex_);
-  parsedCertificates_.emplace_front(std::string(certificateContent), certificate);
-  if (parsedCertificates_.size() > kKeptCertificates) parsedCertificates_.pop_back();
+  std::lock_guard lock(caches.parsedMutex);
+  caches.parsed.emplace_front(std::string(certificateContent), certificate);
+  if (caches.parsed.size() > ProcessCertificateCaches::kKept) caches.parsed.pop_back();
   return certificate;
 }
 

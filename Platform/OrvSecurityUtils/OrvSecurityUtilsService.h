@@ -2,10 +2,8 @@
 // The security library: certificates from text, and verification of detached JWS signatures made by
 // the discovery service, with the certificate checks that decide whether the signer is acceptable.
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -139,8 +137,4 @@ class OrvSecurityUtilsService : public OrvSecurityServiceProtocol {
  private:
   explicit OrvSecurityUtilsService(std::shared_ptr<const orv::detail::SecurityServiceConfiguration> configuration);
   std::shared_ptr<const orv::detail::SecurityServiceConfiguration> configuration_;
-  // The signing certificate is fetched afresh for every validation, but it is almost always the same
-  // text: parsing it costs about ten signature checks, so the last few parses are kept by content.
-  mutable std::mutex parsedCertificatesMutex_;
-  std::deque<std::pair<std::string, OrvCertificateRef>> parsedCertificates_;
 };

@@ -227,6 +227,9 @@ TEST_F(SecurityUtilsServiceTest, TrustAnchorsRefuseCertificatesThatOnlyCarryTheR
   EXPECT_EQ(expiredAnchor->trustAnchorCount(), 1u);
   EXPECT_EQ(verifyResult(*expiredAnchor, rs256, m.leafOfExpiredRoot), OrvSecurityUtilsResultUntrustedChain);
   EXPECT_EQ(verifyResult(*serviceWith(clock, {nullptr}), rs256, m.rsaLeaf), OrvSecurityUtilsResultUntrustedChain);
+  // Verified chains are kept for the whole process, but only for services that trust the same anchors.
+  ASSERT_EQ(verifyResult(*anchored, rs256, m.rsaLeaf), OrvSecurityUtilsResultSuccess);
+  EXPECT_EQ(verifyResult(*serviceWith(clock, {m.otherRoot}), rs256, m.rsaLeaf), OrvSecurityUtilsResultUntrustedChain);
 }
 
 TEST_F(SecurityUtilsServiceTest, DefaultTrustAnchorsComeFromTheHostTheEnvironmentOrNowhere) {
