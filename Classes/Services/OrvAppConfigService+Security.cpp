@@ -104,25 +104,35 @@ void OrvAppConfigService::didGetSigningCertificateForContext(std::shared_ptr<Orv
     return;
   }
   ORV_LOG_INFO("Successfully obtained public certificate - now validating the payloads");
+  // What the verifications of this run share, held once: the starts run back to back on one thread
+  // while the verifications wait, so each start should cost little.
+  struct Run {
+    std::weak_ptr<OrvAppConfigService> service;
+    std::shared_ptr<OrvAppConfigServiceContext> context;
+    PayloadValidationCompletionBlock completionBlock;
+    std::size_t count = 0;
+    // Verifications complete on the security service's threads and may overlap: the counter is atomic
+    // so that exactly one completion, the last, moves on.
+    std::atomic<std::size_t> completed{0};
+  };
   const auto payloads = context->payloadValidationContexts();
-  const std::size_t count = payloads.size();
-  // Verifications complete on the security service's threads and may overlap: the counter is atomic
-  // so that exactly one completion, the last, moves on.
-  auto completed = std::make_shared<std::atomic<std::size_t>>(0);
-  std::weak_ptr<OrvAppConfigService> weakSelf = weak_from_this();
+  auto run = std::make_shared<Run>();
+  run->service = weak_from_this();
+  run->context = context;
+  run->completionBlock = std::move(completionBlock);
+  run->count = payloads.size();
   const auto& recorder = context->traceRecorder();
   for (const auto& payload : payloads) {
     const auto began = recorder ? recorder->now() : orv::detail::RequestTraceRecorder::Clock::time_point{};
-    asyncValidateAppConfigPayloadForContext(payload, signingCertificate,
-                                            [weakSelf, context, payload, completed, count, completionBlock, began](
-                                                OrvPayloadValidationStatus status, std::optional<OrvError> validationError) {
-                                              recordSignatureStep(*context, *payload, status, validationError, began);
-                                              payload->setValidationStatus(status);
-                                              payload->setValidationError(std::move(validationError));
-                                              if (completed->fetch_add(1, std::memory_order_acq_rel) + 1 != count) return;
-                                              if (auto self = weakSelf.lock())
-                                                self->didCompletePayloadValidationForContext(context, completionBlock);
-                                            });
+    asyncValidateAppConfigPayloadForContext(
+        payload, signingCertificate,
+        [run, payload, began](OrvPayloadValidationStatus status, std::optional<OrvError> validationError) {
+          recordSignatureStep(*run->context, *payload, status, validationError, began);
+          payload->setValidationStatus(status);
+          payload->setValidationError(std::move(validationError));
+          if (run->completed.fetch_add(1, std::memory_order_acq_rel) + 1 != run->count) return;
+          if (auto self = run->service.lock()) self->didCompletePayloadValidationForContext(run->context, run->completionBlock);
+        });
   }
 }
 
@@ -135,8 +145,12 @@ void OrvAppConfigService::asyncValidateAppConfigPayloadForContext(
     completionBlock(OrvPayloadValidationStatusInvalidJWTParameters, std::nullopt);
     return;
   }
-  auto options = std::make_shared<AdditionalCertificateValidationOptions>();
-  options->setRequiredIssuerName(kRequiredIssuerName);
+  // The same for every payload, and read only.
+  static const std::shared_ptr<const AdditionalCertificateValidationOptions> options = [] {
+    auto made = std::make_shared<AdditionalCertificateValidationOptions>();
+    made->setRequiredIssuerName(kRequiredIssuerName);
+    return made;
+  }();
   const auto& securityService = orvSecurityUtilsService();
   if (!securityService) {
     // Without a security service nothing can vouch for the payload.
@@ -145,8 +159,8 @@ void OrvAppConfigService::asyncValidateAppConfigPayloadForContext(
     return;
   }
   securityService->asyncValidateJWTWithJwtPayload(
-      *body, payloadContext->varnelJWTHeader(), payloadContext->varnelJWTSignature(), std::move(signingCertificate),
-      std::move(options), [completionBlock = std::move(completionBlock)](std::int64_t result, std::optional<OrvError> error) {
+      *body, payloadContext->varnelJWTHeader(), payloadContext->varnelJWTSignature(), std::move(signingCertificate), options,
+      [completionBlock = std::move(completionBlock)](std::int64_t result, std::optional<OrvError> error) {
         if (result != 0) {
           ORV_LOG_ERROR("Failed to validate the payload - error = %@", error);
         } else {

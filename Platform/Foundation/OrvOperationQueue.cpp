@@ -214,7 +214,8 @@ void shareOut(std::vector<std::function<void()>>& tasks, bool keepOneShareHere) 
 
 void dispatchBatchToWorkerPool(std::vector<std::function<void()>>& tasks) {
   if (tlsDeferredPosts) {
-    tlsDeferredPosts->reserve(tlsDeferredPosts->size() + tasks.size());
+    // No reserve of the exact size: a turn that posts one task at a time (a verification per store)
+    // would then move every task already gathered at each post.
     for (auto& task : tasks) tlsDeferredPosts->push_back(std::move(task));
     tasks.clear();
     return;
