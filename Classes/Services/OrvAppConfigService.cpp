@@ -31,7 +31,17 @@ OrvAppConfigService::OrvAppConfigService(PrivateTag, std::shared_ptr<OrvURLSessi
     : OrvAtomicWorkflowService(OrvAppConfigOperationQueueName),
       urlSession_(std::move(urlSession)),
       httpHeaderProviderService_(std::move(httpHeaderProviderService)),
-      orvSecurityUtilsService_(std::move(orvSecurityUtilsService)) {}
+      orvSecurityUtilsService_(std::move(orvSecurityUtilsService)) {
+  if (!urlSession_) return;
+  // The service's operations only build requests and hand them to the session, so a few of them
+  // started together run where the session handles its answers, and no worker is woken for them. Held
+  // weakly: the queue may outlive the service, and must not keep the session alive.
+  std::weak_ptr<OrvURLSession> weakSession = urlSession_;
+  operationQueue().setUnderlyingExecutor([weakSession](std::function<void()>& task) {
+    const auto session = weakSession.lock();
+    return session && session->performOnCallbackThread(task);
+  });
+}
 
 void OrvAppConfigService::setLoggerDelegate(std::shared_ptr<OrvSdkLoggerDelegate> delegate) {
   OrvAppConfigServiceLogger::sharedInstance()->setDelegate(std::move(delegate));

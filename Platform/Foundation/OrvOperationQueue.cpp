@@ -212,6 +212,18 @@ void shareOut(std::vector<std::function<void()>>& tasks, bool keepOneShareHere) 
 }
 }  // namespace
 
+void runSharedAsTurn(std::vector<std::function<void()>>& tasks) noexcept {
+  auto& pool = WorkerPool::shared();
+  pool.beginOutsideTurn();
+  try {
+    shareOut(tasks, true);
+  } catch (...) {
+    // No memory to hand shares over: all of them run here.
+    runTurn(tasks, 0, 1);
+  }
+  pool.endOutsideTurn();
+}
+
 void dispatchBatchToWorkerPool(std::vector<std::function<void()>>& tasks) {
   if (tlsDeferredPosts) {
     // No reserve of the exact size: a turn that posts one task at a time (a verification per store)
@@ -261,8 +273,9 @@ OperationQueueState::Starts OperationQueueState::takeWhatMayStart() {
     auto operation = std::move(waiting_.front());
     waiting_.pop_front();
     started_.emplace(operation.get(), operation);
-    starts.push_back(std::move(operation));
+    starts.operations.push_back(std::move(operation));
   }
+  if (!starts.operations.empty()) starts.executor = executor_;
   return starts;
 }
 
@@ -270,11 +283,26 @@ OperationQueueState::Starts OperationQueueState::takeWhatMayStart() {
 // to this queue, and a worker that wakes only to wait for the lock costs a switch each way. Two adders
 // racing each other get no order between them anyway; one adder's operations start in the order added.
 void OperationQueueState::post(Starts& starts) {
+  if (starts.operations.empty()) return;
+  // A few starts go where the queue's owner said its work happens (a session's I/O thread, for the
+  // service's queries): the requests they make are then ready there without waking a worker to make
+  // them. Many starts are shared out to the pool instead, where they run side by side.
+  constexpr std::size_t kMostStartsOnExecutor = 16;
+  if (starts.executor && *starts.executor && starts.operations.size() <= kMostStartsOnExecutor) {
+    try {
+      std::function<void()> run = [operations = starts.operations] {
+        for (const auto& operation : operations) operation->start();
+      };
+      if ((*starts.executor)(run)) return;
+    } catch (...) {
+      // Not taken; the pool starts them.
+    }
+  }
   // Asynchronous operations return from start() at once, so many of them can share a worker's turn:
   // a burst of requests then costs a few wake-ups rather than one each. Any other operation gets a
   // worker of its own, as it may take its time.
   std::vector<std::function<void()>> quickStarts;
-  for (auto& operation : starts) {
+  for (auto& operation : starts.operations) {
     const bool quick = operation->isAsynchronous();
     std::function<void()> start = [operation = std::move(operation)] { operation->start(); };
     if (quick) {
@@ -363,6 +391,12 @@ long OperationQueueState::maxConcurrent() const {
   return maxConcurrent_;
 }
 
+void OperationQueueState::setUnderlyingExecutor(std::function<bool(std::function<void()>&)> executor) {
+  auto shared = executor ? std::make_shared<const std::function<bool(std::function<void()>&)>>(std::move(executor)) : nullptr;
+  std::lock_guard lock(mutex_);
+  executor_ = std::move(shared);
+}
+
 }  // namespace orv::detail
 
 OrvOperationQueue::OrvOperationQueue(std::string name)
@@ -386,3 +420,6 @@ void OrvOperationQueue::waitUntilAllOperationsAreFinished() { state_->waitUntilA
 std::size_t OrvOperationQueue::operationCount() const { return state_->count(); }
 void OrvOperationQueue::setMaxConcurrentOperationCount(long count) { state_->setMaxConcurrent(count); }
 long OrvOperationQueue::maxConcurrentOperationCount() const { return state_->maxConcurrent(); }
+void OrvOperationQueue::setUnderlyingExecutor(std::function<bool(std::function<void()>&)> executor) {
+  state_->setUnderlyingExecutor(std::move(executor));
+}

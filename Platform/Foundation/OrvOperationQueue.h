@@ -33,6 +33,10 @@ class OrvOperationQueue {
 
   void setMaxConcurrentOperationCount(long count);
   long maxConcurrentOperationCount() const;
+  // Where a few operations started together run instead of the pool: the executor takes the task (and
+  // returns true) or leaves it (false), and the pool runs it. Operations of a queue with an executor
+  // must not block, as the executor's thread may have other work. Unset by default.
+  void setUnderlyingExecutor(std::function<bool(std::function<void()>&)> executor);
   const std::string& name() const noexcept { return name_; }
 
  private:

@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <unordered_map>
@@ -27,10 +28,14 @@ class OperationQueueState : public std::enable_shared_from_this<OperationQueueSt
   std::size_t count() const;
   void setMaxConcurrent(long count);
   long maxConcurrent() const;
+  void setUnderlyingExecutor(std::function<bool(std::function<void()>&)> executor);
 
  private:
   // Operations to start now: taken with mutex_ held, posted without.
-  using Starts = std::vector<std::shared_ptr<OrvOperation>>;
+  struct Starts {
+    std::vector<std::shared_ptr<OrvOperation>> operations;
+    std::shared_ptr<const std::function<bool(std::function<void()>&)>> executor;
+  };
   Starts takeWhatMayStart();
   static void post(Starts& starts);
   std::vector<std::shared_ptr<OrvOperation>> snapshot(bool includeStarted) const;
@@ -40,6 +45,7 @@ class OperationQueueState : public std::enable_shared_from_this<OperationQueueSt
   std::deque<std::shared_ptr<OrvOperation>> waiting_;
   std::unordered_map<const OrvOperation*, std::shared_ptr<OrvOperation>> started_;
   long maxConcurrent_ = -1;
+  std::shared_ptr<const std::function<bool(std::function<void()>&)>> executor_;
   // Set while the state holds unfinished operations: a destroyed queue's operations keep running.
   std::shared_ptr<OperationQueueState> keepAlive_;
 };

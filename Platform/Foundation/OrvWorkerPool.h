@@ -11,6 +11,9 @@ bool isInWorkerTurn() noexcept;
 // Runs the tasks here, in order, as one turn of a worker: what they hand to the pool or defer to the
 // turn's end is dealt with before this returns, this thread keeping a share of it.
 void runAsTurn(std::vector<std::function<void()>>& tasks) noexcept;
+// The same, but the tasks are shared out as dispatchBatchToWorkerPool shares them, this thread running
+// one share: for a thread with nothing else to do until they are done.
+void runSharedAsTurn(std::vector<std::function<void()>>& tasks) noexcept;
 // Hands over several tasks with one wake-up per worker rather than one per task. Tasks are spread over
 // at most as many pool tasks as the machine has cores, each running its share in order. Called from a
 // pool thread, they wait for the end of its turn, and that thread then runs one share itself. Takes the

@@ -158,14 +158,17 @@ class CurlSessionCore : public std::enable_shared_from_this<CurlSessionCore> {
   std::uint64_t nextTaskIdentifier() noexcept { return nextTaskIdentifier_.fetch_add(1, std::memory_order_relaxed); }
   void submit(std::shared_ptr<CurlDataTask> task);
   void cancel(std::uint64_t taskIdentifier);
+  bool perform(std::function<void()>& work);
 
  private:
   struct Command {
     std::shared_ptr<CurlDataTask> startTask;
     std::uint64_t cancelIdentifier = 0;
+    std::function<void()> work;
   };
 
   void post(Command command);
+  void wakeIfFirst(bool first, std::unique_lock<std::mutex>& lock);
   void run();
   void handOver(std::vector<std::function<void()>>& completions) noexcept;
   CurlEasyHandle takeEasyHandle();
@@ -343,12 +346,28 @@ void CurlSessionCore::post(Command command) {
     if (command.startTask) command.startTask->complete(std::nullopt, nullptr, cancelledError());
     return;
   }
-  const bool wakeUp = commands_.empty();
+  const bool first = commands_.empty();
   commands_.push_back(std::move(command));
+  wakeIfFirst(first, lock);
+}
+
+bool CurlSessionCore::perform(std::function<void()>& work) {
+  std::unique_lock lock(mutex_);
+  if (stopping_ || !work) return false;
+  // Room first, so that a failed allocation leaves the work with its owner.
+  if (commands_.size() == commands_.capacity()) commands_.reserve(std::max<std::size_t>(8, 2 * commands_.capacity()));
+  const bool first = commands_.empty();
+  commands_.push_back(Command{nullptr, 0, std::move(work)});
+  wakeIfFirst(first, lock);
+  return true;
+}
+
+void CurlSessionCore::wakeIfFirst(bool first, std::unique_lock<std::mutex>& lock) {
   // The wake-up is remembered when the I/O thread is not polling yet, so it cannot be lost. Commands
   // already waiting have had theirs, and the thread takes them all at once. Requests started together
   // wake the thread once their batch is done, and go out in one write.
-  if (!wakeUp) return;
+  if (!first) return;
+  lock.unlock();
   // Posted by the I/O thread itself (a workflow going on from an answer it handled): it looks at the
   // commands before it sleeps again.
   if (std::this_thread::get_id() == ioThread_.load(std::memory_order_relaxed)) return;
@@ -387,12 +406,21 @@ void CurlSessionCore::run() {
       commands.swap(commands_);
       stopping = stopping_;
     }
+    // Work handed to this thread runs first, as one turn: the requests it makes are then among the
+    // commands seen before the thread sleeps again. When stopping it still runs, so that every
+    // operation it starts hears that the session is gone.
+    std::vector<std::function<void()>> work;
+    for (auto& command : commands) {
+      if (command.work) work.push_back(std::move(command.work));
+    }
     if (stopping) {
       for (auto& command : commands) {
         if (command.startTask) command.startTask->complete(std::nullopt, nullptr, cancelledError());
       }
+      if (!work.empty()) runAsTurn(work);
       break;
     }
+    if (!work.empty()) runAsTurn(work);
     std::vector<std::function<void()>> completions;
     tlsCompletionBatch = &completions;
     for (auto& command : commands) {
@@ -426,10 +454,11 @@ void CurlSessionCore::run() {
 
 void CurlSessionCore::handOver(std::vector<std::function<void()>>& completions) noexcept {
   if (completions.empty()) return;
-  // A lone answer with nothing else in flight delays nobody: it is handled here, where its bytes are,
-  // and the workflow goes on from here (the next request of it included) without waking a worker.
-  if (completions.size() == 1 && transfers_.empty()) {
-    runAsTurn(completions);
+  // With nothing else in flight, handling answers here delays nobody: this thread takes a share of
+  // them (a lone answer entirely), where their bytes are, and the workflow goes on from here (the next
+  // request of it included) with one worker woken fewer.
+  if (transfers_.empty()) {
+    runSharedAsTurn(completions);
     completions.clear();
     return;
   }
@@ -783,6 +812,14 @@ std::shared_ptr<OrvCurlURLSession> OrvCurlURLSession::create(OrvCurlURLSessionCo
     return std::shared_ptr<OrvCurlURLSession>(new OrvCurlURLSession(std::move(configuration), std::move(core)));
   } catch (...) {
     return nullptr;
+  }
+}
+
+bool OrvCurlURLSession::performOnCallbackThread(std::function<void()>& task) {
+  try {
+    return core_->perform(task);
+  } catch (...) {
+    return false;
   }
 }
 

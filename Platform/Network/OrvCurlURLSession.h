@@ -58,6 +58,8 @@ class OrvCurlURLSession final : public OrvURLSession {
 
   std::shared_ptr<OrvURLSessionDataTask> dataTaskWithRequest(const OrvURLRequest& request,
                                                              OrvURLSessionDataTaskCompletionHandler completionHandler) override;
+  // On the I/O thread, between two rounds of curl.
+  bool performOnCallbackThread(std::function<void()>& task) override;
 
   const OrvCurlURLSessionConfiguration& configuration() const noexcept { return configuration_; }
 

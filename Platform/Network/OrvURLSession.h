@@ -89,4 +89,11 @@ class OrvURLSession {
   virtual ~OrvURLSession() = default;
   virtual std::shared_ptr<OrvURLSessionDataTask> dataTaskWithRequest(
       const OrvURLRequest& request, OrvURLSessionDataTaskCompletionHandler completionHandler) = 0;
+  // Takes `task` to run soon on the thread where the session handles its answers, and returns true; or
+  // returns false and leaves `task` as it was, when the session has no such thread or has stopped.
+  // Work that leads straight to a request then wakes no other thread. The task must not block.
+  virtual bool performOnCallbackThread(std::function<void()>& task) {
+    (void)task;
+    return false;
+  }
 };

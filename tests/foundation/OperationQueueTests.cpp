@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <mutex>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -78,6 +81,41 @@ TEST(OrvOperationQueueTest, MaxConcurrencyHolds) {
   queue.addOperations(batch, true);
   EXPECT_LE(peak.load(), 2);
   for (const auto& operation : batch) EXPECT_TRUE(operation->isFinished());
+}
+
+// A few operations started together run where the queue's executor puts them, one after the other; a
+// burst, or work the executor refuses, goes to the pool. Every operation runs either way.
+TEST(OrvOperationQueueTest, FewStartsGoToTheUnderlyingExecutorTheRestToThePool) {
+  std::mutex mutex;
+  std::vector<std::thread> executorThreads;
+  std::set<std::thread::id> executorIds;
+  bool accepting = true;
+  OrvOperationQueue queue("test.executor");
+  queue.setUnderlyingExecutor([&](std::function<void()>& task) {
+    std::lock_guard lock(mutex);
+    if (!accepting) return false;
+    executorThreads.emplace_back(std::move(task));
+    executorIds.insert(executorThreads.back().get_id());
+    return true;
+  });
+  const auto batch = [&](std::size_t size) {
+    auto ranOn = std::make_shared<std::vector<std::thread::id>>(size);
+    std::vector<std::shared_ptr<OrvOperation>> operations;
+    for (std::size_t i = 0; i < size; ++i)
+      operations.push_back(OrvBlockOperation::blockOperationWithBlock([ranOn, i] { (*ranOn)[i] = std::this_thread::get_id(); }));
+    queue.addOperations(operations, true);
+    std::lock_guard lock(mutex);
+    return std::ranges::count_if(*ranOn, [&](std::thread::id id) { return executorIds.contains(id); });
+  };
+  EXPECT_EQ(batch(3), 3);
+  EXPECT_EQ(batch(40), 0);
+  {
+    std::lock_guard lock(mutex);
+    accepting = false;
+  }
+  EXPECT_EQ(batch(2), 0);
+  for (auto& thread : executorThreads) thread.join();
+  EXPECT_EQ(executorThreads.size(), 1u);
 }
 
 TEST(OrvOperationQueueTest, DestroyingAQueueLetsEveryOperationEnd) {

@@ -143,10 +143,20 @@ TEST_F(OrvCurlURLSessionTest, DestroyingOrInvalidatingTheSessionCancelsWhatIsInF
     auto later = task(*session, kDomainPath, notStarted);
     harness.emulator().clearRequests();
     ASSERT_TRUE(arrived());
+    // Work handed to the session runs on its I/O thread, the one that answers, while a request is held.
+    std::atomic<std::thread::id> ranOn{};
+    std::function<void()> work = [&ranOn] { ranOn = std::this_thread::get_id(); };
+    ASSERT_TRUE(session->performOnCallbackThread(work));
+    ASSERT_TRUE(pollUntil([&] { return ranOn.load() != std::thread::id{}; }));
+    EXPECT_NE(ranOn.load(), std::this_thread::get_id());
     if (invalidate) {
       // Blocking: by the time it returns, the I/O thread is gone and the task has been answered.
       session->invalidateAndCancel();
       session->invalidateAndCancel();
+      // A stopped session takes no work and leaves it with the caller.
+      std::function<void()> refused = [] {};
+      EXPECT_FALSE(session->performOnCallbackThread(refused));
+      EXPECT_TRUE(refused);
     } else {
       session.reset();
     }
