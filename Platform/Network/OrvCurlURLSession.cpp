@@ -410,6 +410,17 @@ void CurlSessionCore::run() {
     // commands seen before the thread sleeps again. When stopping it still runs, so that every
     // operation it starts hears that the session is gone.
     std::vector<std::function<void()>> work;
+    try {
+      work.reserve(commands.size());
+    } catch (...) {
+      // No room to gather it: each piece runs here on its own, late rather than never.
+      for (auto& command : commands) {
+        try {
+          if (command.work) std::exchange(command.work, nullptr)();
+        } catch (...) {
+        }
+      }
+    }
     for (auto& command : commands) {
       if (command.work) work.push_back(std::move(command.work));
     }
