@@ -212,6 +212,9 @@ void shareOut(std::vector<std::function<void()>>& tasks, bool keepOneShareHere) 
 }
 }  // namespace
 
+ExitHold::ExitHold() { WorkerPool::shared().beginOutsideTurn(); }
+ExitHold::~ExitHold() { WorkerPool::shared().endOutsideTurn(); }
+
 void runSharedAsTurn(std::vector<std::function<void()>>& tasks) noexcept {
   auto& pool = WorkerPool::shared();
   pool.beginOutsideTurn();

@@ -14,6 +14,16 @@ void runAsTurn(std::vector<std::function<void()>>& tasks) noexcept;
 // The same, but the tasks are shared out as dispatchBatchToWorkerPool shares them, this thread running
 // one share: for a thread with nothing else to do until they are done.
 void runSharedAsTurn(std::vector<std::function<void()>>& tasks) noexcept;
+// While one lives, process exit does not stop the pool: held by work queued on a thread of the
+// library's own (a session's I/O thread) until it has run, as that work may still hand the pool
+// something to finish (a cancelled operation's end, the join of that very thread).
+class ExitHold {
+ public:
+  ExitHold();
+  ~ExitHold();
+  ExitHold(const ExitHold&) = delete;
+  ExitHold& operator=(const ExitHold&) = delete;
+};
 // Hands over several tasks with one wake-up per worker rather than one per task. Tasks are spread over
 // at most as many pool tasks as the machine has cores, each running its share in order. Called from a
 // pool thread, they wait for the end of its turn, and that thread then runs one share itself. Takes the

@@ -165,6 +165,8 @@ class CurlSessionCore : public std::enable_shared_from_this<CurlSessionCore> {
     std::shared_ptr<CurlDataTask> startTask;
     std::uint64_t cancelIdentifier = 0;
     std::function<void()> work;
+    // Let go once the work has run, with the commands it came in.
+    std::unique_ptr<ExitHold> exitHold;
   };
 
   void post(Command command);
@@ -354,10 +356,12 @@ void CurlSessionCore::post(Command command) {
 bool CurlSessionCore::perform(std::function<void()>& work) {
   std::unique_lock lock(mutex_);
   if (stopping_ || !work) return false;
-  // Room first, so that a failed allocation leaves the work with its owner.
+  // Room and hold first, so that a failed allocation leaves the work with its owner. Held from now:
+  // the operations it starts belong to the pool's work as much as if it had been handed to the pool.
   if (commands_.size() == commands_.capacity()) commands_.reserve(std::max<std::size_t>(8, 2 * commands_.capacity()));
+  auto exitHold = std::make_unique<ExitHold>();
   const bool first = commands_.empty();
-  commands_.push_back(Command{nullptr, 0, std::move(work)});
+  commands_.push_back(Command{nullptr, 0, std::move(work), std::move(exitHold)});
   wakeIfFirst(first, lock);
   return true;
 }
