@@ -40,6 +40,8 @@ struct SecurityServiceConfiguration {
 
 namespace {
 
+using namespace orv::detail;
+
 // Kept for the whole process, shared by every service, and never destroyed: a certificate freed after
 // OpenSSL's own clean-up at exit would touch freed state. Both are keyed by exact bytes and hold only
 // what those bytes determine, so a service created later (another account, say) finds its signing
@@ -57,9 +59,9 @@ struct ProcessCertificateCaches {
   // checking the signature itself.
   struct VerifiedChain {
     std::string anchorsKey;
-    orv::detail::X509Ptr certificate;
-    orv::detail::CertificateTime validFrom;
-    orv::detail::CertificateTime validUntil;
+    X509Ptr certificate;
+    CertificateTime validFrom;
+    CertificateTime validUntil;
   };
   std::mutex verifiedMutex;
   std::deque<VerifiedChain> verified;
@@ -69,12 +71,6 @@ struct ProcessCertificateCaches {
     return *caches;
   }
 };
-
-}  // namespace
-
-namespace {
-
-using namespace orv::detail;
 
 using Verdict = OrvJWTValidationResult;
 
