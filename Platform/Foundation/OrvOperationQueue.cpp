@@ -181,10 +181,8 @@ void dispatchToWorkerPool(std::function<void()> task) { WorkerPool::shared().pos
 bool isInWorkerTurn() noexcept { return tlsDeferredPosts != nullptr; }
 
 void runAsTurn(std::vector<std::function<void()>>& tasks) noexcept {
-  auto& pool = WorkerPool::shared();
-  pool.beginOutsideTurn();
+  const ExitHold hold;
   runTurn(tasks, 0, 1);
-  pool.endOutsideTurn();
 }
 
 namespace {
@@ -216,15 +214,13 @@ ExitHold::ExitHold() { WorkerPool::shared().beginOutsideTurn(); }
 ExitHold::~ExitHold() { WorkerPool::shared().endOutsideTurn(); }
 
 void runSharedAsTurn(std::vector<std::function<void()>>& tasks) noexcept {
-  auto& pool = WorkerPool::shared();
-  pool.beginOutsideTurn();
+  const ExitHold hold;
   try {
     shareOut(tasks, true);
   } catch (...) {
     // No memory to hand shares over: all of them run here.
     runTurn(tasks, 0, 1);
   }
-  pool.endOutsideTurn();
 }
 
 void dispatchBatchToWorkerPool(std::vector<std::function<void()>>& tasks) {
@@ -291,7 +287,7 @@ void OperationQueueState::post(Starts& starts) {
   // service's queries): the requests they make are then ready there without waking a worker to make
   // them. Many starts are shared out to the pool instead, where they run side by side.
   constexpr std::size_t kMostStartsOnExecutor = 16;
-  if (starts.executor && *starts.executor && starts.operations.size() <= kMostStartsOnExecutor) {
+  if (starts.executor && starts.operations.size() <= kMostStartsOnExecutor) {
     try {
       std::function<void()> run = [operations = starts.operations] {
         for (const auto& operation : operations) operation->start();

@@ -164,9 +164,6 @@ class CurlSessionCore : public std::enable_shared_from_this<CurlSessionCore> {
   struct Command {
     std::shared_ptr<CurlDataTask> startTask;
     std::uint64_t cancelIdentifier = 0;
-    std::function<void()> work;
-    // Let go once the work has run, with the commands it came in.
-    std::unique_ptr<ExitHold> exitHold;
   };
 
   void post(Command command);
@@ -207,6 +204,10 @@ class CurlSessionCore : public std::enable_shared_from_this<CurlSessionCore> {
 
   std::mutex mutex_;
   std::vector<Command> commands_;
+  // Work handed to the thread, and one hold on process exit for all of it until it has run: the
+  // operations it starts belong to the pool's work as much as if they had been handed to the pool.
+  std::vector<std::function<void()>> work_;
+  std::unique_ptr<ExitHold> workHold_;
   bool stopping_ = false;
   std::thread thread_;
   std::atomic<std::thread::id> ioThread_{};
@@ -348,7 +349,7 @@ void CurlSessionCore::post(Command command) {
     if (command.startTask) command.startTask->complete(std::nullopt, nullptr, cancelledError());
     return;
   }
-  const bool first = commands_.empty();
+  const bool first = commands_.empty() && work_.empty();
   commands_.push_back(std::move(command));
   wakeIfFirst(first, lock);
 }
@@ -356,12 +357,11 @@ void CurlSessionCore::post(Command command) {
 bool CurlSessionCore::perform(std::function<void()>& work) {
   std::unique_lock lock(mutex_);
   if (stopping_ || !work) return false;
-  // Room and hold first, so that a failed allocation leaves the work with its owner. Held from now:
-  // the operations it starts belong to the pool's work as much as if it had been handed to the pool.
-  if (commands_.size() == commands_.capacity()) commands_.reserve(std::max<std::size_t>(8, 2 * commands_.capacity()));
-  auto exitHold = std::make_unique<ExitHold>();
-  const bool first = commands_.empty();
-  commands_.push_back(Command{nullptr, 0, std::move(work), std::move(exitHold)});
+  // Room and hold first, so that a failed allocation leaves the work with its owner.
+  if (work_.size() == work_.capacity()) work_.reserve(std::max<std::size_t>(8, 2 * work_.capacity()));
+  if (!workHold_) workHold_ = std::make_unique<ExitHold>();
+  const bool first = commands_.empty() && work_.empty();
+  work_.push_back(std::move(work));
   wakeIfFirst(first, lock);
   return true;
 }
@@ -404,29 +404,18 @@ void CurlSessionCore::run() {
   ioThread_.store(std::this_thread::get_id(), std::memory_order_relaxed);
   for (;;) {
     std::vector<Command> commands;
+    // Work handed to this thread runs first, as one turn: the requests it makes are then among the
+    // commands seen before the thread sleeps again. When stopping it still runs, so that every
+    // operation it starts hears that the session is gone. Its hold goes once it has run.
+    std::vector<std::function<void()>> work;
+    std::unique_ptr<ExitHold> workHold;
     bool stopping;
     {
       std::lock_guard lock(mutex_);
       commands.swap(commands_);
+      work.swap(work_);
+      workHold = std::move(workHold_);
       stopping = stopping_;
-    }
-    // Work handed to this thread runs first, as one turn: the requests it makes are then among the
-    // commands seen before the thread sleeps again. When stopping it still runs, so that every
-    // operation it starts hears that the session is gone.
-    std::vector<std::function<void()>> work;
-    try {
-      work.reserve(commands.size());
-    } catch (...) {
-      // No room to gather it: each piece runs here on its own, late rather than never.
-      for (auto& command : commands) {
-        try {
-          if (command.work) std::exchange(command.work, nullptr)();
-        } catch (...) {
-        }
-      }
-    }
-    for (auto& command : commands) {
-      if (command.work) work.push_back(std::move(command.work));
     }
     if (stopping) {
       for (auto& command : commands) {
@@ -458,7 +447,7 @@ void CurlSessionCore::run() {
     bool commandsWaiting;
     {
       std::lock_guard lock(mutex_);
-      commandsWaiting = !commands_.empty() || stopping_;
+      commandsWaiting = !commands_.empty() || !work_.empty() || stopping_;
     }
     if (!commandsWaiting) curl_multi_poll(multi_.get(), nullptr, 0, pollInterval(), nullptr);
   }
