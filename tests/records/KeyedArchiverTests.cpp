@@ -62,9 +62,7 @@ TEST(OrvNumber, ConvertsLikeThePlatformWithoutUndefinedBehaviour) {
   // A boolean remembers it was one; equality goes by kind as well as value.
   EXPECT_NE(OrvNumber(true), OrvNumber(1));
   EXPECT_NE(OrvNumber(std::uint64_t{5}), OrvNumber(5));
-  EXPECT_EQ(OrvNumber::fromJSON(json::value(true))->toJSON(), json::value(true));
   EXPECT_FALSE(OrvNumber::fromJSON(json::value("5")));
-  EXPECT_FALSE(OrvNumber::fromJSON(nullptr));
   EXPECT_EQ(OrvNumber(true).description(), "1");
 }
 
