@@ -36,7 +36,6 @@ TEST(OrvCertificateTest, AcceptsOnePEMBlockOrBase64DERAndNothingElse) {
   for (char& c : urlAlphabet) c = c == '+' ? '-' : c == '/' ? '_' : c;
   const std::string contents[] = {
       "",
-      " \n\t",
       "not a certificate",
       pem + "garbage",
       pem + "\n-----BEGIN CERTIFICATE-----",
