@@ -20,13 +20,11 @@ static void judge(const OrvCertificateRef& certificate) {
   fuzzRequire(fromDer && fromDer->derData() == certificate->derData(), "a certificate reads back from its DER");
   const auto fromPem = OrvCertificate::certificateWithContent(certificate->pemString());
   fuzzRequire(fromPem && fromPem->derData() == certificate->derData(), "a certificate reads back from its own PEM");
-  // The certificate as its own anchor: the chain check runs over whatever the input holds.
-  OrvSecurityUtilsService::Configuration anchored;
-  anchored.trustAnchors = {certificate};
   AdditionalCertificateValidationOptions options;
   options.setRequiredIssuerName("Varnel Systems, Inc.");
-  // RS256 and ES256, so that an RSA or a P-256 key gets past the key check to the certificate's own.
-  for (const auto& service : {plain, OrvSecurityUtilsService::create(anchored)}) {
+  // RS256 and ES256, so that an RSA or a P-256 key gets past the key check to the certificate's own. The
+  // certificate as its own anchor: the chain check runs over whatever the input holds.
+  for (const auto& service : {plain, OrvSecurityUtilsService::create({.trustAnchors = {certificate}})}) {
     for (const char* header : {"eyJhbGciOiJSUzI1NiJ9", "eyJhbGciOiJFUzI1NiJ9"}) {
       const auto verdict = service->validateJWT("{}", std::string(header), std::string("c2ln"), certificate, &options);
       orv::detail::fuzzRequireVerdictShape(verdict);
