@@ -120,6 +120,8 @@ std::vector<Row> rows() {
        std::vector<std::string>{kQuery, "/moved"}},
       {"four hops", hops(4), tooManyHops, hopped},
       {"three hops, then 404", hops(3), std::nullopt, hopped},
+      // The records carry no signature: these rows also show an unsigned answer refused, with no
+      // error, before any certificate is fetched.
       {"8 MiB by Content-Length", onQuery(raw(withLength(ok, paddedRecord(kBodyLimit)))), std::nullopt},
       // Refused on the announced length, before any body byte.
       {"8 MiB + 1 by Content-Length", onQuery(raw(withLength(ok, paddedRecord(kBodyLimit + 1)))), tooBig},
