@@ -6,7 +6,6 @@
 #include <curl/curl.h>
 
 #include "EmulatorHarness.h"
-#include "OrvOperationQueue.h"
 #include "OrvOperationQueueTesting.h"
 
 using namespace orv::test;
