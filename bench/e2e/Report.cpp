@@ -32,14 +32,28 @@ double number(const json::object& o, std::string_view key) {
   return found ? found->to_number<double>() : 0.0;
 }
 
+double medianOf(std::vector<double> values) {
+  if (values.empty()) return 0.0;
+  std::sort(values.begin(), values.end());
+  const std::size_t middle = values.size() / 2;
+  return values.size() % 2 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+}
+
 struct Pooled {
   std::vector<double> samples;
+  // One entry per process, in the order they ran: floor and library take turns, so the i-th of each
+  // side met the same spell of the machine.
+  std::vector<double> processMedians, processCpu;
   double flows = 0, cpuMilliseconds = 0, peakRssKiB = 0, connections = 0, curlConnections = 0, requests = 0;
   double failed = 0, otherProtocol = 0;
   int processes = 0;
 
   void add(const json::object& o) {
-    for (const auto& sample : o.at("samples_ms").as_array()) samples.push_back(sample.to_number<double>());
+    std::vector<double> own;
+    for (const auto& sample : o.at("samples_ms").as_array()) own.push_back(sample.to_number<double>());
+    samples.insert(samples.end(), own.begin(), own.end());
+    processMedians.push_back(medianOf(std::move(own)));
+    processCpu.push_back(number(o, "cpu_ms_per_flow"));
     const double n = number(o, "flows");
     flows += n;
     cpuMilliseconds += number(o, "cpu_ms_per_flow") * n;
@@ -79,6 +93,21 @@ std::string ratio(double a, double b) { return b > 0 ? format("%.2f", a / b) : "
 std::string mib(double kib) { return format("%.1f", kib / 1024); }
 std::string http(const std::string& protocol) { return protocol == "h2" ? "2" : "1.1"; }
 
+// The library's process against the floor's that ran next to it, for each pair: how far a ratio moves
+// with the machine alone. The floor against itself shows the same from the other side.
+std::string pairRange(const std::vector<double>& library, const std::vector<double>& floor) {
+  std::vector<double> ratios;
+  for (std::size_t i = 0; i < std::min(library.size(), floor.size()); ++i)
+    if (floor[i] > 0) ratios.push_back(library[i] / floor[i]);
+  if (ratios.empty()) return "–";
+  const auto [low, high] = std::minmax_element(ratios.begin(), ratios.end());
+  return format("%.2f", *low) + "–" + format("%.2f", *high);
+}
+std::string spread(const std::vector<double>& values) {
+  const auto [low, high] = std::minmax_element(values.begin(), values.end());
+  return values.empty() || *low <= 0 ? "–" : format("%.2f", *high / *low);
+}
+
 using Key = std::tuple<std::string, std::string, int>;  // protocol, scenario, stores
 
 }  // namespace
@@ -102,9 +131,9 @@ int main(int argc, char** argv) {
   std::vector<std::string> findings;
   std::printf(
       "| HTTP | scenario | stores | flows | wall ms library: median (min–max) | floor: median (min–max) | × floor: median "
-      "(min, max) | CPU ms/flow library | floor | × | peak RSS MiB library | floor | × | TLS conns/flow library | floor | "
-      "requests/flow |\n");
-  std::printf("|---|---|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|\n");
+      "(min, max) | × per process pair | floor's own spread | CPU ms/flow library | floor | × | × per process pair | peak "
+      "RSS MiB library | floor | × | TLS conns/flow library | floor | requests/flow |\n");
+  std::printf("|---|---|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|\n");
   for (const std::string protocol : {"h2", "http1.1"}) {
     for (const std::string scenario : kScenarios) {
       for (const int stores : kStoreCounts) {
@@ -113,12 +142,14 @@ int main(int argc, char** argv) {
         const Pooled& l = library[key];
         const Pooled& f = floor[key];
         std::printf(
-            "| %s | %s | %d | %.0f | %s (%s–%s) | %s (%s–%s) | **%s** (%s, %s) | %s | %s | **%s** | %s | %s | %s | %s | %s | %s "
-            "|\n",
+            "| %s | %s | %d | %.0f | %s (%s–%s) | %s (%s–%s) | **%s** (%s, %s) | %s | %s | %s | %s | **%s** | %s | %s | %s | %s "
+            "| %s | %s | %s |\n",
             http(protocol).c_str(), scenario.c_str(), stores, l.flows, ms(l.median()).c_str(), ms(l.min()).c_str(),
             ms(l.max()).c_str(), ms(f.median()).c_str(), ms(f.min()).c_str(), ms(f.max()).c_str(),
             ratio(l.median(), f.median()).c_str(), ratio(l.min(), f.min()).c_str(), ratio(l.max(), f.max()).c_str(),
-            ms(l.cpu()).c_str(), ms(f.cpu()).c_str(), ratio(l.cpu(), f.cpu()).c_str(), mib(l.peakRssKiB).c_str(),
+            pairRange(l.processMedians, f.processMedians).c_str(), spread(f.processMedians).c_str(), ms(l.cpu()).c_str(),
+            ms(f.cpu()).c_str(), ratio(l.cpu(), f.cpu()).c_str(), pairRange(l.processCpu, f.processCpu).c_str(),
+            mib(l.peakRssKiB).c_str(),
             mib(f.peakRssKiB).c_str(), ratio(l.peakRssKiB, f.peakRssKiB).c_str(), format("%.2f", l.connections / l.flows).c_str(),
             format("%.2f", f.curlConnections / f.flows).c_str(), format("%.1f", l.requests / l.flows).c_str());
 
