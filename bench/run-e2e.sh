@@ -171,6 +171,11 @@ store count runs in processes of its own, so that each peak RSS is that scenario
   \`ru_maxrss\`; **TLS conns/flow** are the connections the measured flows opened, from distinct
   \`connection=\` values in nginx's access log for the library and \`CURLINFO_NUM_CONNECTS\` for the
   floor (the log agrees for the floor, or the report says otherwise). Ratios are library / floor.
+- **× per process pair** is the lowest and highest ratio of a library process to the floor process
+  that ran just before it (wall: their medians; CPU: their CPU per flow). **Floor's own spread** is
+  the slowest floor process's median over the fastest's. Together they show how far a ratio moves
+  with the machine alone: a cell whose pairs straddle a bound, or whose floor differs from itself by
+  more than the margin a bound leaves, cannot be judged against that bound from this run.
 
 ## Machine
 
@@ -203,16 +208,22 @@ Debian 12 machine. The shares move with the machine; the causes do not.
   records, the request and its headers, and the answer's parse. The rest is the parse and the records
   themselves, the host's monitoring and transaction headers (curl matches each custom header against
   its own list; nghttp2 checks each value) and the certificate checks the floor does not make. CPU
-  time stays 1.2 to 1.4 times the floor's because the work moves between threads: `perf stat` counts
-  about 50 context switches per warm 100-store flow against the floor's 25, with the same system
-  time and fewer instructions per cycle. An answer is received on the I/O thread, parsed on a worker,
-  verified on another and matched where the last verification ends. The main queue used to wake the
-  main thread while still holding its lock, so the woken thread blocked on it at once: two futex calls
-  and a context switch per delivery, now gone. The operation queue did the same when it started
-  operations: it handed them to the workers under its lock, and the first thing a started workflow
-  does is add its next operation to that queue, so the woken worker blocked at once. Starts are now
-  posted once the lock is let go (warm discovery of one store: 6.2 context switches per flow before,
-  5.6 after).
+  time stays 1.2 to 1.4 times the floor's, and the rest is in how the work runs rather than how much
+  of it there is: `perf stat` counts
+  about 15 context switches per warm 100-store flow against the floor's 5, and `perf`'s samples per
+  thread show the I/O thread spending about 1.4 times the floor's time in curl, nghttp2 and TLS for
+  1.1 times their instructions, and the same RSA verifications taking about a quarter longer than
+  the floor's. With the client held to one vCPU and nginx to the other (`taskset`), so that nothing
+  of the client shares a vCPU with the server, the library's CPU per flow came to 1.08 to 1.21 times
+  the floor's at 10 and 100 stores, close to the instruction ratio. Fewer hand-offs do not close the
+  gap: starting all of a request's operations and handling all of its answers on the I/O thread took
+  a warm 100-store flow from 17 to 9 context switches and left its CPU and wall time where they were
+  (six interleaved processes of each). Two hand-offs that did cost were the main queue waking the
+  main thread while still holding its lock (the woken thread blocked on it at once: two futex calls
+  and a context switch per delivery) and the operation queue handing starts to the workers under its
+  lock (the first thing a started workflow does is add its next operation to that queue). Both now
+  let go of the lock first (warm discovery of one store: 6.2 context switches per flow before, 5.6
+  after).
 - **Small flows are hand-offs.** A request goes from the caller's thread to the session's I/O thread,
   where its first operations run and their requests go out, and its result comes back on the main
   queue: two wake-ups per flow that the floor, which does everything on the thread that asked, does
@@ -261,6 +272,11 @@ Debian 12 machine. The shares move with the machine; the causes do not.
   While every origin it has heard from speaks HTTP/2, the session holds curl to one connection per
   host, so that close costs exactly one new connection (before, curl opened up to the host limit at
   once for the requests it sent again, about 1.06 per flow). Over HTTP/1.1 both sides use six.
+- **What one run can tell.** Read each ratio with its range over process pairs and the floor's own
+  spread. On this 2-vCPU machine the floor's processes have differed from each other by more than a
+  third within one cell of one run (warm settings at 100 stores: 1.73), and the library's pairs in
+  such a cell span more than half a unit (0.90 to 1.81). A bound of 1.10 lies inside that spread: it
+  can be judged on a machine whose floor agrees with itself to a few per cent, not here.
 - **Peak RSS.** With easy handles taken at admission, a 1,000-store request over HTTP/2 peaks below
   the floor; over HTTP/1.1 the fresh flow is still about 6 MiB above it: up to six connections' worth
   of answers wait as records for the last one.
