@@ -7,6 +7,8 @@
 #include <atomic>
 #include <condition_variable>
 #include <deque>
+#include <memory>
+#include <mutex>
 #include <new>
 #include <system_error>
 #include <thread>
@@ -35,6 +37,7 @@ void runCatchingEverything(std::function<void()>& task) noexcept {
 
 // Throws when the pool cannot take the tasks; `tasks` then still holds them all.
 void shareOut(std::vector<std::function<void()>>& tasks, bool keepOneShareHere);
+void stopAndJoinLoopThreads() noexcept;
 
 // Runs every `stride`-th task from `first`; then what the turn deferred to its end; then the work it
 // handed to the pool, of which this thread keeps a share rather than sleep while another wakes for it.
@@ -115,7 +118,12 @@ class WorkerPool {
  private:
   struct ExitJoiner {
     WorkerPool& pool;
-    ~ExitJoiner() { pool.stopAndJoin(); }
+    // Loop threads after the workers: the last work of a session's loop holds exit like a worker's
+    // task, and only once it is done are the threads it leaves idle asked to end.
+    ~ExitJoiner() {
+      pool.stopAndJoin();
+      stopAndJoinLoopThreads();
+    }
   };
 
   explicit WorkerPool(std::size_t workers) {
@@ -174,7 +182,145 @@ class WorkerPool {
   std::atomic<int> failuresToInject_{0};
 };
 
+// Threads for loops that run as long as their owner wants (a session's I/O loop), kept for the next
+// such loop once theirs has returned: a thread of its own cost every new session a thread's start and
+// the first use of TLS state on it, about a tenth of a millisecond here. At most kIdleKept wait; the
+// others end. Never destroyed; the worker pool's exit joins the idle and ended ones after its own
+// workers. A loop still running then (a session nobody released) keeps its thread until the process
+// ends, as it always did.
+class LoopThreads {
+ public:
+  static LoopThreads& shared() {
+    static LoopThreads* const threads = [] {
+      WorkerPool::shared();  // its exit, which ends these threads too, must be set up first
+      auto* made = new LoopThreads;
+      created_.store(made, std::memory_order_release);
+      return made;
+    }();
+    return *threads;
+  }
+  static LoopThreads* ifCreated() noexcept { return created_.load(std::memory_order_acquire); }
+
+  bool run(std::function<void()>& loop, std::function<void()>& then) {
+    std::vector<std::thread> ended;
+    {
+      std::lock_guard lock(mutex_);
+      if (stopping_) return false;
+      ended.swap(ended_);
+      if (!idle_.empty()) {
+        Thread* thread = idle_.back();
+        idle_.pop_back();
+        thread->loop = std::move(loop);
+        thread->then = std::move(then);
+        thread->wake.notify_one();
+      } else {
+        all_.push_back(std::make_unique<Thread>());
+        Thread* thread = all_.back().get();
+        try {
+          thread->thread = std::thread([this, thread] { serve(thread); });
+        } catch (...) {
+          all_.pop_back();
+          ended_.swap(ended);
+          return false;
+        }
+        thread->loop = std::move(loop);
+        thread->then = std::move(then);
+      }
+    }
+    // Threads that ended have left their loop, so these joins do not wait on anything of ours.
+    for (auto& thread : ended) thread.join();
+    return true;
+  }
+
+  void stopAndJoin() noexcept {
+    std::vector<std::thread> joining;
+    {
+      std::lock_guard lock(mutex_);
+      stopping_ = true;
+      joining.swap(ended_);
+      for (Thread* thread : idle_) {
+        joining.push_back(std::move(thread->thread));
+        thread->stop = true;
+        thread->wake.notify_one();
+      }
+      idle_.clear();
+    }
+    for (auto& thread : joining) {
+      if (thread.joinable() && thread.get_id() != std::this_thread::get_id()) thread.join();
+    }
+  }
+
+ private:
+  static constexpr std::size_t kIdleKept = 2;
+
+  struct Thread {
+    std::thread thread;
+    std::function<void()> loop, then;
+    bool stop = false;
+    std::condition_variable wake;
+  };
+
+  LoopThreads() = default;
+
+  void serve(Thread* self) noexcept {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+      self->wake.wait(lock, [self] { return self->loop || self->stop; });
+      if (!self->loop) break;
+      auto loop = std::move(self->loop);
+      auto then = std::move(self->then);
+      self->loop = nullptr;
+      self->then = nullptr;
+      lock.unlock();
+      runCatchingEverything(loop);
+      lock.lock();
+      // Back among the idle before `then` says the loop is over, so that whoever was waiting for that
+      // and starts the next loop finds this thread.
+      bool staying = !stopping_ && idle_.size() < kIdleKept;
+      if (staying) {
+        try {
+          idle_.push_back(self);
+        } catch (...) {
+          staying = false;  // no room to wait among the idle: end instead
+        }
+      }
+      lock.unlock();
+      runCatchingEverything(then);
+      lock.lock();
+      if (!staying) break;
+    }
+    // Leaving: the handle goes to whoever joins next (a later run, or exit). When exit took it
+    // already, it is empty, and nothing is owed.
+    const auto it = std::find_if(all_.begin(), all_.end(), [self](const auto& thread) { return thread.get() == self; });
+    if (it != all_.end()) {
+      if ((*it)->thread.joinable()) {
+        try {
+          ended_.push_back(std::move((*it)->thread));
+        } catch (...) {
+          (*it)->thread.detach();
+        }
+      }
+      all_.erase(it);
+    }
+  }
+
+  static inline std::atomic<LoopThreads*> created_{nullptr};
+  std::mutex mutex_;
+  std::vector<std::unique_ptr<Thread>> all_;
+  std::vector<Thread*> idle_;
+  std::vector<std::thread> ended_;
+  bool stopping_ = false;
+};
+
+void stopAndJoinLoopThreads() noexcept {
+  if (auto* threads = LoopThreads::ifCreated()) threads->stopAndJoin();
+}
+
 }  // namespace
+
+bool runOnLoopThread(std::function<void()>& loop, std::function<void()>& then) {
+  return LoopThreads::shared().run(loop, then);
+}
 
 void dispatchToWorkerPool(std::function<void()> task) { WorkerPool::shared().post(std::move(task)); }
 

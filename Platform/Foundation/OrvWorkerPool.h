@@ -24,6 +24,11 @@ class ExitHold {
   ExitHold(const ExitHold&) = delete;
   ExitHold& operator=(const ExitHold&) = delete;
 };
+// Runs `loop` on a thread kept for such loops (a session's I/O loop): one an earlier loop left idle,
+// or a new one. Once `loop` has returned, the thread is back among the idle and then runs `then`, so
+// that a new loop started by whoever `then` wakes finds it. Takes both only when it answers true;
+// false when no thread can be had (none could be started, or the process is exiting).
+bool runOnLoopThread(std::function<void()>& loop, std::function<void()>& then);
 // Hands over several tasks with one wake-up per worker rather than one per task. Tasks are spread over
 // at most as many pool tasks as the machine has cores, each running its share in order. Called from a
 // pool thread, they wait for the end of its turn, and that thread then runs one share itself. Takes the

@@ -5,11 +5,13 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstring>
 #include <deque>
 #include <functional>
 #include <limits>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -209,7 +211,18 @@ class CurlSessionCore : public std::enable_shared_from_this<CurlSessionCore> {
   std::vector<std::function<void()>> work_;
   std::unique_ptr<ExitHold> workHold_;
   bool stopping_ = false;
-  std::thread thread_;
+  // Told when the loop has returned and let go of the core: shutdown waits for it where it would join
+  // a thread of the session's own. Shared with the loop, which outlives the core when it holds the last
+  // reference. Set once the loop has a thread.
+  struct LoopEnd {
+    std::mutex mutex;
+    std::condition_variable reached;
+    bool ended = false;
+    // Held when the loop ends on its own thread's say (the last reference went there): process exit
+    // then waits for the core's clean-up, as it waits for the turn that let go.
+    std::unique_ptr<ExitHold> exitHold;
+  };
+  std::shared_ptr<LoopEnd> loopEnd_;
   std::atomic<std::thread::id> ioThread_{};
   std::once_flag shutdownOnce_;
 
@@ -302,9 +315,27 @@ bool CurlSessionCore::start() {
   if (configuration_.maxConnectionsPerHost > 0) {
     curl_multi_setopt(multi_.get(), CURLMOPT_MAX_HOST_CONNECTIONS, configuration_.maxConnectionsPerHost);
   }
-  // The thread keeps the core (and with it the multi handle) alive until run() has returned, so that
-  // whoever lets go of the session last never frees curl state under the thread's feet.
-  thread_ = std::thread([self = shared_from_this()] { self->run(); });
+  // The loop keeps the core (and with it the multi handle) alive until run() has returned, so that
+  // whoever lets go of the session last never frees curl state under the thread's feet. It lets go
+  // before it says it has ended, so that the core is never cleaned up after its owner moved on.
+  loopEnd_ = std::make_shared<LoopEnd>();
+  std::function<void()> loop = [self = shared_from_this()]() mutable {
+    self->run();
+    self.reset();
+  };
+  std::function<void()> then = [end = loopEnd_] {
+    std::unique_ptr<ExitHold> hold;
+    {
+      std::lock_guard lock(end->mutex);
+      end->ended = true;
+      hold = std::move(end->exitHold);
+    }
+    end->reached.notify_all();
+  };
+  if (!runOnLoopThread(loop, then)) {
+    loopEnd_ = nullptr;
+    return false;
+  }
   return true;
 }
 
@@ -315,29 +346,21 @@ void CurlSessionCore::shutdown() {
       stopping_ = true;
     }
     if (multi_) curl_multi_wakeup(multi_.get());
-    if (!thread_.joinable()) return;
-    if (thread_.get_id() != std::this_thread::get_id()) {
-      thread_.join();
+    if (!loopEnd_) return;
+    if (std::this_thread::get_id() != ioThread_.load(std::memory_order_relaxed)) {
+      std::unique_lock lock(loopEnd_->mutex);
+      loopEnd_->reached.wait(lock, [this] { return loopEnd_->ended; });
       return;
     }
-    // The last reference went on the I/O thread itself (a handler run there let go of the session).
-    // That thread cannot join itself; a worker joins it once run() has returned, and the thread's own
-    // reference frees the core after. When no worker will (the pool has stopped at process exit, or
-    // there is no memory for the hand-off), the thread is let go instead: it is about to return, and
-    // a std::thread destroyed while joinable would end the process.
-    struct Joiner {
-      std::thread thread;
-      ~Joiner() {
-        if (thread.joinable()) thread.detach();
-      }
-    };
+    // The last reference went on the I/O thread itself (a handler run there let go of the session): the
+    // loop ends once that handler has returned, and the core is cleaned up there. That handler runs in
+    // a turn that holds process exit; this hold carries it on to the clean-up. Without memory for it,
+    // exit may overtake the clean-up, as it may a session nobody released.
     try {
-      auto joiner = std::make_shared<Joiner>();
-      joiner->thread = std::move(thread_);
-      // Should the hand-off fail, the joiner detaches as its last copy goes.
-      dispatchToWorkerPool([joiner] { joiner->thread.join(); });
+      auto hold = std::make_unique<ExitHold>();
+      std::lock_guard lock(loopEnd_->mutex);
+      if (!loopEnd_->ended) loopEnd_->exitHold = std::move(hold);
     } catch (...) {
-      if (thread_.joinable()) thread_.detach();
     }
   });
 }
@@ -454,6 +477,8 @@ void CurlSessionCore::run() {
 
   for (auto& [identifier, transfer] : transfers_) transfer->task->complete(std::nullopt, nullptr, cancelledError());
   transfers_.clear();
+  // The thread goes on to other sessions' loops; nothing it does there is this session's.
+  ioThread_.store(std::thread::id{}, std::memory_order_relaxed);
 }
 
 void CurlSessionCore::handOver(std::vector<std::function<void()>>& completions) noexcept {

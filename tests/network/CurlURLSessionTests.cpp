@@ -132,6 +132,7 @@ TEST_F(OrvCurlURLSessionTest, CancelCompletesOnceWithTheCancelError) {
 
 TEST_F(OrvCurlURLSessionTest, DestroyingOrInvalidatingTheSessionCancelsWhatIsInFlight) {
   holdAnswers();
+  std::thread::id firstIOThread{};
   for (const bool invalidate : {false, true}) {
     // Every other session leaves the version to negotiation; forcing HTTP/1.1 changes nothing here.
     auto session =
@@ -148,6 +149,11 @@ TEST_F(OrvCurlURLSessionTest, DestroyingOrInvalidatingTheSessionCancelsWhatIsInF
     ASSERT_TRUE(session->performOnCallbackThread(work));
     ASSERT_TRUE(pollUntil([&] { return ranOn.load() != std::thread::id{}; }));
     EXPECT_NE(ranOn.load(), std::this_thread::get_id());
+    // The second session runs on the thread the first left idle once it was let go.
+    if (invalidate) {
+      EXPECT_EQ(ranOn.load(), firstIOThread);
+    }
+    firstIOThread = ranOn.load();
     if (invalidate) {
       // Blocking: by the time it returns, the I/O thread is gone and the task has been answered.
       session->invalidateAndCancel();
