@@ -244,13 +244,15 @@ Debian 12 machine. The shares move with the machine; the causes do not.
   is left is the JSON tree and the 2,000 URL objects the record is defined to build for 1,000 entries.
 - **Slow first flows.** About one fresh flow in a thousand takes more than 3 times the median (the
   fresh-flow table above counts them), and the floor's slowest fresh flows reach 3 to 7 times their
-  median in the same runs: on this 2-vCPU machine a fresh flow that meets a busy moment of the host
-  is slow whoever makes it. The I/O thread polls at least every 20 ms while transfers
-  are in curl, as a guard against curl 7.88 leaving a transfer without a timer; polling every 5 or
-  10 ms changed neither the median nor the tail (1,800 fresh flows each, none over 3 times the
-  median), so these are not that guard firing. What a fresh flow pays for itself went down: no 624
-  reads of the random source on its new I/O thread, and no second parse or chain check of the
-  signing certificate (below).
+  median in the same runs: on this 2-vCPU machine a fresh flow that meets a busy moment of the host is
+  slow whoever makes it. Timed step by step, the two slowest of 3,000 fresh discoveries (8.6 and 9.3
+  ms against a median of 3.0) lost their time in the first transfer, the TCP connection and TLS
+  handshake (7.8 and 8.5 ms against 2.5), not in a step of the library's own. The I/O thread polls at
+  least every 20 ms while transfers are in curl, as a guard against curl 7.88 leaving a transfer
+  without a timer; polling every 5 or 10 ms changed neither the median nor the tail (1,800 fresh flows
+  each, none over 3 times the median), so these are not that guard firing. What a fresh flow pays for
+  itself went down: no 624 reads of the random source on its new I/O thread, and no second parse or
+  chain check of the signing certificate (below).
 - **Less per request.** An easy handle is taken only when its transfer may go out, so a burst of
   1,000 stores cycles through the hundred in flight instead of making 900 new ones (and faulting in
   their buffers) per request; log lines nobody listens to are not formatted; transaction ids come
@@ -266,7 +268,11 @@ Debian 12 machine. The shares move with the machine; the causes do not.
   exact bytes; chains also by the anchors they were built against), so the new service finds the
   certificate parsed and its chain checked, as the floor, which decodes it once per process, does.
   Before, each fresh flow parsed it again and built its chain: about 3 M instructions, a quarter of
-  a fresh discovery flow.
+  a fresh discovery flow. Nor does a new session start a thread of its own: its loop runs on a
+  thread an earlier session's loop left idle. The floor's fresh discovery, with its first transfer
+  moved to a new thread, took 0.18 ms longer (2.88 against 2.70 ms), the whole of the library's gap
+  at the time; with threads kept, a fresh discovery came to 1.01 times the floor's wall time in an
+  interleaved comparison (1.22 before), a fresh one-store settings request to 1.11 (1.26).
 - **Connections.** nginx ends a connection after 1,000 requests (`keepalive_requests`), so warm flows
   at 1,000 stores need a new connection about once a flow, the floor's as well as the library's.
   While every origin it has heard from speaks HTTP/2, the session holds curl to one connection per
