@@ -318,9 +318,7 @@ void stopAndJoinLoopThreads() noexcept {
 
 }  // namespace
 
-bool runOnLoopThread(std::function<void()>& loop, std::function<void()>& then) {
-  return LoopThreads::shared().run(loop, then);
-}
+bool runOnLoopThread(std::function<void()>& loop, std::function<void()>& then) { return LoopThreads::shared().run(loop, then); }
 
 void dispatchToWorkerPool(std::function<void()> task) { WorkerPool::shared().post(std::move(task)); }
 

@@ -149,9 +149,9 @@ int main(int argc, char** argv) {
             ratio(l.median(), f.median()).c_str(), ratio(l.min(), f.min()).c_str(), ratio(l.max(), f.max()).c_str(),
             pairRange(l.processMedians, f.processMedians).c_str(), spread(f.processMedians).c_str(), ms(l.cpu()).c_str(),
             ms(f.cpu()).c_str(), ratio(l.cpu(), f.cpu()).c_str(), pairRange(l.processCpu, f.processCpu).c_str(),
-            mib(l.peakRssKiB).c_str(),
-            mib(f.peakRssKiB).c_str(), ratio(l.peakRssKiB, f.peakRssKiB).c_str(), format("%.2f", l.connections / l.flows).c_str(),
-            format("%.2f", f.curlConnections / f.flows).c_str(), format("%.1f", l.requests / l.flows).c_str());
+            mib(l.peakRssKiB).c_str(), mib(f.peakRssKiB).c_str(), ratio(l.peakRssKiB, f.peakRssKiB).c_str(),
+            format("%.2f", l.connections / l.flows).c_str(), format("%.2f", f.curlConnections / f.flows).c_str(),
+            format("%.1f", l.requests / l.flows).c_str());
 
         const std::string where =
             scenario + ", " + std::to_string(stores) + (stores == 1 ? " store" : " stores") + ", HTTP/" + http(protocol);
