@@ -206,7 +206,6 @@ class LoopThreads {
     {
       std::lock_guard lock(mutex_);
       if (stopping_) return false;
-      ended.swap(ended_);
       if (!idle_.empty()) {
         Thread* thread = idle_.back();
         idle_.pop_back();
@@ -214,18 +213,19 @@ class LoopThreads {
         thread->then = std::move(then);
         thread->wake.notify_one();
       } else {
+        // Throws before anything changed hands, or not at all.
         all_.push_back(std::make_unique<Thread>());
         Thread* thread = all_.back().get();
         try {
           thread->thread = std::thread([this, thread] { serve(thread); });
         } catch (...) {
           all_.pop_back();
-          ended_.swap(ended);
           return false;
         }
         thread->loop = std::move(loop);
         thread->then = std::move(then);
       }
+      ended.swap(ended_);
     }
     // Threads that ended have left their loop, so these joins do not wait on anything of ours.
     for (auto& thread : ended) thread.join();
@@ -239,9 +239,14 @@ class LoopThreads {
       stopping_ = true;
       joining.swap(ended_);
       for (Thread* thread : idle_) {
-        joining.push_back(std::move(thread->thread));
         thread->stop = true;
         thread->wake.notify_one();
+        try {
+          joining.push_back(std::move(thread->thread));
+        } catch (...) {
+          // No room to keep the handle: the thread is about to end, and is let go.
+          thread->thread.detach();
+        }
       }
       idle_.clear();
     }
