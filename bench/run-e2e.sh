@@ -227,13 +227,15 @@ Debian 12 machine. The shares move with the machine; the causes do not.
 - **Small flows are hand-offs.** A request goes from the caller's thread to the session's I/O thread,
   where its first operations run and their requests go out, and its result comes back on the main
   queue: two wake-ups per flow that the floor, which does everything on the thread that asked, does
-  not make. They are the library's threading contract (entry points do no work on the caller's
-  thread, completions never run synchronously), so they stay. A worker used to be woken in between
-  only to build the request and hand it on; up to 16 operations started together now run on the I/O
-  thread instead (warm discovery of one store: 5.7 context switches per flow before, 4.1 after, and
-  0.57 against 0.48 ms of CPU). Answers the I/O thread finds with nothing else in flight are shared
-  between it and one worker rather than handed wholly to two (warm settings of ten stores: 12.8
-  context switches per flow before, 8.1 after).
+  not make. They are the library's threading contract (entry points do no work on the caller's thread,
+  completions never run synchronously), so they stay. A worker used to be woken in between only to
+  build the request and hand it on; up to 16 operations started together now run on the I/O thread
+  instead (warm discovery of one store: 5.7 context switches per flow before, 4.1 after, and 0.57
+  against 0.48 ms of CPU). Up to 16 answers the I/O thread finds in one pass are handled there, with
+  other transfers in flight or not; more are shared out (warm settings of ten stores: 12.8 context
+  switches per flow when every answer was handed to two workers, 8.1 when a lone batch was shared with
+  one, 4.5 now, and 1.26 to 1.34 against 1.14 to 1.24 times the floor's wall time between the last
+  two, in three comparisons of eight interleaved processes each).
 - **Reading long answers.** The floor parses no answer. URLs of the usual shape
   (`scheme://host[:port][/path]`, nothing to unescape) are read directly, in about a hundred
   instructions instead of several thousand through Boost.URL, which still reads everything else; a

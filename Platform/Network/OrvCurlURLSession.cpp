@@ -49,6 +49,11 @@ constexpr int kPollIntervalMilliseconds = 1000;
 // While transfers are in curl the I/O thread looks at least this often: curl 7.88 can leave a transfer
 // it let out of its pending list with no timer armed, and the thread would sleep a whole interval.
 constexpr int kBusyPollIntervalMilliseconds = 20;
+// Answers found in one pass up to this many are handled on the I/O thread even while other transfers
+// are in flight: waking workers for them costs more than handling them (warm settings of ten stores:
+// 7.6 context switches per flow with them handed on, 4.5 with them handled here, and about a tenth
+// less wall and CPU time). More are shared out, so that long answers do not hold up the transfers.
+constexpr std::size_t kAnswersHandledHere = 16;
 // Streams the session opens on one HTTP/2 connection (curl's own default, and below the 128 common
 // servers allow): enough to keep a connection busy, few enough that a server's limit is rarely lower.
 constexpr long kStreamsPerConnection = 100;
@@ -483,9 +488,15 @@ void CurlSessionCore::run() {
 
 void CurlSessionCore::handOver(std::vector<std::function<void()>>& completions) noexcept {
   if (completions.empty()) return;
-  // With nothing else in flight, handling answers here delays nobody: this thread takes a share of
-  // them (a lone answer entirely), where their bytes are, and the workflow goes on from here (the next
-  // request of it included) with one worker woken fewer.
+  // A few answers are handled here, where their bytes are, and the workflow goes on from here (the next
+  // request of it included) without waking anyone.
+  if (completions.size() <= kAnswersHandledHere) {
+    runAsTurn(completions);
+    completions.clear();
+    return;
+  }
+  // With nothing else in flight, handling many answers here delays nobody either: this thread takes a
+  // share of them, with one worker woken fewer.
   if (transfers_.empty()) {
     runSharedAsTurn(completions);
     completions.clear();

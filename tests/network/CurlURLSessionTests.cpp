@@ -149,6 +149,8 @@ TEST_F(OrvCurlURLSessionTest, DestroyingOrInvalidatingTheSessionCancelsWhatIsInF
     ASSERT_TRUE(session->performOnCallbackThread(work));
     ASSERT_TRUE(pollUntil([&] { return ranOn.load() != std::thread::id{}; }));
     EXPECT_NE(ranOn.load(), std::this_thread::get_id());
+    // A few answers are handled where they arrived, on the I/O thread, though a transfer is in flight.
+    EXPECT_EQ(fetch(*session, requestFor(base + "/ads/root/publickey"))->thread, ranOn.load());
     // The second session runs on the thread the first left idle once it was let go.
     if (invalidate) {
       EXPECT_EQ(ranOn.load(), firstIOThread);
