@@ -46,12 +46,12 @@ class OrvCurlURLSession final : public OrvURLSession {
   // nullptr when curl or its I/O thread cannot be set up.
   static std::shared_ptr<OrvCurlURLSession> create(OrvCurlURLSessionConfiguration configuration = {});
 
-  // Completes the tasks still in flight with the cancel error and joins the I/O thread.
+  // Completes the tasks still in flight with the cancel error; returns once the I/O loop has ended.
   ~OrvCurlURLSession() override;
 
   // Aborts every task of the session (each completes with the cancel error; their connections are
-  // closed or their streams reset), refuses new ones the same way, and returns once the I/O thread has
-  // stopped. Blocking; safe to call more than once and from any thread but the session's own.
+  // closed or their streams reset), refuses new ones the same way, and returns once the I/O loop has
+  // ended. Blocking; safe to call more than once and from any thread but the session's own.
   void invalidateAndCancel();
   OrvCurlURLSession(const OrvCurlURLSession&) = delete;
   OrvCurlURLSession& operator=(const OrvCurlURLSession&) = delete;
