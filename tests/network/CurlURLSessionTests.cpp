@@ -14,7 +14,7 @@ namespace {
 
 const std::string kDomainPath = "/ads/root/domain/example.com/";
 
-// What one data task delivered; completions run on the pool, so waiting polls rather than runs the main queue.
+// What one data task delivered; completions run on library threads, so waiting polls rather than runs the main queue.
 struct Outcome : Capture<std::optional<OrvData>, std::shared_ptr<const OrvHTTPURLResponse>, std::optional<OrvError>> {
   bool done() {
     return pollUntil([this] { return calls > 0; });
@@ -157,7 +157,7 @@ TEST_F(OrvCurlURLSessionTest, DestroyingOrInvalidatingTheSessionCancelsWhatIsInF
     }
     firstIOThread = ranOn.load();
     if (invalidate) {
-      // Blocking: by the time it returns, the I/O thread is gone and the task has been answered.
+      // Blocking: by the time it returns, the I/O loop has ended and the task has been answered.
       session->invalidateAndCancel();
       session->invalidateAndCancel();
       // A stopped session takes no work and leaves it with the caller.
