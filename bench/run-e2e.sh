@@ -209,21 +209,20 @@ Debian 12 machine. The shares move with the machine; the causes do not.
   themselves, the host's monitoring and transaction headers (curl matches each custom header against
   its own list; nghttp2 checks each value) and the certificate checks the floor does not make. CPU
   time stays 1.2 to 1.4 times the floor's, and the rest is in how the work runs rather than how much
-  of it there is: `perf stat` counts
-  about 15 context switches per warm 100-store flow against the floor's 5, and `perf`'s samples per
-  thread show the I/O thread spending about 1.4 times the floor's time in curl, nghttp2 and TLS for
-  1.1 times their instructions, and the same RSA verifications taking about a quarter longer than
-  the floor's. With the client held to one vCPU and nginx to the other (`taskset`), so that nothing
-  of the client shares a vCPU with the server, the library's CPU per flow came to 1.08 to 1.21 times
-  the floor's at 10 and 100 stores, close to the instruction ratio. Fewer hand-offs do not close the
-  gap: starting all of a request's operations and handling all of its answers on the I/O thread took
-  a warm 100-store flow from 17 to 9 context switches and left its CPU and wall time where they were
-  (six interleaved processes of each). Two hand-offs that did cost were the main queue waking the
-  main thread while still holding its lock (the woken thread blocked on it at once: two futex calls
-  and a context switch per delivery) and the operation queue handing starts to the workers under its
-  lock (the first thing a started workflow does is add its next operation to that queue). Both now
-  let go of the lock first (warm discovery of one store: 6.2 context switches per flow before, 5.6
-  after).
+  of it there is: `perf stat` counts about 15 context switches per warm 100-store flow against the
+  floor's 5, and `perf`'s samples per thread show the I/O thread spending about 1.4 times the floor's
+  time in curl, nghttp2 and TLS for 1.1 times their instructions, and the same RSA verifications
+  taking about a quarter longer than the floor's. With the client held to one vCPU and nginx to the
+  other (`taskset`), so that nothing of the client shares a vCPU with the server, the library's CPU
+  per flow came to 1.08 to 1.21 times the floor's at 10 and 100 stores, close to the instruction
+  ratio. Fewer hand-offs do not close the gap: starting all of a request's operations and handling all
+  of its answers on the I/O thread took a warm 100-store flow from 17 to 9 context switches and left
+  its CPU and wall time where they were (six interleaved processes of each). Two hand-offs that did
+  cost were the main queue waking the main thread while still holding its lock (the woken thread
+  blocked on it at once: two futex calls and a context switch per delivery) and the operation queue
+  handing starts to the workers under its lock (the first thing a started workflow does is add its
+  next operation to that queue). Both now let go of the lock first (warm discovery of one store: 6.2
+  context switches per flow before, 5.6 after).
 - **Small flows are hand-offs.** A request goes from the caller's thread to the session's I/O thread,
   where its first operations run and their requests go out, and its result comes back on the main
   queue: two wake-ups per flow that the floor, which does everything on the thread that asked, does
