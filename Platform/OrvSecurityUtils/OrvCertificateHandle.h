@@ -32,6 +32,8 @@ struct CertificateHandle {
   std::uint32_t keyUsage = 0;
   // basicConstraints says cA=TRUE.
   bool isCertificateAuthority = false;
+  // Checks with publicKey, kept with the certificate they belong to.
+  mutable PreparedVerifications preparedVerifications;
 };
 
 // The time of an ASN1_TIME, or nothing when it does not parse.

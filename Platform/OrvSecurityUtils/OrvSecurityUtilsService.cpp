@@ -269,7 +269,35 @@ std::optional<std::string> rawToDerSignature(std::string_view raw, std::size_t c
   return std::string(reinterpret_cast<const char*>(der), static_cast<std::size_t>(length));
 }
 
-Verdict verifySignature(const JwsAlgorithm& algorithm, EVP_PKEY* key, std::string_view signingInput, std::string_view signature) {
+EvpMdCtxPtr newVerification(const JwsAlgorithm& algorithm, EVP_PKEY* key) {
+  EvpMdCtxPtr context(EVP_MD_CTX_new());
+  EVP_PKEY_CTX* keyContext = nullptr;  // owned by context
+  if (!context || EVP_DigestVerifyInit_ex(context.get(), &keyContext, algorithm.digest, nullptr, nullptr, key, nullptr) != 1 ||
+      (algorithm.family == JwsKeyFamily::rsaPss && !configurePss(keyContext, algorithm))) {
+    return nullptr;
+  }
+  return context;
+}
+
+// A copy of the check `prepared` keeps for `algorithm`, made with `key` on first use; nullptr when
+// there is none to copy (the key or the algorithm does not allow it), and the caller sets one up.
+EvpMdCtxPtr preparedVerification(PreparedVerifications& prepared, const JwsAlgorithm& algorithm, EVP_PKEY* key) {
+  std::size_t index = 0;
+  while (index < std::size(kJwsAlgorithms) && &kJwsAlgorithms[index] != &algorithm) ++index;
+  if (index == std::size(kJwsAlgorithms)) return nullptr;
+  std::call_once(prepared.made[index], [&] { prepared.checks[index] = newVerification(algorithm, key); });
+  const EvpMdCtxPtr& check = prepared.checks[index];
+  if (!check) return nullptr;
+  EvpMdCtxPtr copy(EVP_MD_CTX_new());
+  if (!copy || EVP_MD_CTX_copy_ex(copy.get(), check.get()) != 1) {
+    ERR_clear_error();
+    return nullptr;
+  }
+  return copy;
+}
+
+Verdict verifySignature(const JwsAlgorithm& algorithm, EVP_PKEY* key, std::string_view signingInput, std::string_view signature,
+                        PreparedVerifications& prepared) {
   std::string derSignature;
   if (algorithm.family == JwsKeyFamily::ecdsa) {
     if (signature.size() != 2 * algorithm.coordinateSize) {
@@ -285,12 +313,9 @@ Verdict verifySignature(const JwsAlgorithm& algorithm, EVP_PKEY* key, std::strin
     return reject(OrvSecurityUtilsResultMalformedSignature, "The signature is not the 64 bytes that EdDSA requires");
   }
 
-  EvpMdCtxPtr context(EVP_MD_CTX_new());
-  EVP_PKEY_CTX* keyContext = nullptr;  // owned by context
-  if (!context || EVP_DigestVerifyInit_ex(context.get(), &keyContext, algorithm.digest, nullptr, nullptr, key, nullptr) != 1 ||
-      (algorithm.family == JwsKeyFamily::rsaPss && !configurePss(keyContext, algorithm))) {
-    return reject(OrvSecurityUtilsResultInternalError, "The signature check could not be set up");
-  }
+  EvpMdCtxPtr context = preparedVerification(prepared, algorithm, key);
+  if (!context) context = newVerification(algorithm, key);
+  if (!context) return reject(OrvSecurityUtilsResultInternalError, "The signature check could not be set up");
   const int verified = EVP_DigestVerify(context.get(), reinterpret_cast<const unsigned char*>(signature.data()), signature.size(),
                                         reinterpret_cast<const unsigned char*>(signingInput.data()), signingInput.size());
   if (verified != 1) {
@@ -344,7 +369,8 @@ Verdict verify(const SecurityServiceConfiguration& configuration, std::string_vi
     signingInput.reserve(encodedHeader->size() + 1 + encodedPayload.size());
     signingInput.append(*encodedHeader).append(1, '.').append(encodedPayload);
   }
-  return verifySignature(*header.algorithm, certificate.publicKey.get(), signingInput, *signature);
+  return verifySignature(*header.algorithm, certificate.publicKey.get(), signingInput, *signature,
+                         certificate.preparedVerifications);
 }
 
 Verdict verifyCatchingEverything(const SecurityServiceConfiguration& configuration, std::string_view payload,
@@ -583,8 +609,10 @@ bool orv::detail::verifyJwsSignatureForTesting(std::string_view algorithm, EVP_P
   const JwsAlgorithm* found = findJwsAlgorithm(algorithm);
   bool accepted = false;
   try {
+    // Through a check set up for this key alone and copied, as a certificate's are.
+    PreparedVerifications prepared;
     accepted = found && key && keyFitsAlgorithm(keyTraitsOf(key), *found) &&
-               verifySignature(*found, key, message, signature).result == OrvSecurityUtilsResultSuccess;
+               verifySignature(*found, key, message, signature, prepared).result == OrvSecurityUtilsResultSuccess;
   } catch (const std::exception&) {
     // Refused, as the verifier itself refuses when it runs out of memory.
   }
