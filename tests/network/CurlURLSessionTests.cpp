@@ -176,3 +176,30 @@ TEST_F(OrvCurlURLSessionTest, DestroyingOrInvalidatingTheSessionCancelsWhatIsInF
     EXPECT_EQ(inFlight.calls, 1);
   }
 }
+
+TEST_F(OrvCurlURLSessionTest, SessionsMadeAndReleasedOnManyThreadsAtOnceEachGetALoopOfTheirOwn) {
+  // Sessions come and go on four threads at once, so that loop threads are taken, left idle, ended and
+  // joined concurrently; each session's work must run on a thread of the library's, and once.
+  std::atomic<int> ran{0};
+  std::vector<std::thread> hosts;
+  for (int host = 0; host < 4; ++host) {
+    hosts.emplace_back([&] {
+      for (int round = 0; round < 25; ++round) {
+        auto session = OrvCurlURLSession::create({.caFile = harness.emulator().tlsCAFile()});
+        ASSERT_TRUE(session);
+        std::atomic<std::thread::id> ranOn{};
+        std::function<void()> work = [&ranOn] { ranOn = std::this_thread::get_id(); };
+        ASSERT_TRUE(session->performOnCallbackThread(work));
+        ASSERT_TRUE(pollUntil([&] { return ranOn.load() != std::thread::id{}; }));
+        EXPECT_NE(ranOn.load(), std::this_thread::get_id());
+        ++ran;
+        if (round % 2) session->invalidateAndCancel();
+      }
+    });
+  }
+  for (auto& host : hosts) host.join();
+  EXPECT_EQ(ran.load(), 100);
+  // A session made afterwards still gets a loop, and answers.
+  auto session = OrvCurlURLSession::create({.caFile = harness.emulator().tlsCAFile()});
+  EXPECT_EQ(fetch(*session, requestFor(base + "/ads/root/publickey"))->status(), 200);
+}
