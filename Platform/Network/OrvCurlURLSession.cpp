@@ -364,7 +364,7 @@ void CurlSessionCore::shutdown() {
     try {
       auto hold = std::make_unique<ExitHold>();
       std::lock_guard lock(loopEnd_->mutex);
-      if (!loopEnd_->ended) loopEnd_->exitHold = std::move(hold);
+      loopEnd_->exitHold = std::move(hold);
     } catch (...) {
     }
   });

@@ -95,7 +95,7 @@ inline const JwsAlgorithm* findJwsAlgorithm(std::string_view name) noexcept {
 }
 
 // Signature checks with one key, set up once per JWS algorithm on first use and copied for each
-// payload: setting one up fetches the digest and prepares the key for the provider, about 29 K
+// payload: setting one up fetches the digest and prepares the key for the provider, about 30 K
 // instructions or a tenth of an RSA-2048 check. Each is written once under its flag and only read
 // (copied) after.
 struct PreparedVerifications {
