@@ -3,11 +3,14 @@
 # measured against a bare libcurl + OpenSSL floor run in the same session against the same nginx.
 #
 #   bench/run-e2e.sh [--rounds N] [--repeats N] [--quick] [--build-dir DIR] [--output FILE] [--no-build]
+#                    [--protocols "h2 http1.1"] [--scenarios "discovery-cold ..."] [--stores "1 10 100 1000"]
 #
 # --rounds: measured flows per process (at least; small flows run for a second). --repeats: processes
 # per scenario and side, floor and library taking turns, pooled in the report. --quick: a few rounds
 # and one process each, for a smoke run (under a minute once built); its report goes to the build
-# folder rather than docs/performance.md unless --output says otherwise.
+# folder rather than docs/performance.md unless --output says otherwise. --protocols, --scenarios and
+# --stores run only the cells they name, to look again at some without the whole run; that report
+# goes to the build folder too.
 set -euo pipefail
 
 ROOT=$(cd "$(dirname "$0")/.." && pwd)
@@ -22,6 +25,10 @@ BUILD=1
 OUTPUT=""
 NGINX=${NGINX:-/usr/sbin/nginx}
 COMMAND_LINE="bench/run-e2e.sh${*:+ $*}"
+PROTOCOLS="h2 http1.1"
+SCENARIOS="discovery-cold discovery-warm settings-first settings-warm"
+STORE_COUNTS="1 10 100 1000"
+SOME_CELLS=0
 
 while (($#)); do
   case "$1" in
@@ -31,7 +38,10 @@ while (($#)); do
     --build-dir) BUILD_DIR=$(cd "$2" && pwd); shift 2 ;;
     --output) OUTPUT=$2; shift 2 ;;
     --no-build) BUILD=0; shift ;;
-    -h|--help) sed -n '2,12p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    --protocols) PROTOCOLS=$2; SOME_CELLS=1; shift 2 ;;
+    --scenarios) SCENARIOS=$2; SOME_CELLS=1; shift 2 ;;
+    --stores) STORE_COUNTS=$2; SOME_CELLS=1; shift 2 ;;
+    -h|--help) sed -n '2,13p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     *) echo "unknown argument: $1 (see --help)" >&2; exit 64 ;;
   esac
 done
@@ -41,6 +51,8 @@ if ((QUICK)); then
   MIN_SECONDS=0
   OUTPUT=${OUTPUT:-$BUILD_DIR/bench/e2e/performance-quick.md}
 fi
+# Only a full run stands for the library in docs/performance.md.
+if ((SOME_CELLS)); then OUTPUT=${OUTPUT:-$BUILD_DIR/bench/e2e/performance-cells.md}; fi
 OUTPUT=${OUTPUT:-$ROOT/docs/performance.md}
 # Fresh flows at 100 stores run at least this often per process, so that one slow connection set-up
 # shows up against a median rather than hiding in a handful of samples.
@@ -104,11 +116,12 @@ run_cell() {  # protocol scenario stores rounds
   printf '\n' >&2
 }
 
-for protocol in h2 http1.1; do
+for protocol in $PROTOCOLS; do
+  [[ $protocol == h2 || $protocol == http1.1 ]] || { echo "unknown protocol: $protocol" >&2; exit 64; }
   if [[ $protocol == h2 ]]; then start_nginx nginx.conf; else start_nginx nginx-http1.conf; fi
   echo "nginx on 127.0.0.1:$PORT over $protocol" >&2
-  for scenario in discovery-cold discovery-warm settings-first settings-warm; do
-    for stores in 1 10 100 1000; do
+  for scenario in $SCENARIOS; do
+    for stores in $STORE_COUNTS; do
       rounds=$ROUNDS
       [[ $scenario == settings-first && $stores == 100 ]] && rounds=$STALL_ROUNDS
       run_cell "$protocol" "$scenario" "$stores" "$rounds"
