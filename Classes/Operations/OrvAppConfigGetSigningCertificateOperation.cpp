@@ -5,6 +5,49 @@
 #include "OrvJSONAccessors.h"
 #include "OrvJSONSerialization.h"
 
+#include <deque>
+#include <mutex>
+
+namespace orv::detail {
+namespace {
+
+// The key answer is fetched for every request and is nearly always the same text, yet reading it as
+// JSON cost as much as reading a store's settings. Content read from an answer before is known by
+// that answer's exact bytes, and only answers that gave content are kept.
+class ReadKeyAnswers {
+ public:
+  static ReadKeyAnswers& shared() {
+    static auto* const answers = new ReadKeyAnswers;  // never destroyed: operations may end during exit
+    return *answers;
+  }
+
+  std::optional<std::string> contentOf(std::string_view answer) {
+    std::lock_guard lock(mutex_);
+    for (const auto& [text, content] : kept_) {
+      if (text == answer) return content;
+    }
+    return std::nullopt;
+  }
+
+  void keep(std::string_view answer, const std::string& content) {
+    std::lock_guard lock(mutex_);
+    for (const auto& [text, unused] : kept_) {
+      if (text == answer) return;  // another operation read the same answer meanwhile
+    }
+    kept_.emplace_front(std::string(answer), content);
+    if (kept_.size() > kKept) kept_.pop_back();
+  }
+
+ private:
+  // A rotation brings a second answer for a while; staging and production hosts have one each.
+  static constexpr std::size_t kKept = 4;
+  std::mutex mutex_;
+  std::deque<std::pair<std::string, std::string>> kept_;
+};
+
+}  // namespace
+}  // namespace orv::detail
+
 OrvAppConfigGetSigningCertificateOperation::OrvAppConfigGetSigningCertificateOperation(
     std::shared_ptr<OrvSecurityServiceProtocol> securityService, std::shared_ptr<OrvURLSession> urlSession,
     std::uint64_t hostType, std::shared_ptr<OrvHttpHeaderProviderServiceProtocol> httpHeaderProviderService)
@@ -41,6 +84,11 @@ bool OrvAppConfigGetSigningCertificateOperation::parseHttp200ResponseData(const 
 
 std::optional<std::string> OrvAppConfigGetSigningCertificateOperation::extractCertificateContentFromResponseData(
     const OrvData& responseData, std::optional<OrvError>* error) {
+  auto& readAnswers = orv::detail::ReadKeyAnswers::shared();
+  if (auto content = readAnswers.contentOf(responseData)) {
+    if (error) *error = std::nullopt;
+    return content;
+  }
   std::optional<OrvError> parseError;
   const auto json = OrvJSONSerialization::JSONObjectWithData(responseData, OrvJSONReadingOptions::none, &parseError);
   if (!json) {
@@ -55,6 +103,10 @@ std::optional<std::string> OrvAppConfigGetSigningCertificateOperation::extractCe
     return std::nullopt;
   }
   auto content = OrvJSON::jsonStringForKey(object, "certificate");
-  if (!content) ORV_LOG_ERROR("Unable to extract certificate content from the public key response");
+  if (content) {
+    readAnswers.keep(responseData, *content);
+  } else {
+    ORV_LOG_ERROR("Unable to extract certificate content from the public key response");
+  }
   return content;
 }

@@ -135,6 +135,15 @@ TEST(OrvAppConfigGetSigningCertificateOperationTest, HostTypesAndAnswers) {
     EXPECT_EQ(op->responseData(), std::nullopt);
   }
   EXPECT_EQ(factory->contents, std::vector<std::string>{"PEM TEXT"});
+
+  // An answer read before is known by its exact bytes: the same text gives the same content again, and
+  // text that differs anywhere, or only goes on longer, is read afresh.
+  factory->contents.clear();
+  for (const char* body : {R"({"certificate":"KEY A"})", R"({"certificate":"KEY A"})", R"({"certificate":"KEY B"})",
+                           R"({"certificate":"KEY A"} )", R"({"certificate":"KEY A"}x)"}) {
+    runToCompletion(make(0, body));
+  }
+  EXPECT_EQ(factory->contents, (std::vector<std::string>{"KEY A", "KEY A", "KEY B", "KEY A"}));
 }
 
 // Running out of memory while an answer is handled, or while the operation's end is handed to the
