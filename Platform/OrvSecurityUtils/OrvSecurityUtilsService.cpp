@@ -365,9 +365,9 @@ Verdict verify(const SecurityServiceConfiguration& configuration, std::string_vi
     signingInput.reserve(encodedHeader->size() + 1 + payload.size());
     signingInput.append(*encodedHeader).append(1, '.').append(payload);
   } else {
-    const std::string encodedPayload = OrvBase64URLEncode(payload);
-    signingInput.reserve(encodedHeader->size() + 1 + encodedPayload.size());
-    signingInput.append(*encodedHeader).append(1, '.').append(encodedPayload);
+    signingInput.reserve(encodedHeader->size() + 1 + (payload.size() + 2) / 3 * 4);
+    signingInput.append(*encodedHeader).append(1, '.');
+    orv::detail::appendBase64URL(signingInput, payload);
   }
   return verifySignature(*header.algorithm, certificate.publicKey.get(), signingInput, *signature,
                          certificate.preparedVerifications);

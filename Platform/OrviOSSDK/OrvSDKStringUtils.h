@@ -17,3 +17,8 @@ std::optional<std::string> OrvBase64URLDecode(std::string_view text);
 std::string OrvBase64URLEncode(std::string_view bytes);
 // Standard base64 (RFC 4648 section 4) with padding.
 std::string OrvBase64Encode(std::string_view bytes);
+
+namespace orv::detail {
+// base64url without padding, appended to `out`: a signing input is built in one buffer.
+void appendBase64URL(std::string& out, std::string_view bytes);
+}  // namespace orv::detail

@@ -50,6 +50,14 @@ TEST(OrvSDKStringUtilsTest, Base64BothWaysAndOnlyCanonicalBase64URLIn) {
   }
   EXPECT_EQ(OrvBase64URLEncode("\xFB\xFF"), "-_8");
   EXPECT_EQ(OrvBase64Encode("\xFB\xFF"), "+/8=");
+  // Every byte value through the path that encodes whole groups, and a signing input's tail appended
+  // after the text already there.
+  std::string everyByte;
+  for (int b = 0; b < 256; ++b) everyByte.push_back(static_cast<char>(b));
+  EXPECT_EQ(OrvBase64URLDecode(OrvBase64URLEncode(everyByte)), everyByte);
+  std::string signingInput = "eyJ9.";
+  orv::detail::appendBase64URL(signingInput, "foobar\xFB\xFF");
+  EXPECT_EQ(signingInput, "eyJ9.Zm9vYmFy-_8");
   for (const char* refused : {"Zg==", "Zh", "Zm9vY", "+/8", "Zm 9v", "Z"})
     EXPECT_EQ(OrvBase64URLDecode(refused), std::nullopt) << refused;
 }
