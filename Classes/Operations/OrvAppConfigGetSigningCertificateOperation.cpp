@@ -30,6 +30,9 @@ class ReadKeyAnswers {
   }
 
   void keep(std::string_view answer, const std::string& content) {
+    // A key answer is a couple of kilobytes; a server sending megabytes would otherwise have them
+    // held for the rest of the process.
+    if (answer.size() > kLargestKept) return;
     std::lock_guard lock(mutex_);
     for (const auto& [text, unused] : kept_) {
       if (text == answer) return;  // another operation read the same answer meanwhile
@@ -41,6 +44,7 @@ class ReadKeyAnswers {
  private:
   // A rotation brings a second answer for a while; staging and production hosts have one each.
   static constexpr std::size_t kKept = 4;
+  static constexpr std::size_t kLargestKept = 64 * 1024;
   std::mutex mutex_;
   std::deque<std::pair<std::string, std::string>> kept_;
 };
