@@ -215,8 +215,8 @@ do not move with the machine's load) and by changing one thing at a time, on the
 Debian 12 machine. The shares move with the machine; the causes do not.
 
 - **Instructions are close; CPU time is not.** Counted by callgrind (whole process, flows 6 to 15
-  against 1 to 5), the library runs 1.08 times the floor's instructions for warm settings at 100 and
-  at 1,000 stores (1.13 and 1.15 before each signature check was set up once per certificate, below).
+  against 1 to 5), the library runs 1.07 times the floor's instructions for warm settings at 100 and
+  1.09 at one store (1.13 at 100 before each signature check was set up once per certificate, below).
   Of the difference, about a third is allocation: about 200 `malloc` calls per store against the
   floor's 108 (curl's and OpenSSL's own, which both sides make), for the records, the request and its
   headers, and the answer's parse. The rest is the parse and the records themselves, the host's
@@ -261,9 +261,13 @@ Debian 12 machine. The shares move with the machine; the causes do not.
   instructions instead of several thousand through Boost.URL, which still reads everything else; a
   store URL reaches normal form without being parsed again; each JSON document is parsed into one
   arena whose first block is sized from the text. A store URL in an answer is parsed from the
-  document's own text rather than from a copy. Warm auto-discovery of 1,000 stores went from 5.5 to
-  about 2 times the floor over HTTP/2 (7.2 million instructions per flow against the floor's 3.6); what
-  is left is the JSON tree and the 2,000 URL objects the record is defined to build for 1,000 entries.
+  document's own text rather than from a copy, and its characters are classed by one byte table with a
+  bit per character set rather than by the grammar's bit sets (about half the work per character). The
+  signed body's base64url is written straight after the header into the signing input, two characters
+  per table read. Warm auto-discovery of 1,000 stores went from 5.5 to about 2 times the floor over
+  HTTP/2 (6.7 million instructions per flow against the floor's 3.6; 7.2 before the byte table and the
+  signing input in one buffer); what is left is the JSON tree and the 2,000 URL objects the record is
+  defined to build for 1,000 entries.
 - **Slow first flows.** About one fresh flow in a thousand takes more than 3 times the median (the
   fresh-flow table above counts them), and the floor's slowest fresh flows reach 3 to 7 times their
   median in the same runs: on this 2-vCPU machine a fresh flow that meets a busy moment of the host is
@@ -285,6 +289,10 @@ Debian 12 machine. The shares move with the machine; the causes do not.
   waits: each one reserved room for exactly one more task in the turn's list of tasks to hand on,
   so the list moved everything gathered so far at every verification, and each copied the run's
   completion block. It is 2.8 K now (1,000 stores: about 3 ms less before the first verification).
+  The key answer, fetched for every request and nearly always the same text, was read as JSON each
+  time: 25 K instructions, as much as a store's settings. The certificate content of the last four
+  distinct answers (up to 64 KiB each) is now kept by their exact bytes: a warm one-store settings
+  request went from 779 K to 755 K instructions (floor 692 K).
 - **A new service per fresh flow.** A fresh flow builds a new service and security service. Parsed
   signing certificates and verified chains are kept for the process (the last 8 of each, by their
   exact bytes; chains also by the anchors they were built against), so the new service finds the
@@ -304,7 +312,11 @@ Debian 12 machine. The shares move with the machine; the causes do not.
   spread. On this 2-vCPU machine the floor's processes have differed from each other by more than a
   third within one cell of one run (warm settings at 100 stores: 1.73), and the library's pairs in
   such a cell span more than half a unit (0.90 to 1.81). A bound of 1.10 lies inside that spread: it
-  can be judged on a machine whose floor agrees with itself to a few per cent, not here.
+  can be judged on a machine whose floor agrees with itself to a few per cent, not here. The same
+  comparison run again shows it too: four interleaved processes per side of warm settings at 100
+  stores, same binaries, gave 1.02, 1.09, 1.18, 1.20, 1.20 and 1.21 times the floor's wall time in
+  six tries within half an hour. To look again at one cell with more processes, name it:
+  `bench/run-e2e.sh --protocols h2 --scenarios settings-warm --stores 100 --repeats 12`.
 - **Peak RSS.** With easy handles taken at admission, a 1,000-store request over HTTP/2 peaks below
   the floor; over HTTP/1.1 the fresh flow is still about 6 MiB above it: up to six connections' worth
   of answers wait as records for the last one.
