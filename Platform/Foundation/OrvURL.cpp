@@ -179,18 +179,29 @@ std::string OrvURL::lastPathComponent() const {
 
 std::optional<OrvURL> OrvURL::URLByAppendingPathComponent(std::string_view component) const {
   try {
+    std::string segment = urls::encode(component, kPathChars);
+    // One slash joins the two, however many the caller brought.
+    const auto join = [&segment](std::string& path, bool hasAuthority) {
+      if (path.empty()) {
+        // push_back rather than assigning a literal: g++ 12 at -O2 misreads the assignment (-Wrestrict).
+        if (hasAuthority && (segment.empty() || segment.front() != '/')) path.push_back('/');
+      } else if (path.back() != '/') {
+        path += '/';
+      }
+      if (!path.empty() && path.back() == '/' && !segment.empty() && segment.front() == '/') segment.erase(0, 1);
+      path += segment;
+    };
+    // With a host and nothing after the path, the path ends the text and is joined there, without
+    // taking the URL apart and putting it together again (every auto-discovery builds its request URL
+    // here).
+    if (parts_.hostAddress.present && !parts_.query.present && !parts_.fragment.present) {
+      std::string path(text(parts_.path));
+      join(path, true);
+      return URLWithString(string_.substr(0, string_.size() - parts_.path.length) + path);
+    }
     urls::url u(string_);
     std::string path(u.encoded_path());
-    std::string segment = urls::encode(component, kPathChars);
-    if (path.empty()) {
-      // push_back rather than assigning a literal: g++ 12 at -O2 misreads the assignment (-Wrestrict).
-      if (u.has_authority() && (segment.empty() || segment.front() != '/')) path.push_back('/');
-    } else if (path.back() != '/') {
-      path += '/';
-    }
-    // One slash joins the two, however many the caller brought.
-    if (!path.empty() && path.back() == '/' && !segment.empty() && segment.front() == '/') segment.erase(0, 1);
-    path += segment;
+    join(path, u.has_authority());
     u.set_encoded_path(path);
     return URLWithString(u.buffer());
   } catch (const std::exception&) {

@@ -58,6 +58,22 @@ TEST(OrvURLTest, AppendingEscapesButKeepsSlashes) {
   EXPECT_EQ(appended("https://h/a/", "/b"), "https://h/a/b");
   EXPECT_EQ(appended("https://h/a?q=1#f", "b"), "https://h/a/b?q=1#f");
   EXPECT_EQ(appended("https://h/a", "x y?#%;\xC3\xA9"), "https://h/a/x%20y%3F%23%25%3B%C3%A9");
+  // Joined in the text where nothing follows the path; each result must read as if parsed afresh.
+  for (const auto& [base, component, joined] : std::initializer_list<std::tuple<const char*, const char*, const char*>>{
+           {"https://h", "/b", "https://h/b"},
+           {"https://h", "", "https://h/"},
+           {"https://h:8443/a/", "", "https://h:8443/a/"},
+           {"https://u:p@[::1]:8/a%20b", "c/", "https://u:p@[::1]:8/a%20b/c/"},
+           {"//h", "b", "//h/b"},
+           {"https://h/a//", "/b", "https://h/a//b"}}) {
+    SCOPED_TRACE(base);
+    const auto result = url(base).URLByAppendingPathComponent(component);
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->absoluteString(), joined);
+    EXPECT_EQ(std::tuple(result->host(), result->port(), result->user(), result->path(), result->lastPathComponent()),
+              std::tuple(url(joined).host(), url(joined).port(), url(joined).user(), url(joined).path(),
+                         url(joined).lastPathComponent()));
+  }
 }
 
 // Setting a port splices the text when it can; what comes out must read exactly as if parsed afresh.
