@@ -94,14 +94,14 @@ std::optional<std::string> OrvAppConfigGetSigningCertificateOperation::extractCe
     return content;
   }
   std::optional<OrvError> parseError;
-  const auto json = OrvJSONSerialization::JSONObjectWithData(responseData, OrvJSONReadingOptions::none, &parseError);
-  if (!json) {
+  const auto document = orv::detail::parseJSONDocument(responseData, OrvJSONReadingOptions::none, &parseError);
+  if (!document) {
     ORV_LOG_ERROR("Unable to parse JSON response with error=%@", parseError);
     if (error) *error = std::move(parseError);
     return std::nullopt;
   }
   if (error) *error = std::nullopt;
-  const auto* object = json->if_object();
+  const auto* object = document->value().if_object();
   if (!object) {
     ORV_LOG_ERROR("Response object was not a dictionary - unable to parse certificate from public key response");
     return std::nullopt;

@@ -159,27 +159,27 @@ std::optional<OrvError> parseError(std::string message) {
                     "The data couldn\u2019t be read because it isn\u2019t in the correct format: " + std::move(message) + "."}});
 }
 
-}  // namespace
-}  // namespace orv::detail
+// A long answer is thousands of small strings and objects that are read once and dropped together:
+// one arena instead of an allocation and a free for each. Its first block fits a typical answer whole;
+// a large document grows it as it goes, so that text which builds little (padding, say) does not
+// reserve twice its size up front.
+std::size_t firstArenaBlock(std::string_view data) {
+  constexpr std::size_t kLargestFirstBlock = 64 * 1024;
+  return std::min(2 * data.size() + 1024, kLargestFirstBlock);
+}
 
-std::optional<boost::json::value> OrvJSONSerialization::JSONObjectWithData(std::string_view data, OrvJSONReadingOptions options,
-                                                                           std::optional<OrvError>* error) {
+std::optional<boost::json::value> parse(std::string_view data, OrvJSONReadingOptions options, std::optional<OrvError>* error,
+                                        boost::json::storage_ptr storage) {
   namespace json = boost::json;
   auto fail = [error](std::string message) -> std::optional<json::value> {
-    if (error) *error = orv::detail::parseError(std::move(message));
+    if (error) *error = parseError(std::move(message));
     return std::nullopt;
   };
   try {
     json::parse_options limits;
     limits.max_depth = OrvJSONSerializationMaximumDepth;
-    json::basic_parser<orv::detail::StrictHandler> parser(limits);
-    // A long answer is thousands of small strings and objects that are read once and dropped together:
-    // one arena instead of an allocation and a free for each. Its first block fits a typical answer
-    // whole; a large document grows it as it goes, so that text which builds little (padding, say)
-    // does not reserve twice its size up front.
-    constexpr std::size_t kLargestFirstBlock = 64 * 1024;
-    parser.handler().stack.reset(
-        json::make_shared_resource<json::monotonic_resource>(std::min(2 * data.size() + 1024, kLargestFirstBlock)));
+    json::basic_parser<StrictHandler> parser(limits);
+    parser.handler().stack.reset(std::move(storage));
     json::error_code ec;
     const std::size_t consumed = parser.write_some(false, data.data(), data.size(), ec);
     if (!ec && consumed < data.size()) ec = json::error::extra_data;
@@ -198,4 +198,36 @@ std::optional<boost::json::value> OrvJSONSerialization::JSONObjectWithData(std::
   } catch (const std::exception& e) {
     return fail(e.what());
   }
+}
+
+}  // namespace
+
+std::optional<JSONDocument> parseJSONDocument(std::string_view data, OrvJSONReadingOptions options,
+                                              std::optional<OrvError>* error) {
+  std::unique_ptr<boost::json::monotonic_resource> arena;
+  try {
+    arena = std::make_unique<boost::json::monotonic_resource>(firstArenaBlock(data));
+  } catch (const std::exception& e) {
+    if (error) *error = parseError(e.what());
+    return std::nullopt;
+  }
+  // A plain pointer to the arena: no value counts on it, and none is destroyed one by one.
+  auto value = parse(data, options, error, boost::json::storage_ptr(arena.get()));
+  if (!value) return std::nullopt;
+  return JSONDocument(std::move(arena), std::move(*value));
+}
+
+}  // namespace orv::detail
+
+std::optional<boost::json::value> OrvJSONSerialization::JSONObjectWithData(std::string_view data, OrvJSONReadingOptions options,
+                                                                           std::optional<OrvError>* error) {
+  std::optional<boost::json::storage_ptr> arena;
+  try {
+    arena = boost::json::make_shared_resource<boost::json::monotonic_resource>(orv::detail::firstArenaBlock(data));
+  } catch (const std::exception& e) {
+    if (error) *error = orv::detail::parseError(e.what());
+    return std::nullopt;
+  }
+  // The values returned may be kept anywhere, so each holds a count on the arena that frees it.
+  return orv::detail::parse(data, options, error, std::move(*arena));
 }

@@ -98,14 +98,14 @@ struct ParsedHeader {
 
 std::variant<ParsedHeader, Verdict> parseHeader(std::string_view headerJson) {
   std::optional<OrvError> parseError;
-  const auto value = OrvJSONSerialization::JSONObjectWithData(headerJson, OrvJSONReadingOptions::none, &parseError);
-  if (!value) {
+  const auto document = orv::detail::parseJSONDocument(headerJson, OrvJSONReadingOptions::none, &parseError);
+  if (!document) {
     return reject(
         OrvSecurityUtilsResultInvalidHeader,
         "The JWT header is not valid JSON" + (parseError ? " (" + parseError->localizedDescription() + ")" : std::string()));
   }
-  if (!value->is_object()) return reject(OrvSecurityUtilsResultInvalidHeader, "The JWT header is not a JSON object");
-  const boost::json::object& header = value->get_object();
+  if (!document->value().is_object()) return reject(OrvSecurityUtilsResultInvalidHeader, "The JWT header is not a JSON object");
+  const boost::json::object& header = document->value().get_object();
 
   ParsedHeader parsed;
   const auto* alg = header.if_contains("alg");

@@ -54,13 +54,13 @@ std::shared_ptr<OrvAppConfigAutoDiscoverRecord> OrvAppConfigAutoDiscoverRecord::
 std::shared_ptr<OrvAppConfigAutoDiscoverRecord> OrvAppConfigAutoDiscoverRecord::createFromData(const OrvData& data,
                                                                                                std::optional<OrvError>* error) {
   std::optional<OrvError> parseError;
-  const auto json = OrvJSONSerialization::JSONObjectWithData(data, OrvJSONReadingOptions::none, &parseError);
-  if (!json) {
+  const auto document = orv::detail::parseJSONDocument(data, OrvJSONReadingOptions::none, &parseError);
+  if (!document) {
     ORV_LOG_ERROR("Failed to parse JSON object - error: %@", parseError);
     if (error) *error = std::move(parseError);
     return nullptr;
   }
-  if (const auto* object = json->if_object()) {
+  if (const auto* object = document->value().if_object()) {
     if (error) *error = std::nullopt;
     return initWithJSONDictionary(object);
   }

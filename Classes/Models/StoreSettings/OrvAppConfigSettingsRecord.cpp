@@ -48,10 +48,10 @@ std::shared_ptr<OrvAppConfigSettingsRecord> OrvAppConfigSettingsRecord::createFr
   // Fragments are allowed so that a bare scalar is not a parse error; it still fails below, with the
   // same error as every other body that is not an object.
   std::optional<OrvError> parseError;
-  const auto json = OrvJSONSerialization::JSONObjectWithData(data, OrvJSONReadingOptions::fragmentsAllowed, &parseError);
-  if (json && json->is_object()) {
+  const auto document = orv::detail::parseJSONDocument(data, OrvJSONReadingOptions::fragmentsAllowed, &parseError);
+  if (document && document->value().is_object()) {
     if (error) *error = parseError;
-    return initWithJSONDictionary(&json->get_object());
+    return initWithJSONDictionary(&document->value().get_object());
   }
   if (error) {
     *error = OrvError(OrvAppConfigSettingsRecordErrorDomain, 0,
