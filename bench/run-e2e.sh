@@ -260,14 +260,15 @@ Debian 12 machine. The shares move with the machine; the causes do not.
   (`scheme://host[:port][/path]`, nothing to unescape) are read directly, in about a hundred
   instructions instead of several thousand through Boost.URL, which still reads everything else; a
   store URL reaches normal form without being parsed again; each JSON document is parsed into one
-  arena whose first block is sized from the text. A store URL in an answer is parsed from the
+  arena whose first block is sized from the text, and an answer read only to build records holds its
+  arena itself, so that its values keep no count on it and are not destroyed one by one. A store URL in an answer is parsed from the
   document's own text rather than from a copy, and its characters are classed by one byte table with a
   bit per character set rather than by the grammar's bit sets (about half the work per character). The
   signed body's base64url is written straight after the header into the signing input, two characters
   per table read. Warm auto-discovery of 1,000 stores went from 5.5 to about 2 times the floor over
-  HTTP/2 (6.7 million instructions per flow against the floor's 3.6; 7.2 before the byte table and the
-  signing input in one buffer); what is left is the JSON tree and the 2,000 URL objects the record is
-  defined to build for 1,000 entries.
+  HTTP/2 (6.5 million instructions per flow against the floor's 3.6; 7.2 before the byte table, the
+  signing input in one buffer and the arena held by the answer); what is left is the JSON tree and
+  the 2,000 URL objects the record is defined to build for 1,000 entries.
 - **Slow first flows.** About one fresh flow in a thousand takes more than 3 times the median (the
   fresh-flow table above counts them), and the floor's slowest fresh flows reach 3 to 7 times their
   median in the same runs: on this 2-vCPU machine a fresh flow that meets a busy moment of the host is
