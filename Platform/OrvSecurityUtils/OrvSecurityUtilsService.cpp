@@ -53,6 +53,9 @@ struct ProcessCertificateCaches {
   // text: parsing it costs about ten signature checks.
   std::mutex parsedMutex;
   std::deque<std::pair<std::string, OrvCertificateRef>> parsed;
+  // A signing certificate is a few kilobytes; one padded to megabytes is parsed and chained each time
+  // rather than held for the rest of the process (by either cache).
+  static constexpr std::size_t kLargestKeptContent = 64 * 1024;
 
   // Chains already built, with the period in which all their links are valid. Every answer of a
   // request is signed by the same certificate; building its chain again for each one cost more than
@@ -244,7 +247,8 @@ std::optional<Verdict> checkCertificate(const SecurityServiceConfiguration& conf
     validFrom = std::max(validFrom, *notBefore);
     validUntil = std::min(validUntil, *notAfter);
   }
-  if (X509_up_ref(certificate.certificate.get()) == 1) {
+  if (certificate.der.size() <= ProcessCertificateCaches::kLargestKeptContent &&
+      X509_up_ref(certificate.certificate.get()) == 1) {
     X509Ptr kept(certificate.certificate.get());
     std::lock_guard lock(caches.verifiedMutex);
     caches.verified.push_front({configuration.anchorsKey, std::move(kept), validFrom, validUntil});
@@ -555,7 +559,7 @@ OrvCertificateRef OrvSecurityUtilsService::createCertificateFromCertificateConte
   // Certificates are immutable, and validity is judged at each verification, so a kept parse is as
   // good as a fresh one. Refused content is not kept.
   auto certificate = OrvCertificate::certificateWithContent(certificateContent);
-  if (!certificate) return nullptr;
+  if (!certificate || certificateContent.size() > ProcessCertificateCaches::kLargestKeptContent) return certificate;
   std::lock_guard lock(caches.parsedMutex);
   caches.parsed.emplace_front(std::string(certificateContent), certificate);
   if (caches.parsed.size() > ProcessCertificateCaches::kKept) caches.parsed.pop_back();

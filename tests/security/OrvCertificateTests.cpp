@@ -21,6 +21,12 @@ TEST(OrvCertificateTest, AcceptsOnePEMBlockOrBase64DERAndNothingElse) {
   // The same text again is the same parse; other text is parsed on its own.
   EXPECT_EQ(service->createCertificateFromCertificateContent(pem), service->createCertificateFromCertificateContent(pem));
   EXPECT_NE(service->createCertificateFromCertificateContent(m.p256Leaf->pemString())->derData(), der);
+  // Text past 64 KiB (here padding) is parsed each time rather than kept for the process.
+  const std::string padded = pem + std::string(70 * 1024, '\n');
+  const auto once = service->createCertificateFromCertificateContent(padded);
+  ASSERT_TRUE(once);
+  EXPECT_EQ(once->derData(), der);
+  EXPECT_NE(once, service->createCertificateFromCertificateContent(padded));
   const auto certificate = OrvCertificate::certificateWithDER(der);
   ASSERT_TRUE(certificate);
   EXPECT_EQ(certificate->subjectOrganization(), "Varnel Signing");
