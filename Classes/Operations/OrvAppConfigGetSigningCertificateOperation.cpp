@@ -4,53 +4,20 @@
 #include "OrvAppConfigServiceLogger.h"
 #include "OrvJSONAccessors.h"
 #include "OrvJSONSerialization.h"
+#include "OrvKeptByBytes.h"
 
-#include <deque>
-#include <mutex>
-
-namespace orv::detail {
 namespace {
 
 // The key answer is fetched for every request and is nearly always the same text, yet reading it as
-// JSON cost as much as reading a store's settings. Content read from an answer before is known by
-// that answer's exact bytes, and only answers that gave content are kept.
-class ReadKeyAnswers {
- public:
-  static ReadKeyAnswers& shared() {
-    static auto* const answers = new ReadKeyAnswers;  // never destroyed: operations may end during exit
-    return *answers;
-  }
-
-  std::optional<std::string> contentOf(std::string_view answer) {
-    std::lock_guard lock(mutex_);
-    for (const auto& [text, content] : kept_) {
-      if (text == answer) return content;
-    }
-    return std::nullopt;
-  }
-
-  void keep(std::string_view answer, const std::string& content) {
-    // A key answer is a couple of kilobytes; a server sending megabytes would otherwise have them
-    // held for the rest of the process.
-    if (answer.size() > kLargestKept) return;
-    std::lock_guard lock(mutex_);
-    for (const auto& [text, unused] : kept_) {
-      if (text == answer) return;  // another operation read the same answer meanwhile
-    }
-    kept_.emplace_front(std::string(answer), content);
-    if (kept_.size() > kKept) kept_.pop_back();
-  }
-
- private:
-  // A rotation brings a second answer for a while; staging and production hosts have one each.
-  static constexpr std::size_t kKept = 4;
-  static constexpr std::size_t kLargestKept = 64 * 1024;
-  std::mutex mutex_;
-  std::deque<std::pair<std::string, std::string>> kept_;
-};
+// JSON cost as much as reading a store's settings. Only answers that gave content are kept; a rotation
+// brings a second answer for a while, and staging and production hosts have one each.
+orv::detail::KeptByBytes<std::string>& keyAnswersRead() {
+  // Never destroyed: operations may end during exit.
+  static auto* const answers = new orv::detail::KeptByBytes<std::string>(4);
+  return *answers;
+}
 
 }  // namespace
-}  // namespace orv::detail
 
 OrvAppConfigGetSigningCertificateOperation::OrvAppConfigGetSigningCertificateOperation(
     std::shared_ptr<OrvSecurityServiceProtocol> securityService, std::shared_ptr<OrvURLSession> urlSession,
@@ -88,8 +55,8 @@ bool OrvAppConfigGetSigningCertificateOperation::parseHttp200ResponseData(const 
 
 std::optional<std::string> OrvAppConfigGetSigningCertificateOperation::extractCertificateContentFromResponseData(
     const OrvData& responseData, std::optional<OrvError>* error) {
-  auto& readAnswers = orv::detail::ReadKeyAnswers::shared();
-  if (auto content = readAnswers.contentOf(responseData)) {
+  auto& readAnswers = keyAnswersRead();
+  if (auto content = readAnswers.find(responseData)) {
     if (error) *error = std::nullopt;
     return content;
   }

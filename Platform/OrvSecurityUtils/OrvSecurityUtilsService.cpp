@@ -18,6 +18,7 @@
 
 #include "OrvCertificateHandle.h"
 #include "OrvJSONSerialization.h"
+#include "OrvKeptByBytes.h"
 #include "OrvOperationQueue.h"
 #include "OrvSDKStringUtils.h"
 #include "OrvWorkerPool.h"
@@ -51,11 +52,7 @@ struct ProcessCertificateCaches {
 
   // The signing certificate is fetched afresh for every validation, but it is almost always the same
   // text: parsing it costs about ten signature checks.
-  std::mutex parsedMutex;
-  std::deque<std::pair<std::string, OrvCertificateRef>> parsed;
-  // A signing certificate is a few kilobytes; one padded to megabytes is parsed and chained each time
-  // rather than held for the rest of the process (by either cache).
-  static constexpr std::size_t kLargestKeptContent = 64 * 1024;
+  KeptByBytes<OrvCertificateRef> parsed{kKept};
 
   // Chains already built, with the period in which all their links are valid. Every answer of a
   // request is signed by the same certificate; building its chain again for each one cost more than
@@ -247,8 +244,8 @@ std::optional<Verdict> checkCertificate(const SecurityServiceConfiguration& conf
     validFrom = std::max(validFrom, *notBefore);
     validUntil = std::min(validUntil, *notAfter);
   }
-  if (certificate.der.size() <= ProcessCertificateCaches::kLargestKeptContent &&
-      X509_up_ref(certificate.certificate.get()) == 1) {
+  // A certificate too large to be kept parsed is not kept chained either.
+  if (certificate.der.size() <= kLargestKeptText && X509_up_ref(certificate.certificate.get()) == 1) {
     X509Ptr kept(certificate.certificate.get());
     std::lock_guard lock(caches.verifiedMutex);
     caches.verified.push_front({configuration.anchorsKey, std::move(kept), validFrom, validUntil});
@@ -550,19 +547,11 @@ std::optional<std::vector<OrvCertificateRef>> OrvSecurityUtilsService::loadCerti
 
 OrvCertificateRef OrvSecurityUtilsService::createCertificateFromCertificateContent(std::string_view certificateContent) {
   auto& caches = ProcessCertificateCaches::shared();
-  {
-    std::lock_guard lock(caches.parsedMutex);
-    for (const auto& [content, certificate] : caches.parsed) {
-      if (content == certificateContent) return certificate;
-    }
-  }
+  if (auto certificate = caches.parsed.find(certificateContent)) return *certificate;
   // Certificates are immutable, and validity is judged at each verification, so a kept parse is as
   // good as a fresh one. Refused content is not kept.
   auto certificate = OrvCertificate::certificateWithContent(certificateContent);
-  if (!certificate || certificateContent.size() > ProcessCertificateCaches::kLargestKeptContent) return certificate;
-  std::lock_guard lock(caches.parsedMutex);
-  caches.parsed.emplace_front(std::string(certificateContent), certificate);
-  if (caches.parsed.size() > ProcessCertificateCaches::kKept) caches.parsed.pop_back();
+  if (certificate) caches.parsed.keep(certificateContent, certificate);
   return certificate;
 }
 
