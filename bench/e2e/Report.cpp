@@ -14,6 +14,8 @@
 #include <tuple>
 #include <vector>
 
+#include "E2ECommon.h"
+
 namespace {
 
 namespace json = boost::json;
@@ -32,13 +34,6 @@ double number(const json::object& o, std::string_view key) {
   return found ? found->to_number<double>() : 0.0;
 }
 
-double medianOf(std::vector<double> values) {
-  if (values.empty()) return 0.0;
-  std::sort(values.begin(), values.end());
-  const std::size_t middle = values.size() / 2;
-  return values.size() % 2 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
-}
-
 struct Pooled {
   std::vector<double> samples;
   // One entry per process, in the order they ran: floor and library take turns, so the i-th of each
@@ -49,10 +44,8 @@ struct Pooled {
   int processes = 0;
 
   void add(const json::object& o) {
-    std::vector<double> own;
-    for (const auto& sample : o.at("samples_ms").as_array()) own.push_back(sample.to_number<double>());
-    samples.insert(samples.end(), own.begin(), own.end());
-    processMedians.push_back(medianOf(std::move(own)));
+    for (const auto& sample : o.at("samples_ms").as_array()) samples.push_back(sample.to_number<double>());
+    processMedians.push_back(number(o.at("wall_ms").as_object(), "median"));
     processCpu.push_back(number(o, "cpu_ms_per_flow"));
     const double n = number(o, "flows");
     flows += n;
@@ -65,15 +58,7 @@ struct Pooled {
     otherProtocol += number(o, "other_protocol_requests");
     ++processes;
   }
-  double quantile(double q) const {
-    auto sorted = samples;
-    std::sort(sorted.begin(), sorted.end());
-    const double position = q * double(sorted.size() - 1);
-    const auto below = std::size_t(position);
-    const auto above = std::min(below + 1, sorted.size() - 1);
-    return sorted[below] + (sorted[above] - sorted[below]) * (position - double(below));
-  }
-  double median() const { return quantile(0.5); }
+  double median() const { return orv::e2e::quantile(samples, 0.5); }
   double min() const { return *std::min_element(samples.begin(), samples.end()); }
   double max() const { return *std::max_element(samples.begin(), samples.end()); }
   double cpu() const { return cpuMilliseconds / flows; }
