@@ -130,6 +130,21 @@ TEST_F(SecurityUtilsServiceTest, RefusesHeadersAndEncodingsItCannotReadOneWay) {
   EXPECT_EQ(OrvSecurityUtilsResultDescription(-1), "Unknown OrvSecurityUtilsResult of -1");
 }
 
+// A header read once is kept by its exact bytes: every later check still runs, in its order, and a
+// header that differs in a single byte is read afresh.
+TEST_F(SecurityUtilsServiceTest, AHeaderReadBeforeStillMeetsEveryCheck) {
+  const auto padded = std::string(*rs256.signature) + std::string(4 - rs256.signature->size() % 4, '=');
+  expectVerdict(OrvSecurityUtilsResultSuccess, {{"read", rs256, m.rsaLeaf}, {"kept", rs256, m.rsaLeaf}});
+  expectVerdict(OrvSecurityUtilsResultMalformedEncoding, {{"kept header, padded signature", {rs256.header, padded}, m.rsaLeaf}});
+  expectVerdict(OrvSecurityUtilsResultAlgorithmKeyMismatch, {{"kept header, EC certificate", rs256, m.p256Leaf}});
+  // The same length as the kept header, one letter apart.
+  expectVerdict(OrvSecurityUtilsResultUnsupportedAlgorithm,
+                {{"HS256 after RS256", forgedJws(R"({"alg":"HS256","typ":"JOSE"})", "sig"), m.rsaLeaf}});
+  expectVerdict(
+      OrvSecurityUtilsResultSignatureMismatch,
+      {{"PS256 after RS256", {emulator::base64UrlEncode(R"({"alg":"PS256","typ":"JOSE"})"), rs256.signature}, m.rsaLeaf}});
+}
+
 TEST_F(SecurityUtilsServiceTest, RefusesKeysAndSignaturesThatDoNotFit) {
   const auto rsaSignature = *emulator::signRaw(m.rsaKey, "RS256", "x");
   const auto es256 = signJws(m.p256Key, "ES256", header("ES256"));
