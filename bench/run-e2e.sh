@@ -215,8 +215,8 @@ do not move with the machine's load) and by changing one thing at a time, on the
 Debian 12 machine. The shares move with the machine; the causes do not.
 
 - **Instructions are close; CPU time is not.** Counted by callgrind (whole process, flows 6 to 15
-  against 1 to 5), the library runs 1.07 times the floor's instructions for warm settings at 100 and
-  1.09 at one store (1.13 at 100 before each signature check was set up once per certificate, below).
+  against 1 to 5), the library runs 1.05 times the floor's instructions for warm settings at 100 and
+  1.07 at one store (1.13 at 100 before each signature check was set up once per certificate, below).
   Of the difference, about a third is allocation: about 200 `malloc` calls per store against the
   floor's 108 (curl's and OpenSSL's own, which both sides make), for the records, the request and its
   headers, and the answer's parse. The rest is the parse and the records themselves, the host's
@@ -256,6 +256,29 @@ Debian 12 machine. The shares move with the machine; the causes do not.
   switches per flow when every answer was handed to two workers, 8.1 when a lone batch was shared with
   one, 4.5 now, and 1.26 to 1.34 against 1.14 to 1.24 times the floor's wall time between the last
   two, in three comparisons of eight interleaved processes each).
+- **Where a warm flow's time goes.** Timed step by step (a clock read at each step, in a build of
+  its own, on both sides; medians over 60 to 300 flows), the library and the floor send the same
+  transfers at the same pace once they have started, and the library's own time is at the ends.
+  With one store, its first request reaches curl 30 to 80 µs after the call (the floor's after 2),
+  and the completion runs on the main thread 10 to 60 µs after the verification ended (the floor
+  verified on the thread that asked). The call itself is 5 K instructions on the caller's thread;
+  the rest is the I/O thread waking, and at the end the main thread waking, each taking longer when
+  the vCPU it lands on was idle or busy with nginx. With ten stores, the first request goes out 80
+  to 100 µs after the call (floor 3 to 4), and 60 to 100 µs pass between the last store's answer
+  and the key request (floor about 25): the answers are read into records before the certificate
+  is asked for, in the order the validation workflow fixes. With 100, the first request goes out
+  190 to 390 µs after the call (the floor's first after 5 µs, its hundredth after 155 to 180); the
+  answers are read on two threads in 220 to 450 µs before the key request, about what the floor
+  spends there closing its hundred easy handles (200 to 420 µs); and the 100 verifications take 1.2
+  to 2.0 ms against the floor's 1.5 to 2.2. Counted per thread
+  (`/proc/<pid>/task/*/schedstat`), a warm one-store discovery costs the library 374 to 391 µs of
+  CPU against the floor's 311 to 331: 18 µs on the main thread for the call and its wake-up, the
+  rest on the I/O thread; callgrind counts 720 K instructions per flow against the floor's 672 K
+  (1.07), so most of the 60 µs is the wake-ups, not work. Tried and not kept: waking the I/O thread through an `eventfd`
+  of its own rather than curl's socket pair (one system call less per wake-up; 1.21 against 1.22
+  times the floor's wall time over six interleaved triples), and starting every operation of a
+  100-store request on the I/O thread rather than sharing the starts with two workers (1.18 against
+  1.12 by the median of eight interleaved triples, 1.14 against 1.18 by their mean).
 - **Reading long answers.** The floor parses no answer. URLs of the usual shape
   (`scheme://host[:port][/path]`, nothing to unescape) are read directly, in about a hundred
   instructions instead of several thousand through Boost.URL, which still reads everything else; a
@@ -293,7 +316,10 @@ Debian 12 machine. The shares move with the machine; the causes do not.
   The key answer, fetched for every request and nearly always the same text, was read as JSON each
   time: 25 K instructions, as much as a store's settings. The certificate content of the last four
   distinct answers (up to 64 KiB each) is now kept by their exact bytes: a warm one-store settings
-  request went from 779 K to 755 K instructions (floor 692 K).
+  request went from 779 K to 755 K instructions (floor 692 K). Every store's answer carries the same
+  JWS header, which was decoded and parsed for each: the last four headers read without objection
+  are kept by their bytes too, while every check after the header still runs for each answer (5 K
+  instructions less per answer; one store: 747 K to 742 K).
 - **A new service per fresh flow.** A fresh flow builds a new service and security service. Parsed
   signing certificates and verified chains are kept for the process (the last 8 of each, by their
   exact bytes; chains also by the anchors they were built against), so the new service finds the
