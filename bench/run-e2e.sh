@@ -274,7 +274,12 @@ Debian 12 machine. The shares move with the machine; the causes do not.
   (`/proc/<pid>/task/*/schedstat`), a warm one-store discovery costs the library 374 to 391 µs of
   CPU against the floor's 311 to 331: 18 µs on the main thread for the call and its wake-up, the
   rest on the I/O thread; callgrind counts 720 K instructions per flow against the floor's 672 K
-  (1.07), so most of the 60 µs is the wake-ups, not work. Tried and not kept: waking the I/O thread through an `eventfd`
+  (1.07), so most of the 60 µs is the wake-ups, not work. On this machine a wake-up is dear: two
+  threads taking turns through a condition variable cost each other 20 to 24 µs of CPU and 30 µs of
+  wall time per turn when they are on different vCPUs, 3 µs when both are held to one (through a
+  socket pair, as curl wakes its poll, 36 µs of CPU; through an `eventfd`, 23). The same CPU time
+  per flow moved by up to a fifth between processes of the same binary here (warm settings at 100
+  stores, per-thread counts over four seconds each: 10.1 to 13.8 ms). Tried and not kept: waking the I/O thread through an `eventfd`
   of its own rather than curl's socket pair (one system call less per wake-up; 1.21 against 1.22
   times the floor's wall time over six interleaved triples), and starting every operation of a
   100-store request on the I/O thread rather than sharing the starts with two workers (1.18 against
