@@ -302,7 +302,12 @@ Debian 12 machine. The shares move with the machine; the causes do not.
   median in the same runs: on this 2-vCPU machine a fresh flow that meets a busy moment of the host is
   slow whoever makes it. Timed step by step, the two slowest of 3,000 fresh discoveries (8.6 and 9.3
   ms against a median of 3.0) lost their time in the first transfer, the TCP connection and TLS
-  handshake (7.8 and 8.5 ms against 2.5), not in a step of the library's own. The I/O thread polls at
+  handshake (7.8 and 8.5 ms against 2.5), not in a step of the library's own. Timed again this
+  round, the six slowest of 1,500 (6.6 to 9.3 ms against 2.4) lost their time in a different place
+  each: a step of curl's TLS handshake taking 4 ms of the I/O thread instead of one, nginx answering
+  3 ms late, the main thread running 3.8 ms after its completion was queued. Over such a run the
+  machine counted 0.2 % of its time as taken by the host (`steal` in `/proc/stat`), about what the
+  slow flows add up to. The I/O thread polls at
   least every 20 ms while transfers are in curl, as a guard against curl 7.88 leaving a transfer
   without a timer; polling every 5 or 10 ms changed neither the median nor the tail (1,800 fresh flows
   each, none over 3 times the median), so these are not that guard firing. What a fresh flow pays for
