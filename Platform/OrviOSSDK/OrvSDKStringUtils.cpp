@@ -11,7 +11,8 @@ namespace {
 constexpr char kBase64URLAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
 constexpr char kBase64Alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
-// Two characters for each 12 bits, so that three bytes take two table reads rather than four.
+// Two characters for each 12 bits, so that three bytes take two table reads rather than four. The
+// second character of entries 0 to 63 is the alphabet itself, which the last one or two bytes use.
 using PairTable = std::array<std::array<char, 2>, 4096>;
 constexpr PairTable pairTable(const char* alphabet) {
   PairTable pairs{};
@@ -23,7 +24,8 @@ constexpr PairTable kBase64Pairs = pairTable(kBase64Alphabet);
 
 // Every signed answer is encoded once to rebuild its signing input, so this runs over whole bodies:
 // written straight into the caller's buffer, grown once to its final size.
-void encodeInto(std::string& out, std::string_view bytes, const char* alphabet, const PairTable& pairs, bool pad) {
+void encodeInto(std::string& out, std::string_view bytes, const PairTable& pairs, bool pad) {
+  const auto letter = [&pairs](std::uint32_t sextet) { return pairs[sextet & 63][1]; };
   const std::size_t whole = bytes.size() / 3, rest = bytes.size() % 3;
   const std::size_t start = out.size();
   out.resize(start + whole * 4 + (rest == 0 ? 0 : pad ? 4 : rest + 1));
@@ -36,9 +38,9 @@ void encodeInto(std::string& out, std::string_view bytes, const char* alphabet, 
   }
   if (rest != 0) {
     const std::uint32_t n = (std::uint32_t(in[0]) << 16) | (rest == 2 ? std::uint32_t(in[1]) << 8 : 0);
-    o[0] = alphabet[(n >> 18) & 63];
-    o[1] = alphabet[(n >> 12) & 63];
-    if (rest == 2) o[2] = alphabet[(n >> 6) & 63];
+    o[0] = letter(n >> 18);
+    o[1] = letter(n >> 12);
+    if (rest == 2) o[2] = letter(n >> 6);
     if (pad) {
       if (rest == 1) o[2] = '=';
       o[3] = '=';
@@ -46,9 +48,9 @@ void encodeInto(std::string& out, std::string_view bytes, const char* alphabet, 
   }
 }
 
-std::string encode(std::string_view bytes, const char* alphabet, const PairTable& pairs, bool pad) {
+std::string encode(std::string_view bytes, const PairTable& pairs, bool pad) {
   std::string out;
-  encodeInto(out, bytes, alphabet, pairs, pad);
+  encodeInto(out, bytes, pairs, pad);
   return out;
 }
 
@@ -63,16 +65,14 @@ constexpr auto kBase64URLValues = [] {
 
 std::optional<std::string> OrvBase64URLEncodedStringFromString(const std::optional<std::string>& string) {
   if (!string) return std::nullopt;
-  return encode(*string, kBase64URLAlphabet, kBase64URLPairs, false);
+  return encode(*string, kBase64URLPairs, false);
 }
 
-std::string OrvBase64URLEncode(std::string_view bytes) { return encode(bytes, kBase64URLAlphabet, kBase64URLPairs, false); }
+std::string OrvBase64URLEncode(std::string_view bytes) { return encode(bytes, kBase64URLPairs, false); }
 
-void orv::detail::appendBase64URL(std::string& out, std::string_view bytes) {
-  encodeInto(out, bytes, kBase64URLAlphabet, kBase64URLPairs, false);
-}
+void orv::detail::appendBase64URL(std::string& out, std::string_view bytes) { encodeInto(out, bytes, kBase64URLPairs, false); }
 
-std::string OrvBase64Encode(std::string_view bytes) { return encode(bytes, kBase64Alphabet, kBase64Pairs, true); }
+std::string OrvBase64Encode(std::string_view bytes) { return encode(bytes, kBase64Pairs, true); }
 
 std::optional<std::string> OrvBase64URLDecode(std::string_view text) {
   if (text.size() % 4 == 1) return std::nullopt;
