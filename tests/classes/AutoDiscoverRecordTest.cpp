@@ -62,3 +62,39 @@ TEST(OrvAppConfigAutoDiscoverRecordTest, UsableURLRule) {
       parse(R"({"kaleth": {"serviceUrls": [{"url": 1}], "allowedWebStoreURLs": [{"url": "https://web.example.com"}]}})")));
   EXPECT_TRUE(S::storeListRecordsContainAtLeastOneValidURL(parse(R"({"kaleth": {"serviceUrls": [{}, {"url": "x"}]}})")));
 }
+
+// Answers read before are found again by their bytes; what a caller gets must still be its own.
+TEST(OrvAppConfigAutoDiscoverRecordTest, AnAnswerReadBeforeGivesEachCallerItsOwnRecord) {
+  const char* body = R"({"domain": {"name": "again.example.com"}, "iat": 1700000000,
+    "kaleth": {"serviceUrls": [{"url": "https://a.example.com/s"}, {"url": 1}], "allowedWebStoreURLs": []}})";
+  auto first = parse(body);
+  ASSERT_NE(first, nullptr);
+  first->domain()->setName("changed.example.com");
+  first->kaleth()->setServiceUrls(std::nullopt);
+  first->setNotValidBefore(std::nullopt);
+
+  for (int round = 0; round < 2; ++round) {
+    std::optional<OrvError> error = OrvError("stale", 1, {});
+    auto again = parse(body, &error);
+    ASSERT_TRUE(again && !error);
+    EXPECT_NE(again, first);
+    EXPECT_EQ(again->domain()->name(), "again.example.com");
+    ASSERT_EQ(again->kaleth()->serviceUrls().value_or(OrvAppConfigURLList{}).size(), 2u);
+    EXPECT_EQ((*again->kaleth()->serviceUrls())[0]->url()->absoluteString(), "https://a.example.com/s");
+    EXPECT_EQ((*again->kaleth()->serviceUrls())[1]->url(), std::nullopt);
+    EXPECT_EQ(again->kaleth()->allowedWebStoreUrls(), OrvAppConfigURLList{});
+    EXPECT_EQ(OrvTimeIntervalSince1970(again->notValidBefore().value_or(OrvDate{})), 1700000000.0);
+    EXPECT_EQ(again->notValidAfter(), std::nullopt);
+    (*again->kaleth()->serviceUrls())[0]->setUrl(std::nullopt);
+  }
+
+  // One byte apart is another answer; a refused answer is refused again.
+  std::string other = body;
+  other.replace(other.find("a.example"), 1, "b");
+  EXPECT_EQ((*parse(other.c_str())->kaleth()->serviceUrls())[0]->url()->absoluteString(), "https://b.example.com/s");
+  for (int round = 0; round < 2; ++round) {
+    std::optional<OrvError> error;
+    EXPECT_EQ(parse("[]", &error), nullptr);
+    EXPECT_TRUE(error);
+  }
+}

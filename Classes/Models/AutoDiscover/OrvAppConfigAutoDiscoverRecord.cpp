@@ -4,10 +4,40 @@
 #include "OrvAppConfigServiceLogger.h"
 #include "OrvJSONAccessors.h"
 #include "OrvJSONSerialization.h"
+#include "OrvKeptByBytes.h"
 
 namespace {
 constexpr const char* kInvalidJSONObject = "Invalid JSON object - expecting a dictionary";
 constexpr std::int64_t kInvalidJSONObjectCode = 3842;
+
+// A domain's answer comes back with the same bytes until it is signed again, and for a thousand
+// stores reading it takes longer than fetching and verifying it. Records can be changed by whoever
+// holds them, so the kept record is never handed out: each caller gets a copy of its own. Two, for a
+// host that asks about its user's domain and once more about the whole host.
+using KeptRecord = std::shared_ptr<const OrvAppConfigAutoDiscoverRecord>;
+orv::detail::KeptByBytes<KeptRecord>& answersRead() {
+  // Never destroyed: a request may still be parsing on its I/O thread while the process exits.
+  static auto* const answers = new orv::detail::KeptByBytes<KeptRecord>(2);
+  return *answers;
+}
+
+std::optional<OrvAppConfigURLList> copyOf(const std::optional<OrvAppConfigURLList>& list) {
+  if (!list) return std::nullopt;
+  OrvAppConfigURLList copy;
+  copy.reserve(list->size());
+  for (const auto& entry : *list) copy.push_back(entry ? OrvAppConfigURL::initWithURL(entry->url()) : nullptr);
+  return copy;
+}
+
+std::shared_ptr<OrvAppConfigAutoDiscoverRecord> copyOf(const OrvAppConfigAutoDiscoverRecord& record) {
+  auto domain = record.domain() ? OrvAppConfigDomain::initWithName(record.domain()->name()) : nullptr;
+  const auto& kaleth = record.kaleth();
+  auto kalethCopy =
+      kaleth ? OrvAppConfigKaleth::initWithServiceURLs(copyOf(kaleth->serviceUrls()), copyOf(kaleth->allowedWebStoreUrls()))
+             : nullptr;
+  return OrvAppConfigAutoDiscoverRecord::initWithDomain(std::move(domain), std::move(kalethCopy), record.notValidBefore(),
+                                                        record.notValidAfter());
+}
 }  // namespace
 
 std::shared_ptr<OrvAppConfigDomain> OrvAppConfigDomain::initWithJSONDictionary(const boost::json::object* jsonDictionary) {
@@ -53,6 +83,11 @@ std::shared_ptr<OrvAppConfigAutoDiscoverRecord> OrvAppConfigAutoDiscoverRecord::
 
 std::shared_ptr<OrvAppConfigAutoDiscoverRecord> OrvAppConfigAutoDiscoverRecord::createFromData(const OrvData& data,
                                                                                                std::optional<OrvError>* error) {
+  // Only answers read without objection are kept, so a refused one is read, and logged, each time.
+  if (const auto kept = answersRead().find(data)) {
+    if (error) *error = std::nullopt;
+    return copyOf(**kept);
+  }
   std::optional<OrvError> parseError;
   const auto document = orv::detail::parseJSONDocument(data, OrvJSONReadingOptions::none, &parseError);
   if (!document) {
@@ -62,7 +97,9 @@ std::shared_ptr<OrvAppConfigAutoDiscoverRecord> OrvAppConfigAutoDiscoverRecord::
   }
   if (const auto* object = document->value().if_object()) {
     if (error) *error = std::nullopt;
-    return initWithJSONDictionary(object);
+    auto record = initWithJSONDictionary(object);
+    if (data.size() <= orv::detail::kLargestKeptText) answersRead().keep(data, copyOf(*record));
+    return record;
   }
   ORV_LOG_ERROR("%@", kInvalidJSONObject);
   if (error) *error = OrvError(OrvAppConfigServiceJSONErrorDomain, kInvalidJSONObjectCode, {{"error", kInvalidJSONObject}});
