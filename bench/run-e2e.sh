@@ -184,6 +184,9 @@ store count runs in processes of its own, so that each peak RSS is that scenario
   \`ru_maxrss\`; **TLS conns/flow** are the connections the measured flows opened, from distinct
   \`connection=\` values in nginx's access log for the library and \`CURLINFO_NUM_CONNECTS\` for the
   floor (the log agrees for the floor, or the report says otherwise). Ratios are library / floor.
+- **Runs of 50 with one** cuts each process's fresh flows, in the order they ran, into runs of 50
+  (the last one shorter) and counts the runs that held a flow over 3 times the pooled median: how
+  often a host starting 50 times would meet one. The floor's are counted the same way.
 - **× per process pair** is the lowest and highest ratio of a library process to the floor process
   that ran just before it (wall: their medians; CPU: their CPU per flow). **Floor's own spread** is
   the slowest floor process's median over the fastest's. Together they show how far a ratio moves
