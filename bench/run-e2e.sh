@@ -312,7 +312,10 @@ Debian 12 machine. The shares move with the machine; the causes do not.
 - **Slow first flows.** About one fresh flow in a thousand takes more than 3 times the median (the
   fresh-flow table above counts them), and the floor's slowest fresh flows reach 3 to 7 times their
   median in the same runs: on this 2-vCPU machine a fresh flow that meets a busy moment of the host is
-  slow whoever makes it. Timed step by step, the two slowest of 3,000 fresh discoveries (8.6 and 9.3
+  slow whoever makes it. Counted in runs of 50 as a host would meet them, one full run held a flow
+  over 3 times the median in 15 of 334 of the library's runs (26 of 15,389 flows) and in 10 of 375 of
+  the floor's (11 flows); the library's came in spells, 12 of them within 40 consecutive flows of one
+  process at 100 stores, while the floor's processes ran at other times. Timed step by step, the two slowest of 3,000 fresh discoveries (8.6 and 9.3
   ms against a median of 3.0) lost their time in the first transfer, the TCP connection and TLS
   handshake (7.8 and 8.5 ms against 2.5), not in a step of the library's own. Timed again this
   round, the six slowest of 1,500 (6.6 to 9.3 ms against 2.4) lost their time in a different place
