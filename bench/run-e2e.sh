@@ -82,6 +82,9 @@ trap 'exit 130' INT TERM
 
 started=$(date +%s)
 load_before=$(cut -d' ' -f1-3 /proc/loadavg)
+# The first line of /proc/stat: time the vCPUs spent in each state since boot. Read again at the end,
+# the difference says how much of the run the hypervisor kept the vCPUs for other guests (steal).
+cpu_before=$(head -1 /proc/stat)
 PORT=$("$BIN/orv_e2e_export" "$WORK/material" "$WORK/export")
 EXPORT="$WORK/export"
 # The same answers over HTTP/1.1: only the listen line differs.
@@ -133,6 +136,9 @@ done
 TABLES=$("$BIN/orv_e2e_report" "$RESULTS")
 elapsed=$(($(date +%s) - started))
 load_after=$(cut -d' ' -f1-3 /proc/loadavg)
+steal_share=$(printf '%s\n%s\n' "$cpu_before" "$(head -1 /proc/stat)" | awk '
+  { total[NR] = 0; for (i = 2; i <= 9; i++) total[NR] += $i; steal[NR] = $9 }
+  END { t = total[2] - total[1]; if (t > 0) printf "%.2f %%", 100 * (steal[2] - steal[1]) / t; else print "unknown" }')
 echo "$TABLES"
 
 mkdir -p "$(dirname "$OUTPUT")"
@@ -204,6 +210,7 @@ store count runs in processes of its own, so that each peak RSS is that scenario
 | nginx | $("$NGINX" -v 2>&1 | cut -d/ -f2) |
 | compiler, build | $(sed -n 's/^CMAKE_CXX_COMPILER:[A-Z]*=//p' "$BUILD_DIR/CMakeCache.txt" | xargs -r basename) $(g++ -dumpfullversion 2>/dev/null), $(sed -n 's/^CMAKE_BUILD_TYPE:[A-Z]*=//p' "$BUILD_DIR/CMakeCache.txt") |
 | load average (1, 5, 15 min) | before ${load_before}; after ${load_after} |
+| vCPU time taken by the host over the run (\`steal\`) | ${steal_share} |
 
 ## Results
 
