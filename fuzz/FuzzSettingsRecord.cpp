@@ -1,6 +1,7 @@
 // A settings answer body as the network delivers it, then kept the way a host keeps it: every parsed
 // record must archive, and the archive must decode to an equal record that archives to the same bytes.
-// The one exception is a setting whose value holds a JSON null, which decoding refuses by design.
+// The one exception is a setting whose value holds a JSON null, which decoding refuses by design. Read
+// twice, the bytes must give two equal records of their own.
 #include <algorithm>
 
 #include <boost/json/serialize.hpp>
@@ -43,6 +44,13 @@ ORV_FUZZ_TARGET(bytes) {
   fuzzRequire(!boost::json::serialize(OrvAppConfigSettingsRecordJSONObject(*record)).empty(), "a record prints as JSON");
   const auto archive = OrvKeyedArchiver::archivedDataWithRootObject(record, &error);
   fuzzRequire(archive.has_value() && !error, "a parsed record always archives");
+
+  // The same bytes read again may be answered from what was kept of the first reading: a record of its
+  // own, equal to the first down to each group's class.
+  const auto again = OrvAppConfigSettingsRecord::createFromData(bytes, &error);
+  fuzzRequire(again != nullptr && again != record && !error, "a second reading gives a record of its own");
+  fuzzRequire(*again == *record && OrvKeyedArchiver::archivedDataWithRootObject(again) == archive,
+              "a second reading gives the same record");
 
   const auto decoded = OrvKeyedUnarchiver::unarchivedObjectOfClass<OrvAppConfigSettingsRecord>(*archive, &error);
   const auto apps = record->kaleth() ? record->kaleth()->appSettings() : nullptr;

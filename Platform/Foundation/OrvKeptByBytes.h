@@ -6,10 +6,12 @@
 // re-signed answer is never mistaken for the old one.
 #include <cstddef>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 
 namespace orv::detail {
@@ -48,6 +50,52 @@ class KeptByBytes {
   const std::size_t kept_;
   mutable std::mutex mutex_;
   std::deque<std::pair<std::string, Value>> entries_;
+};
+
+// The same for texts that come one per store, where a request may bring a thousand of them: found
+// through a hash of their bytes rather than by looking at each. Bounded both by count and by the
+// bytes of text held, the oldest going first, so that it never holds more than about one copy of
+// what the largest requests brought.
+template <class Value>
+class ManyKeptByBytes {
+ public:
+  ManyKeptByBytes(std::size_t kept, std::size_t keptBytes) : kept_(kept), keptBytes_(keptBytes) {}
+
+  std::optional<Value> find(std::string_view text) const {
+    std::lock_guard lock(mutex_);
+    const auto found = entries_.find(text);
+    if (found == entries_.end()) return std::nullopt;
+    return found->second;
+  }
+
+  void keep(std::string_view text, const Value& value) {
+    if (text.size() > kLargestKeptText || text.size() > keptBytes_) return;
+    std::lock_guard lock(mutex_);
+    const auto [entry, added] = entries_.try_emplace(std::string(text), value);
+    if (!added) return;
+    order_.push_back(&entry->first);
+    bytes_ += text.size();
+    while (entries_.size() > kept_ || bytes_ > keptBytes_) {
+      const std::string* oldest = order_.front();
+      order_.pop_front();
+      bytes_ -= oldest->size();
+      entries_.erase(entries_.find(std::string_view(*oldest)));
+    }
+  }
+
+ private:
+  struct Hash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view text) const noexcept { return std::hash<std::string_view>{}(text); }
+  };
+
+  const std::size_t kept_;
+  const std::size_t keptBytes_;
+  mutable std::mutex mutex_;
+  std::unordered_map<std::string, Value, Hash, std::equal_to<>> entries_;
+  // The keys in the order they came; the map's nodes stay where they are until erased.
+  std::deque<const std::string*> order_;
+  std::size_t bytes_ = 0;
 };
 
 }  // namespace orv::detail

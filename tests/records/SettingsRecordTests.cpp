@@ -129,6 +129,46 @@ TEST(OrvAppConfigSettingsRecord, ReadsWhatIsThereAndLeavesTheRestEmpty) {
   EXPECT_GT(record->notValidBefore(), OrvDate(seconds(4'000'000'000LL)));
 }
 
+// Answers read before are found again by their bytes; what a caller gets must still be its own, at
+// every level, each group still of its platform's class.
+TEST(OrvAppConfigSettingsRecord, AnAnswerReadBeforeGivesEachCallerItsOwnRecord) {
+  const json::value document = json::parse(fullAnswer);
+  const std::optional<OrvData> readAfresh =
+      OrvKeyedArchiver::archivedDataWithRootObject(OrvAppConfigSettingsRecord::initWithJSONDictionary(&document.as_object()));
+  const auto changeEverything = [](OrvAppConfigSettingsRecord& record) {
+    record.kaleth()->setName("changed");
+    record.kaleth()->appSettings()->ios()->at(0)->setCategory("changed");
+    record.kaleth()->appSettings()->ios()->at(0)->settings()->at(1)->setValue(json::value("changed"));
+    record.kaleth()->appSettings()->macos()->at(0)->setAssignedTo(std::vector<std::string>{"changed"});
+    record.kaleth()->appSettings()->setIos(std::nullopt);
+    record.url()->migrationUrl()->at(0)->setUrl("https://changed.example.com");
+    record.url()->setName("changed");
+    record.settingsChannel()->setChannelName("changed");
+    record.setExp(OrvNumber(1));
+    record.setNotValidBefore(std::nullopt);
+  };
+  auto first = parse(fullAnswer);
+  changeEverything(*first);
+  for (int round = 0; round < 2; ++round) {
+    auto again = parse(fullAnswer);
+    ASSERT_NE(again, nullptr);
+    ASSERT_EQ(OrvKeyedArchiver::archivedDataWithRootObject(again), readAfresh);
+    EXPECT_EQ(OrvAppConfigSettingsRecordJSONObject(*again), json::parse(recordFixtures[0].second));
+    changeEverything(*again);
+  }
+
+  // One byte apart is another answer; a refused answer is refused again.
+  std::string other = fullAnswer;
+  other.replace(other.find("beta.store"), 4, "gamma");
+  EXPECT_EQ(parse(other)->kaleth()->appSettings()->ios()->at(0)->settings()->at(0)->value(),
+            json::value("gamma.store.example.com"));
+  for (int round = 0; round < 2; ++round) {
+    std::optional<OrvError> error;
+    EXPECT_FALSE(OrvAppConfigSettingsRecord::createFromData(R"({"kaleth":)", &error));
+    EXPECT_TRUE(error);
+  }
+}
+
 // A whole record's round trip is the fuzz harness's (parse, archive, decode, equal, same bytes) and the
 // fixtures' (dates rebuilt from iat and exp, never archived themselves).
 TEST(OrvAppConfigSettingsRecord, RefusesWhatDoesNotRoundTrip) {

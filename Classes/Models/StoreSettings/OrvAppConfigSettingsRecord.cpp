@@ -4,6 +4,7 @@
 #include "OrvAppConfigSettingsComparison.h"
 #include "OrvJSONAccessors.h"
 #include "OrvJSONSerialization.h"
+#include "OrvKeptByBytes.h"
 
 namespace orv::detail {
 namespace {
@@ -12,6 +13,70 @@ namespace {
 // a negative value wraps to a far future rather than a past instant.
 OrvDate dateFromEpochSeconds(const OrvNumber& seconds) {
   return OrvDateFromTimeIntervalSince1970(static_cast<double>(seconds.unsignedLongLongValue()));
+}
+
+// A store's answer comes back with the same bytes until it is signed again, and reading it costs as
+// much as verifying it. Records can be changed by whoever holds them, so a kept record is never handed
+// out: each caller gets a copy of its own, built object by object as the parse would have built it.
+// Up to 2,048 answers and 4 MiB of their text, enough for every store of the largest requests seen.
+using KeptRecord = std::shared_ptr<const OrvAppConfigSettingsRecord>;
+ManyKeptByBytes<KeptRecord>& answersRead() {
+  // Never destroyed: a request may still be parsing on its I/O thread while the process exits.
+  static auto* const answers = new ManyKeptByBytes<KeptRecord>(2048, 4 * 1024 * 1024);
+  return *answers;
+}
+
+template <class T, class Copy>
+std::optional<std::vector<std::shared_ptr<T>>> copyOf(const std::optional<std::vector<std::shared_ptr<T>>>& list, Copy copy) {
+  if (!list) return std::nullopt;
+  std::vector<std::shared_ptr<T>> result;
+  result.reserve(list->size());
+  for (const auto& element : *list) result.push_back(element ? copy(*element) : nullptr);
+  return result;
+}
+
+std::shared_ptr<OrvAppConfigSingleAppSetting> copyOf(const OrvAppConfigSingleAppSetting& setting) {
+  std::optional<boost::json::value> value;
+  // Into the default storage, whatever storage the kept value has.
+  if (setting.value()) value.emplace(*setting.value(), boost::json::storage_ptr());
+  return OrvAppConfigSingleAppSetting::initWithName(setting.name(), std::move(value));
+}
+
+// The platform is the group's class, so a group is copied as what it is.
+template <class Group>
+std::shared_ptr<Group> copyOfGroup(const Group& group) {
+  return std::make_shared<Group>(copyOf(group.settings(), [](const auto& s) { return copyOf(s); }), group.assignmentPriority(),
+                                 group.isUserOverride(), group.category(), group.assignedTo());
+}
+
+std::shared_ptr<OrvAppConfigSettingsApp> copyOf(const std::shared_ptr<OrvAppConfigSettingsApp>& app) {
+  if (!app) return nullptr;
+  return OrvAppConfigSettingsApp::initWithMacOSSettings(copyOf(app->macos(), copyOfGroup<OrvAppConfigSettingsMacOS>),
+                                                        copyOf(app->ios(), copyOfGroup<OrvAppConfigSettingsIos>));
+}
+
+std::shared_ptr<OrvAppConfigSettingsKaleth> copyOf(const std::shared_ptr<OrvAppConfigSettingsKaleth>& kaleth) {
+  if (!kaleth) return nullptr;
+  return OrvAppConfigSettingsKaleth::initWithAppSettings(copyOf(kaleth->appSettings()), kaleth->name(), kaleth->theDescription(),
+                                                         kaleth->isUseForAppConfig());
+}
+
+std::shared_ptr<OrvAppConfigSettingsURL> copyOf(const std::shared_ptr<OrvAppConfigSettingsURL>& url) {
+  if (!url) return nullptr;
+  const auto copyMigration = [](const OrvAppConfigSettingsMigrationURL& migration) {
+    return OrvAppConfigSettingsMigrationURL::initWithDovrinValidUntil(migration.dovrinValidUntil(),
+                                                                      migration.dovrinValidUntilDate(), migration.url());
+  };
+  return OrvAppConfigSettingsURL::initWithName(url->name(), copyOf(url->migrationUrl(), copyMigration));
+}
+
+std::shared_ptr<OrvAppConfigSettingsRecord> copyOf(const OrvAppConfigSettingsRecord& record) {
+  auto channel = record.settingsChannel()
+                     ? OrvAppConfigSettingsChannel::initWithChannelName(record.settingsChannel()->channelName())
+                     : nullptr;
+  // The dates follow from exp and iat, as they did when the kept record was read.
+  return OrvAppConfigSettingsRecord::initWithKaleth(copyOf(record.kaleth()), copyOf(record.url()), std::move(channel),
+                                                    record.exp(), record.iat());
 }
 
 }  // namespace
@@ -45,13 +110,21 @@ std::shared_ptr<OrvAppConfigSettingsRecord> OrvAppConfigSettingsRecord::initWith
 
 std::shared_ptr<OrvAppConfigSettingsRecord> OrvAppConfigSettingsRecord::createFromData(const OrvData& data,
                                                                                        std::optional<OrvError>* error) {
+  using namespace orv::detail;
+  // Only answers read without objection are kept, so a refused one is read each time.
+  if (const auto kept = answersRead().find(data)) {
+    if (error) *error = std::nullopt;
+    return copyOf(**kept);
+  }
   // Fragments are allowed so that a bare scalar is not a parse error; it still fails below, with the
   // same error as every other body that is not an object.
   std::optional<OrvError> parseError;
-  const auto document = orv::detail::parseJSONDocument(data, OrvJSONReadingOptions::fragmentsAllowed, &parseError);
+  const auto document = parseJSONDocument(data, OrvJSONReadingOptions::fragmentsAllowed, &parseError);
   if (document && document->value().is_object()) {
     if (error) *error = parseError;
-    return initWithJSONDictionary(&document->value().get_object());
+    auto record = initWithJSONDictionary(&document->value().get_object());
+    if (!parseError && data.size() <= kLargestKeptText) answersRead().keep(data, copyOf(*record));
+    return record;
   }
   if (error) {
     *error = OrvError(OrvAppConfigSettingsRecordErrorDomain, 0,
