@@ -1,9 +1,9 @@
 #pragma once
 // The last few values worked out from some text, found again by that text's exact bytes. For answers
 // that come again and again with the same bytes (the signing certificate, the key answer, the JWS
-// header, a domain's auto-discover answer), where comparing the text costs far less than working the
-// value out again. Other bytes, however close, are another entry, so a rotated certificate or a
-// re-signed answer is never mistaken for the old one.
+// header, a domain's auto-discover answer, a store's settings answer), where comparing or hashing the
+// text costs far less than working the value out again. Other bytes, however close, are another
+// entry, so a rotated certificate or a re-signed answer is never mistaken for the old one.
 #include <cstddef>
 #include <deque>
 #include <functional>
@@ -54,8 +54,7 @@ class KeptByBytes {
 
 // The same for texts that come one per store, where a request may bring a thousand of them: found
 // through a hash of their bytes rather than by looking at each. Bounded both by count and by the
-// bytes of text held, the oldest going first, so that it never holds more than about one copy of
-// what the largest requests brought.
+// bytes of text held, the oldest going first, so that what it holds has a ceiling whatever hosts ask.
 template <class Value>
 class ManyKeptByBytes {
  public:
