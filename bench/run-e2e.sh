@@ -225,11 +225,13 @@ do not move with the machine's load) and by changing one thing at a time, on the
 Debian 12 machine. The shares move with the machine; the causes do not.
 
 - **Instructions are close; CPU time is not.** Counted by callgrind (whole process, flows 6 to 15
-  against 1 to 5), the library runs 1.05 times the floor's instructions for warm settings at 100 and
-  1.07 at one store (1.13 at 100 before each signature check was set up once per certificate, below).
-  Of the difference, about a third is allocation: about 200 `malloc` calls per store against the
-  floor's 108 (curl's and OpenSSL's own, which both sides make), for the records, the request and its
-  headers, and the answer's parse. The rest is the parse and the records themselves, the host's
+  against 1 to 5), the library runs 1.01 to 1.02 times the floor's instructions for warm settings at
+  10, 100 and 1,000 stores now that each store's answer is read once (below; 1.05 at 100 before that,
+  1.13 before each signature check was set up once per certificate), and 1.05 for a warm one-store
+  discovery. Of the difference at 100 stores before answers were read once, about a third was
+  allocation: about 200 `malloc` calls per store against the floor's 108 (curl's and OpenSSL's own,
+  which both sides make), for the records, the request and its headers, and the answer's parse. The
+  rest was the parse and the records themselves, the host's
   monitoring and transaction headers (curl matches each custom header against its own list; nghttp2
   checks each value) and the certificate checks the floor does not make. CPU time is further from the
   floor's (1.1 to 1.4 times, the most for the smallest flows), and the rest is in how the work runs
@@ -293,7 +295,19 @@ Debian 12 machine. The shares move with the machine; the causes do not.
   of its own rather than curl's socket pair (one system call less per wake-up; 1.21 against 1.22
   times the floor's wall time over six interleaved triples), and starting every operation of a
   100-store request on the I/O thread rather than sharing the starts with two workers (1.18 against
-  1.12 by the median of eight interleaved triples, 1.14 against 1.18 by their mean).
+  1.12 by the median of eight interleaved triples, 1.14 against 1.18 by their mean). Tried this
+  round and not kept either: waking a main thread that waits in `runUntil` or `run` through a pipe
+  rather than a condition variable, since a pipe's wake-up lets the kernel run the woken thread on
+  the waker's vCPU once the waker sleeps (warm one-store discovery 1.14 against 1.18 times the
+  floor's wall time by the median of six interleaved triples, 1.19 against 1.18 by their mean; warm
+  1,000-store discovery 1.23 against 1.15), and, now that reading an answer costs little, handling
+  every answer on the I/O thread (warm settings at 100 stores 1.15 against 1.16, at 1,000 1.09
+  against 1.16 by the median, 1.21 against 1.19 by the mean). Counted by `strace`, a warm one-store
+  flow makes 18.3 system calls against the floor's 12.2: the write and read that wake curl's poll,
+  three futex calls for the main queue's wake-up and wait, and half a poll more. With the client held
+  to one vCPU and nginx to the other (six interleaved pairs each), warm settings came to 1.08 times
+  the floor's wall time at one store and 1.07 at 100, warm discovery to 1.08 at 1,000 stores and
+  1.15 at one; CPU per flow to 1.10 to 1.20 times the floor's.
 - **Reading long answers.** The floor parses no answer. URLs of the usual shape
   (`scheme://host[:port][/path]`, nothing to unescape) are read directly, in about a hundred
   instructions instead of several thousand through Boost.URL, which still reads everything else; a
@@ -316,13 +330,26 @@ Debian 12 machine. The shares move with the machine; the causes do not.
   before; 3.9 M with one allocation per entry), and went from 1.85 to 1.20 times the floor's wall
   time and from 2.12 to 1.29 times its CPU time in runs of the same cells before and after. What is
   left at every fan-out is about the one-store gap: the two wake-ups above, 60 to 80 µs a flow.
+  Store settings answers are read once too: a store's answer also comes back with the same bytes
+  until it is signed again, and reading it (JSON, then the ten or so objects of its record) took
+  about 25 K instructions, a tenth of its signature check, for every store of every request. The
+  records of up to 2,048 answers (4 MiB of their text) read without objection are kept by their
+  bytes, found through a hash of them, and each request gets a copy of its own, each settings group
+  of its platform's class; signature, dates and store URL are still checked for each answer. Warm
+  settings went from 1.05 to 1.01 times the floor's instructions at ten stores and from 1.06 to 1.02
+  at 100, and run 1.02 at 1,000. Interleaved against the floor (eight processes of each), CPU time
+  went from 1.15 to 1.10 times the floor's at ten stores and from 1.15 to 1.13 at 100, wall time
+  from 1.21 to 1.17 at ten and stayed at about 1.19 at 100.
 - **Slow first flows.** About one fresh flow in a thousand takes more than 3 times the median (the
   fresh-flow table above counts them), and the floor's slowest fresh flows reach 3 to 7 times their
   median in the same runs: on this 2-vCPU machine a fresh flow that meets a busy moment of the host is
   slow whoever makes it. Counted in runs of 50 as a host would meet them, one full run held a flow
   over 3 times the median in 15 of 334 of the library's runs (26 of 15,389 flows) and in 10 of 375 of
   the floor's (11 flows); the library's came in spells, 12 of them within 40 consecutive flows of one
-  process at 100 stores, while the floor's processes ran at other times. Timed step by step, the two slowest of 3,000 fresh discoveries (8.6 and 9.3
+  process at 100 stores, while the floor's processes ran at other times. Two later full runs of the
+  same kind gave 9 of 338 of the library's runs against 17 of 365 of the floor's (12 flows against
+  21), then 9 of 352 against 5 of 380 (9 flows against 5): which side meets more of them changes from
+  run to run. Timed step by step, the two slowest of 3,000 fresh discoveries (8.6 and 9.3
   ms against a median of 3.0) lost their time in the first transfer, the TCP connection and TLS
   handshake (7.8 and 8.5 ms against 2.5), not in a step of the library's own. Timed again this
   round, the six slowest of 1,500 (6.6 to 9.3 ms against 2.4) lost their time in a different place
@@ -378,7 +405,9 @@ Debian 12 machine. The shares move with the machine; the causes do not.
   `bench/run-e2e.sh --protocols h2 --scenarios settings-warm --stores 100 --repeats 12`.
 - **Peak RSS.** With easy handles taken at admission, a 1,000-store request over HTTP/2 peaks below
   the floor; over HTTP/1.1 the fresh flow is still about 6 MiB above it: up to six connections' worth
-  of answers wait as records for the last one.
+  of answers wait as records for the last one. Keeping the records of the store answers read adds
+  1.5 to 4 MiB at 1,000 stores (warm settings over HTTP/2: 44.5 MiB before, 46.0 to 47.4 after;
+  fresh: 50.2 before, 54.0 to 54.3 after, level with the floor's 54.5).
 EOF
 } > "$OUTPUT"
 echo "wrote $OUTPUT" >&2
