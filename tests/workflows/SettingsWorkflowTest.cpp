@@ -107,3 +107,28 @@ TEST(SettingsWorkflowTest, ManyStoresAtOnce) {
   ASSERT_TRUE(runMainQueueUntil([&] { return delivered.size() == 3; }, std::chrono::seconds(60)));
   EXPECT_THAT(delivered, ::testing::UnorderedElementsAre(kStores, kStores, 2u));
 }
+
+// The same signed bytes, from the same store and from another: the record read the first time is kept,
+// yet the validity period and the store it is about are judged again for every request. The emulator
+// keeps the dates the catalog gives and RS256 signs deterministically, so every answer here has one text.
+TEST(SettingsWorkflowTest, AnAnswerReadBeforeIsStillJudgedForEachRequest) {
+  auto signedOnce = answer("https://fixed.example.com:443/F");
+  signedOnce["iat"] = 1700000000;
+  signedOnce["exp"] = 1700003600;
+  const auto text = boost::json::serialize(boost::json::object{
+      {"domains", boost::json::object{}},
+      {"stores",
+       {{"https://fixed.example.com:443/F", {{"ios", signedOnce}}}, {"https://copy.example.com:443/C", {{"ios", signedOnce}}}}}});
+  EmulatorHarness harness({text});
+  const std::tuple<const char*, double, OrvURL, unsigned> rows[] = {
+      {"first reading", 1700000000.0, url("https://fixed.example.com/F"), 0},
+      {"read before, last instant", 1700003600.0, url("https://fixed.example.com/F"), 0},
+      {"read before, too early", 1699999999.999, url("https://fixed.example.com/F"), 3},
+      {"read before, too late", 1700003600.001, url("https://fixed.example.com/F"), 3},
+      {"read before, from another store", 1700000000.0, url("https://copy.example.com/C"), 3},
+  };
+  for (const auto& [what, now, storeURL, status] : rows) {
+    harness.service->setCurrentDateProvider([now] { return OrvDateFromTimeIntervalSince1970(now); });
+    EXPECT_EQ(retrieve(*harness.service, {storeURL}).status, status) << what;
+  }
+}
