@@ -1,10 +1,11 @@
 #pragma once
-// The last few values worked out from some text, found again by that text's exact bytes. For answers
+// Values worked out from some text, found again by that text's exact bytes. For answers
 // that come again and again with the same bytes (the signing certificate, the key answer, the JWS
 // header, a domain's auto-discover answer, a store's settings answer), where comparing or hashing the
 // text costs far less than working the value out again. Other bytes, however close, are another
 // entry, so a rotated certificate or a re-signed answer is never mistaken for the old one.
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <mutex>
@@ -21,44 +22,14 @@ namespace orv::detail {
 // about forty. Callers whose value is dear to build check this before building it.
 inline constexpr std::size_t kLargestKeptText = 64 * 1024;
 
+// Found through a hash of the text, so that a keeper of one answer per store finds any of a thousand
+// as fast as a keeper of four. Bounded by count and, where texts come one per store, by the bytes of
+// text held; the oldest goes first once either is passed. Text already held (another thread worked it
+// out meanwhile) keeps its first value and its place.
 template <class Value>
 class KeptByBytes {
  public:
-  explicit KeptByBytes(std::size_t kept) : kept_(kept) {}
-
-  std::optional<Value> find(std::string_view text) const {
-    std::lock_guard lock(mutex_);
-    for (const auto& [bytes, value] : entries_) {
-      if (bytes == text) return value;
-    }
-    return std::nullopt;
-  }
-
-  // The newest first; the oldest goes once more than `kept` are held. Text already held (another
-  // thread worked it out meanwhile) keeps its first value.
-  void keep(std::string_view text, const Value& value) {
-    if (text.size() > kLargestKeptText) return;
-    std::lock_guard lock(mutex_);
-    for (const auto& entry : entries_) {
-      if (entry.first == text) return;
-    }
-    entries_.emplace_front(std::string(text), value);
-    if (entries_.size() > kept_) entries_.pop_back();
-  }
-
- private:
-  const std::size_t kept_;
-  mutable std::mutex mutex_;
-  std::deque<std::pair<std::string, Value>> entries_;
-};
-
-// The same for texts that come one per store, where a request may bring a thousand of them: found
-// through a hash of their bytes rather than by looking at each. Bounded both by count and by the
-// bytes of text held, the oldest going first, so that what it holds has a ceiling whatever hosts ask.
-template <class Value>
-class ManyKeptByBytes {
- public:
-  ManyKeptByBytes(std::size_t kept, std::size_t keptBytes) : kept_(kept), keptBytes_(keptBytes) {}
+  explicit KeptByBytes(std::size_t kept, std::size_t keptBytes = SIZE_MAX) : kept_(kept), keptBytes_(keptBytes) {}
 
   std::optional<Value> find(std::string_view text) const {
     std::lock_guard lock(mutex_);
@@ -70,8 +41,8 @@ class ManyKeptByBytes {
   void keep(std::string_view text, const Value& value) {
     if (text.size() > kLargestKeptText || text.size() > keptBytes_) return;
     std::lock_guard lock(mutex_);
-    const auto [entry, added] = entries_.try_emplace(std::string(text), value);
-    if (!added) return;
+    if (entries_.find(text) != entries_.end()) return;
+    const auto entry = entries_.emplace(std::string(text), value).first;
     order_.push_back(&entry->first);
     bytes_ += text.size();
     while (entries_.size() > kept_ || bytes_ > keptBytes_) {

@@ -5,12 +5,12 @@
 
 #include "OrvKeptByBytes.h"
 
-using orv::detail::ManyKeptByBytes;
+using orv::detail::KeptByBytes;
 
 // Held for the life of the process, so the bounds are what keeps it from growing: the oldest text goes
 // once either the count or the bytes are passed, and a text larger than all the bytes is never kept.
-TEST(ManyKeptByBytesTest, TheOldestGoesOnceEitherBoundIsPassed) {
-  ManyKeptByBytes<int> kept(3, 10);
+TEST(KeptByBytesTest, TheOldestGoesOnceEitherBoundIsPassed) {
+  KeptByBytes<int> kept(3, 10);
   struct Step {
     const char* text;
     int value;
@@ -38,6 +38,4 @@ TEST(ManyKeptByBytesTest, TheOldestGoesOnceEitherBoundIsPassed) {
       EXPECT_EQ(kept.find(text).value_or(0), expected) << "after " << step.text << ", looking for " << text;
     }
   }
-  EXPECT_FALSE(kept.find("fffffffff!"));
-  EXPECT_FALSE(kept.find("ffffffff"));
 }

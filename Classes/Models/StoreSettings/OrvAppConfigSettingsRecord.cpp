@@ -21,9 +21,9 @@ OrvDate dateFromEpochSeconds(const OrvNumber& seconds) {
 // a copy of its own, built object by object as the parse would have built it. Up to 2,048 answers and
 // 4 MiB of their text: every store of a 2,000-store request whose answers average 2 KiB.
 using KeptRecord = std::shared_ptr<const OrvAppConfigSettingsRecord>;
-ManyKeptByBytes<KeptRecord>& answersRead() {
+KeptByBytes<KeptRecord>& answersRead() {
   // Never destroyed: a request may still be parsing on its I/O thread while the process exits.
-  static auto* const answers = new ManyKeptByBytes<KeptRecord>(2048, 4 * 1024 * 1024);
+  static auto* const answers = new KeptByBytes<KeptRecord>(2048, 4 * 1024 * 1024);
   return *answers;
 }
 
