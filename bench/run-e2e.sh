@@ -286,7 +286,7 @@ Debian 12 machine. The shares move with the machine; the causes do not.
   (`/proc/<pid>/task/*/schedstat`), a warm one-store discovery costs the library 374 to 391 µs of
   CPU against the floor's 311 to 331: 18 µs on the main thread for the call and its wake-up, the
   rest on the I/O thread; callgrind counts 720 K instructions per flow against the floor's 672 K
-  (1.07), so most of the 60 µs is the wake-ups, not work. On this machine a wake-up is dear: two
+  (1.07), so most of the 60 µs is not work that adds instructions. On this machine a wake-up is dear: two
   threads taking turns through a condition variable cost each other 20 to 24 µs of CPU and 30 µs of
   wall time per turn when they are on different vCPUs, 3 µs when both are held to one (through a
   socket pair, as curl wakes its poll, 36 µs of CPU; through an `eventfd`, 23). The same CPU time
@@ -308,6 +308,25 @@ Debian 12 machine. The shares move with the machine; the causes do not.
   to one vCPU and nginx to the other (six interleaved pairs each), warm settings came to 1.08 times
   the floor's wall time at one store and 1.07 at 100, warm discovery to 1.08 at 1,000 stores and
   1.15 at one; CPU per flow to 1.10 to 1.20 times the floor's.
+- **The code a flow runs through, more than its wake-ups.** With this VM's idle vCPUs set to poll
+  for up to 200 µs before halting (`/sys/module/haltpoll/parameters/guest_halt_poll_ns`, 0 here),
+  two threads waking each other through a socket pair and a condition variable, as a library flow
+  does, went from about 90 µs a round trip to 11 to 21, and both sides' warm one-store discovery got
+  faster (floor 0.55 to 0.30 ms, library 0.63 to 0.39), but the distance between them did not move:
+  85 µs of wall time and 79 µs of CPU per flow with polling, 83 and 80 without (six interleaved
+  pairs each). Sampled per thread with polling on, the library's I/O thread spent 391 µs a flow
+  against the floor's one thread's 316, and its main thread 45 µs. Of the I/O thread's extra, about
+  40 µs is in the library's own code, spread thinly over some 170 functions (none above 2 µs a
+  flow), and 25 µs is spent returning from context switches. Callgrind shows
+  why instructions do not predict it: a steady warm one-store flow runs through 3,463 distinct
+  functions in the library's process against 1,210 in the floor's, for 711 K against 672 K
+  instructions. With nginx sharing the two vCPUs between flows, each flow finds much of that code
+  out of the caches, and the floor's smaller loop stays warmer. That code is the operations, queues,
+  contexts and records the library is built from. Fewer hand-offs or fewer instructions do not shrink
+  it. Built with link-time optimisation (`-flto`), the library came nearer: warm one-store discovery
+  1.13 against 1.18 times the floor's wall time, warm ten-store settings 1.16 against 1.17 (medians
+  of six interleaved triples). The package does not use it yet: its static archive would then hold
+  compiler-specific objects.
 - **Reading long answers.** The floor parses no answer. URLs of the usual shape
   (`scheme://host[:port][/path]`, nothing to unescape) are read directly, in about a hundred
   instructions instead of several thousand through Boost.URL, which still reads everything else; a
@@ -329,7 +348,7 @@ Debian 12 machine. The shares move with the machine; the causes do not.
   cost. A warm 1,000-store discovery now runs 3.7 M instructions against the floor's 3.6 (6.5 M
   before; 3.9 M with one allocation per entry), and went from 1.85 to 1.20 times the floor's wall
   time and from 2.12 to 1.29 times its CPU time in runs of the same cells before and after. What is
-  left at every fan-out is about the one-store gap: the two wake-ups above, 60 to 80 µs a flow.
+  left at every fan-out is about the one-store gap, 60 to 80 µs a flow (previous item).
   At 1,000 stores about 60 µs a flow more is the main thread letting go of the delivered record,
   1,001 URL entries each with its own text, where the floor frees one string: timed with the record
   kept by the host until after the flow's clock stopped, the same binary came to 1.22 instead of
