@@ -323,10 +323,11 @@ Debian 12 machine. The shares move with the machine; the causes do not.
   instructions. With nginx sharing the two vCPUs between flows, each flow finds much of that code
   out of the caches, and the floor's smaller loop stays warmer. That code is the operations, queues,
   contexts and records the library is built from. Fewer hand-offs or fewer instructions do not shrink
-  it. Built with link-time optimisation (`-flto`), the library came nearer: warm one-store discovery
-  1.13 against 1.18 times the floor's wall time, warm ten-store settings 1.16 against 1.17 (medians
-  of six interleaved triples). The package does not use it yet: its static archive would then hold
-  compiler-specific objects.
+  it. Built with link-time optimisation (`-flto`, the library and the program using it together),
+  the library came a little nearer over six cells of six to eight interleaved triples each: CPU per
+  flow 2 to 8 % less in five of them (1.4 % more in the sixth), wall time 0.4 to 4.4 % less in four
+  and about 2 % more in two. The package does not use it: a static archive of such objects ties a
+  host's link to this compiler's version, for a gain within what one run on this machine can tell.
 - **Reading long answers.** The floor parses no answer. URLs of the usual shape
   (`scheme://host[:port][/path]`, nothing to unescape) are read directly, in about a hundred
   instructions instead of several thousand through Boost.URL, which still reads everything else; a
