@@ -318,8 +318,8 @@ Debian 12 machine. The shares move with the machine; the causes do not.
   against the floor's one thread's 316, and its main thread 45 µs. Of the I/O thread's extra, about
   40 µs is in the library's own code, spread thinly over some 170 functions (none above 2 µs a
   flow), and 25 µs is spent returning from context switches. Callgrind shows
-  why instructions do not predict it: a steady warm one-store flow runs through 2,600 distinct
-  functions in the library's process against 1,140 in the floor's, for 711 K against 672 K
+  why instructions do not predict it: a steady warm one-store flow runs through about 2,400 distinct
+  functions in the library's process against about 1,100 in the floor's, for 711 K against 672 K
   instructions. With nginx sharing the two vCPUs between flows, each flow finds much of that code
   out of the caches, and the floor's smaller loop stays warmer. That code is the operations, queues,
   contexts and records the library is built from. Fewer hand-offs or fewer instructions do not shrink
