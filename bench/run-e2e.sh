@@ -317,13 +317,14 @@ Debian 12 machine. The shares move with the machine; the causes do not.
   pairs each). Sampled per thread with polling on, the library's I/O thread spent 391 µs a flow
   against the floor's one thread's 316, and its main thread 45 µs. Of the I/O thread's extra, about
   40 µs is in the library's own code, spread thinly over some 170 functions (none above 2 µs a
-  flow), and 25 µs is spent returning from context switches. Callgrind shows
-  why instructions do not predict it: a steady warm one-store flow runs through about 2,400 distinct
-  functions in the library's process against about 1,100 in the floor's, for 711 K against 672 K
-  instructions. With nginx sharing the two vCPUs between flows, each flow finds much of that code
-  out of the caches, and the floor's smaller loop stays warmer. That code is the operations, queues,
-  contexts and records the library is built from. Fewer hand-offs or fewer instructions do not shrink
-  it. Built with link-time optimisation (`-flto`, the library and the program using it together),
+  flow), and 25 µs is spent returning from context switches. Callgrind suggests why instructions do
+  not predict it: a steady warm one-store flow runs through about 2,400 distinct functions in the
+  library's process against about 1,100 in the floor's, for 711 K against 672 K instructions. The
+  likeliest reading (this machine has no hardware counters to confirm it) is that each flow finds
+  much of that code out of the caches, which nginx and the library's other thread have used in
+  between, while the floor's smaller loop stays warmer. That code is the operations, queues,
+  contexts and records the library is built from; fewer hand-offs or fewer instructions do not
+  shrink it. Built with link-time optimisation (`-flto`, the library and the program using it together),
   the library came a little nearer over six cells of six to eight interleaved triples each: CPU per
   flow 2 to 8 % less in five of them (1.4 % more in the sixth), wall time 0.4 to 4.4 % less in four
   and about 2 % more in two. The package does not use it: a static archive of such objects ties a
