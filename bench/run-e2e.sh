@@ -324,11 +324,11 @@ Debian 12 machine. The shares move with the machine; the causes do not.
   much of that code out of the caches, which nginx and the library's other thread have used in
   between, while the floor's smaller loop stays warmer. That code is the operations, queues,
   contexts and records the library is built from; fewer hand-offs or fewer instructions do not
-  shrink it. Built with link-time optimisation (`-flto`, the library and the program using it together),
-  the library came a little nearer over six cells of six to eight interleaved triples each: CPU per
-  flow 2 to 8 % less in five of them (1.4 % more in the sixth), wall time 0.4 to 4.4 % less in four
-  and about 2 % more in two. The package does not use it: a static archive of such objects ties a
-  host's link to this compiler's version, for a gain within what one run on this machine can tell.
+  shrink it. Neither did the compiler: built with link-time optimisation (`-flto`, the library and
+  the program using it together), a first comparison over six cells (six to eight interleaved
+  triples each) had CPU per flow 2 to 8 % lower in five, but a second over four of them an hour
+  later had it lower in one and higher in three; built for size (`-Os`, 44 % less code) it was no
+  nearer either. Both stay within what this machine can tell apart, so the package keeps `-O2`.
 - **Reading long answers.** The floor parses no answer. URLs of the usual shape
   (`scheme://host[:port][/path]`, nothing to unescape) are read directly, in about a hundred
   instructions instead of several thousand through Boost.URL, which still reads everything else; a
