@@ -197,9 +197,9 @@ std::optional<OrvURL> OrvURL::URLByAppendingPathComponent(std::string_view compo
     if (parts_.hostAddress.present && !parts_.query.present && !parts_.fragment.present) {
       std::string path(text(parts_.path));
       join(path, true);
-      return URLWithString(string_.substr(0, string_.size() - parts_.path.length) + path);
+      return URLWithString(string_->substr(0, string_->size() - parts_.path.length) + path);
     }
-    urls::url u(string_);
+    urls::url u(*string_);
     std::string path(u.encoded_path());
     join(path, u.has_authority());
     u.set_encoded_path(path);
@@ -215,10 +215,10 @@ std::optional<OrvURL> OrvURL::URLBySettingPort(std::uint16_t port) const {
   // comes through here on its way to normal form.
   const std::size_t hostEnd = std::size_t(parts_.hostAddress.offset) + parts_.hostAddress.length;
   if (parts_.hostAddress.present && !parts_.port &&
-      (hostEnd == string_.size() || string_[hostEnd] == '/' || string_[hostEnd] == '?' || string_[hostEnd] == '#')) {
+      (hostEnd == string_->size() || (*string_)[hostEnd] == '/' || (*string_)[hostEnd] == '?' || (*string_)[hostEnd] == '#')) {
     try {
       const std::string digits = ":" + std::to_string(port);
-      std::string spliced = string_;
+      std::string spliced = *string_;
       spliced.insert(hostEnd, digits);
       Parts parts = parts_;
       parts.port = port;
@@ -231,7 +231,7 @@ std::optional<OrvURL> OrvURL::URLBySettingPort(std::uint16_t port) const {
     }
   }
   try {
-    urls::url u(string_);
+    urls::url u(*string_);
     if (!u.has_authority()) return std::nullopt;
     u.set_port_number(port);
     return URLWithString(u.buffer());

@@ -4,6 +4,7 @@
 // absolute string, so URLs can key sets and maps.
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -14,7 +15,20 @@ class OrvURL {
   // a port that does not fit 16 bits) and for the empty string.
   static std::optional<OrvURL> URLWithString(std::string_view string);
 
-  const std::string& absoluteString() const noexcept { return string_; }
+  // A URL never changes once made, so copies share its text: a record handed to each caller as a copy
+  // of its own (a thousand store URLs) then costs no allocation per URL. A move copies too, so that no
+  // URL, moved from or not, is ever without its text.
+  OrvURL(const OrvURL&) noexcept = default;
+  OrvURL(OrvURL&& other) noexcept : string_(other.string_), parts_(other.parts_) {}
+  OrvURL& operator=(const OrvURL&) noexcept = default;
+  OrvURL& operator=(OrvURL&& other) noexcept {
+    string_ = other.string_;
+    parts_ = other.parts_;
+    return *this;
+  }
+  ~OrvURL() = default;
+
+  const std::string& absoluteString() const noexcept { return *string_; }
   std::optional<std::string> scheme() const;
   // Percent-decoded; an IP literal without its brackets.
   std::optional<std::string> host() const;
@@ -34,7 +48,7 @@ class OrvURL {
   // The same URL with an explicit port; std::nullopt when the URL has no authority to carry one.
   std::optional<OrvURL> URLBySettingPort(std::uint16_t port) const;
 
-  friend bool operator==(const OrvURL& a, const OrvURL& b) noexcept { return a.string_ == b.string_; }
+  friend bool operator==(const OrvURL& a, const OrvURL& b) noexcept { return a.string_ == b.string_ || *a.string_ == *b.string_; }
 
  private:
   // Where each part lies in the text, found when the URL is made, so that reading a part parses
@@ -50,9 +64,10 @@ class OrvURL {
   };
 
   static std::optional<Parts> plainParts(std::string_view string) noexcept;
-  OrvURL(std::string string, const Parts& parts) : string_(std::move(string)), parts_(parts) {}
-  std::string_view text(const Part& part) const noexcept { return std::string_view(string_).substr(part.offset, part.length); }
-  std::string string_;
+  OrvURL(std::string string, const Parts& parts)
+      : string_(std::make_shared<const std::string>(std::move(string))), parts_(parts) {}
+  std::string_view text(const Part& part) const noexcept { return std::string_view(*string_).substr(part.offset, part.length); }
+  std::shared_ptr<const std::string> string_;
   Parts parts_;
 };
 

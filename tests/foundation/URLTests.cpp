@@ -3,6 +3,7 @@
 #include <boost/url/parse.hpp>
 
 #include <cstdlib>
+#include <vector>
 
 #include "OrvURL.h"
 
@@ -96,6 +97,24 @@ TEST(OrvURLTest, SettingAPortReadsLikeAFreshParse) {
     EXPECT_EQ(parts(*set), parts(url(after)));
   }
   EXPECT_FALSE(url("store.example.com/Store/").URLBySettingPort(443));  // no authority to carry one
+}
+
+TEST(OrvURLTest, CopiesAndMovesKeepTheirValue) {
+  // Copies share the text of the URL they came from; neither a copy nor a move may leave a URL
+  // without its own, nor let one URL's reassignment show through another.
+  OrvURL original = url("https://s1.example.com:443/Store?q#f");
+  OrvURL copy = original;
+  OrvURL moved = std::move(original);
+  EXPECT_EQ(original.absoluteString(), "https://s1.example.com:443/Store?q#f");  // NOLINT(bugprone-use-after-move)
+  EXPECT_EQ(moved, copy);
+  copy = url("https://other.example.com/");
+  EXPECT_EQ(moved.host(), "s1.example.com");
+  EXPECT_EQ(moved.path(), "/Store");
+  EXPECT_NE(moved, copy);
+  EXPECT_EQ(copy, url("https://other.example.com/"));
+  std::vector<OrvURL> urls(3, moved);
+  urls.erase(urls.begin());
+  EXPECT_EQ(urls.back().fragment(), "f");
 }
 
 }  // namespace
