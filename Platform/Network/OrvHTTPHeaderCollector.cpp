@@ -1,7 +1,12 @@
 #include "OrvHTTPHeaderCollector.h"
 
+#include <algorithm>
+
 namespace orv::detail {
 namespace {
+
+// A discovery answer carries eight or so fields: the server's usual ones and the signature.
+constexpr std::size_t kUsualFieldCount = 12;
 
 bool isFieldWhitespace(char c) noexcept { return c == ' ' || c == '\t'; }
 
@@ -56,6 +61,8 @@ bool HTTPHeaderCollector::addLine(std::string_view line) noexcept {
   while (!value.empty() && isFieldWhitespace(value.front())) value.remove_prefix(1);
   while (!value.empty() && isFieldWhitespace(value.back())) value.remove_suffix(1);
   try {
+    // Room for a usual response's fields at the first one, rather than growing through 1, 2, 4 and 8.
+    if (fields_.empty()) fields_.reserve(std::min<std::size_t>(maxFields_, kUsualFieldCount));
     fields_.emplace_back(std::string(line.substr(0, colon)), std::string(value));
   } catch (...) {
     return refuse(Refusal::outOfMemory, "response header could not be stored");
