@@ -216,6 +216,11 @@ class CurlSessionCore : public std::enable_shared_from_this<CurlSessionCore> {
   std::vector<std::function<void()>> work_;
   std::unique_ptr<ExitHold> workHold_;
   bool stopping_ = false;
+  // Set, under the mutex, by the I/O thread when it has found nothing queued and is about to poll;
+  // cleared when it next takes the queue. Only then does a new command need a wake-up: otherwise the
+  // thread is still to look at the queue, and the write, the poll it cuts short and the extra turn of
+  // the loop are spent for nothing.
+  bool polling_ = false;
   // Told when the loop has returned and let go of the core: shutdown waits for it where it would join
   // a thread of the session's own. Shared with the loop, which outlives the core when it holds the last
   // reference. Set once the loop has a thread.
@@ -395,11 +400,14 @@ bool CurlSessionCore::perform(std::function<void()>& work) {
 }
 
 void CurlSessionCore::wakeIfFirst(bool first, std::unique_lock<std::mutex>& lock) {
-  // The wake-up is remembered when the I/O thread is not polling yet, so it cannot be lost. Commands
-  // already waiting have had theirs, and the thread takes them all at once. Requests started together
-  // wake the thread once their batch is done, and go out in one write.
+  // Only a thread that found the queue empty needs waking; curl remembers a wake-up sent before its
+  // poll begins, so none is lost. Commands already waiting have had theirs, and the thread takes them
+  // all at once. Requests started together wake the thread once their batch is done, and go out in
+  // one write.
   if (!first) return;
+  const bool polling = polling_;
   lock.unlock();
+  if (!polling) return;
   // Posted by the I/O thread itself (a workflow going on from an answer it handled): it looks at the
   // commands before it sleeps again.
   if (std::this_thread::get_id() == ioThread_.load(std::memory_order_relaxed)) return;
@@ -444,6 +452,7 @@ void CurlSessionCore::run() {
       work.swap(work_);
       workHold = std::move(workHold_);
       stopping = stopping_;
+      polling_ = false;
     }
     if (stopping) {
       for (auto& command : commands) {
@@ -476,6 +485,7 @@ void CurlSessionCore::run() {
     {
       std::lock_guard lock(mutex_);
       commandsWaiting = !commands_.empty() || !work_.empty() || stopping_;
+      polling_ = !commandsWaiting;
     }
     if (!commandsWaiting) curl_multi_poll(multi_.get(), nullptr, 0, pollInterval(), nullptr);
   }
