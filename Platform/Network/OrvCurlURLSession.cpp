@@ -19,6 +19,7 @@
 #include <utility>
 #include <vector>
 
+#include "OrvCurlURLSessionTesting.h"
 #include "OrvHTTPHeaderCollector.h"
 #include "OrvOperationQueue.h"
 #include "OrvWorkerPool.h"
@@ -46,6 +47,7 @@ using CurlSlistHandle = std::unique_ptr<curl_slist, CurlSlistDeleter>;
 // The I/O thread sleeps at most this long when curl has no earlier deadline of its own, and a quarter
 // of the inactivity time-out at most, so that a silent transfer is caught close to its deadline.
 constexpr int kPollIntervalMilliseconds = 1000;
+std::atomic<int> idlePollIntervalMilliseconds{kPollIntervalMilliseconds};
 // While transfers are in curl the I/O thread looks at least this often: curl 7.88 can leave a transfer
 // it let out of its pending list with no timer armed, and the thread would sleep a whole interval.
 constexpr int kBusyPollIntervalMilliseconds = 20;
@@ -542,7 +544,7 @@ void CurlSessionCore::recycleEasyHandle(CurlTransfer& transfer) noexcept {
 }
 
 int CurlSessionCore::pollInterval() const {
-  if (transfers_.empty()) return kPollIntervalMilliseconds;
+  if (transfers_.empty()) return idlePollIntervalMilliseconds.load(std::memory_order_relaxed);
   const auto quarter = configuration_.inactivityTimeout.count() / 4;
   return static_cast<int>(std::clamp<std::int64_t>(quarter, 10, kBusyPollIntervalMilliseconds));
 }
@@ -843,6 +845,11 @@ void CurlSessionCore::finishTransfer(CURL* easy, CURLcode result) {
   }
   // Finished by curl, so its handle holds no half-done state and may serve the next request.
   if (const auto it = transfers_.find(identifier); it != transfers_.end()) dropTransfer(it, true);
+}
+
+void setIdlePollIntervalForTesting(std::chrono::milliseconds interval) {
+  idlePollIntervalMilliseconds.store(
+      static_cast<int>(std::clamp<std::chrono::milliseconds::rep>(interval.count(), 1, std::numeric_limits<int>::max())));
 }
 
 }  // namespace orv::detail

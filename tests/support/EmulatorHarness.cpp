@@ -6,6 +6,7 @@
 #include <iterator>
 #include <random>
 
+#include "OrvCurlURLSessionTesting.h"
 #include "OrvSDKStringUtils.h"
 
 namespace orv::test {
@@ -33,6 +34,9 @@ std::string settingsPath(const std::string& normalisedStore) {
 }
 
 EmulatorHarness::EmulatorHarness(HarnessOptions options) {
+  // An idle session loop otherwise looks at its queue every second anyway, which would turn a
+  // request that failed to wake it into one that merely starts late. Here it hangs, and the test fails.
+  orv::detail::setIdlePollIntervalForTesting(std::chrono::hours(1));
   std::string error;
   if (!orv::emulator::generateMaterial(material_.path().string(), &error)) ADD_FAILURE() << error;
   if (options.prepareMaterial) options.prepareMaterial(material_);
