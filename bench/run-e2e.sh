@@ -335,7 +335,7 @@ Debian 12 machine. The shares move with the machine; the causes do not.
   out of line and marking it cold, so that a call site with no delegate set is a test and a branch,
   left that count where it was (11.10 K against 11.08 K): the compiler had already set that code
   aside. Nor does the allocator explain the rest: with one malloc arena for the whole process rather
-  than one per thread (\`GLIBC_TUNABLES=glibc.malloc.arena_max=1\`), warm settings at 100 stores came
+  than one per thread (`GLIBC_TUNABLES=glibc.malloc.arena_max=1`), warm settings at 100 stores came
   to 1.18 times the floor's wall time against 1.12 with the default, CPU 1.11 both (six interleaved
   triples). That code is the operations, queues,
   contexts and records the library is built from; fewer hand-offs or fewer instructions do not
