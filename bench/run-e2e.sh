@@ -336,14 +336,15 @@ Debian 12 machine. The shares move with the machine; the causes do not.
   nearer either. Both stay within what this machine can tell apart, so the package keeps `-O2`.
   Cachegrind's simulated caches bear out the reading above as far as a simulation can (one core,
   nothing else running): per warm one-store flow, the library's process misses the first-level
-  instruction cache 11.1 K times against the floor's 8.4 K, and all of the difference is in the
-  library's own code (0.7 K) and the standard-library templates it instantiates (2.0 K), while data
-  misses are level (4.6 K against 4.3 K). Moving the formatting of log arguments out of line and
-  marking it cold, so that a call site with no delegate set is a test and a branch, left that count
-  where it was (11.10 K against 11.08 K): the compiler had already set that code aside. Nor does the
-  allocator explain the rest: with one malloc arena for the whole process rather than one per thread
-  (`GLIBC_TUNABLES=glibc.malloc.arena_max=1`), warm settings at 100 stores came to 1.18 times the
-  floor's wall time against 1.12 with the default, CPU 1.11 both (six interleaved triples).
+  instruction cache 11.1 K times against the floor's 8.4 K, and nearly all of the difference is in
+  the library's own code (0.7 K against the floor's 0.1 K) and the standard-library templates it
+  instantiates (2.0 K against 0.1 K), while data misses are level (4.6 K against 4.3 K). Moving the
+  formatting of log arguments out of line and marking it cold, so that a call site with no delegate
+  set is a test and a branch, left that count where it was (11.10 K against 11.08 K): the compiler
+  had already set that code aside. Nor does the allocator explain the rest: with one malloc arena
+  for the whole process rather than one per thread (`GLIBC_TUNABLES=glibc.malloc.arena_max=1`), warm
+  settings at 100 stores came to 1.18 times the floor's wall time against 1.12 with the default, CPU
+  1.11 both (six interleaved triples).
 - **Reading long answers.** The floor parses no answer. URLs of the usual shape
   (`scheme://host[:port][/path]`, nothing to unescape) are read directly, in about a hundred
   instructions instead of several thousand through Boost.URL, which still reads everything else; a
