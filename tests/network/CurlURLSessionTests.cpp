@@ -138,10 +138,11 @@ TEST_F(OrvCurlURLSessionTest, DestroyingOrInvalidatingTheSessionCancelsWhatIsInF
     auto session =
         OrvCurlURLSession::create({.caFile = harness.emulator().tlsCAFile(), .httpVersion = OrvCurlHTTPVersion::http1_1});
     Outcome inFlight, notStarted;
+    // Cleared before the request starts: cleared after, a request that had already arrived would be lost.
+    harness.emulator().clearRequests();
     auto running = task(*session, kDomainPath, inFlight);
     running->resume();
     auto later = task(*session, kDomainPath, notStarted);
-    harness.emulator().clearRequests();
     ASSERT_TRUE(arrived());
     // Work handed to the session runs on its I/O thread, the one that answers, while a request is held.
     std::atomic<std::thread::id> ranOn{};
