@@ -176,7 +176,7 @@ class CurlSessionCore : public std::enable_shared_from_this<CurlSessionCore> {
   };
 
   void post(Command command);
-  void wakeIfFirst(bool first, std::unique_lock<std::mutex>& lock);
+  void wakeIfPolling(std::unique_lock<std::mutex>& lock);
   void run();
   void handOver(std::vector<std::function<void()>>& completions) noexcept;
   CurlEasyHandle takeEasyHandle();
@@ -219,9 +219,9 @@ class CurlSessionCore : public std::enable_shared_from_this<CurlSessionCore> {
   std::unique_ptr<ExitHold> workHold_;
   bool stopping_ = false;
   // Set, under the mutex, by the I/O thread when it has found nothing queued and is about to poll;
-  // cleared when it next takes the queue. Only then does a new command need a wake-up: otherwise the
-  // thread is still to look at the queue, and the write, the poll it cuts short and the extra turn of
-  // the loop are spent for nothing.
+  // cleared by the first command that wakes it, or when it next takes the queue. Only then does a new
+  // command need a wake-up: otherwise the thread is still to look at the queue, and the write, the
+  // poll it cuts short and the extra turn of the loop are spent for nothing.
   bool polling_ = false;
   // Told when the loop has returned and let go of the core: shutdown waits for it where it would join
   // a thread of the session's own. Shared with the loop, which outlives the core when it holds the last
@@ -384,9 +384,8 @@ void CurlSessionCore::post(Command command) {
     if (command.startTask) command.startTask->complete(std::nullopt, nullptr, cancelledError());
     return;
   }
-  const bool first = commands_.empty() && work_.empty();
   commands_.push_back(std::move(command));
-  wakeIfFirst(first, lock);
+  wakeIfPolling(lock);
 }
 
 bool CurlSessionCore::perform(std::function<void()>& work) {
@@ -395,19 +394,17 @@ bool CurlSessionCore::perform(std::function<void()>& work) {
   // Room and hold first, so that a failed allocation leaves the work with its owner.
   if (work_.size() == work_.capacity()) work_.reserve(std::max<std::size_t>(8, 2 * work_.capacity()));
   if (!workHold_) workHold_ = std::make_unique<ExitHold>();
-  const bool first = commands_.empty() && work_.empty();
   work_.push_back(std::move(work));
-  wakeIfFirst(first, lock);
+  wakeIfPolling(lock);
   return true;
 }
 
-void CurlSessionCore::wakeIfFirst(bool first, std::unique_lock<std::mutex>& lock) {
-  // Only a thread that found the queue empty needs waking; curl remembers a wake-up sent before its
-  // poll begins, so none is lost. Commands already waiting have had theirs, and the thread takes them
-  // all at once. Requests started together wake the thread once their batch is done, and go out in
-  // one write.
-  if (!first) return;
-  const bool polling = polling_;
+void CurlSessionCore::wakeIfPolling(std::unique_lock<std::mutex>& lock) {
+  // Only a thread that found the queue empty needs waking, and only once: the first command after
+  // that takes the flag, and the thread takes them all at once. curl remembers a wake-up sent before
+  // its poll begins, so none is lost. Requests started together wake the thread once their batch is
+  // done, and go out in one write.
+  const bool polling = std::exchange(polling_, false);
   lock.unlock();
   if (!polling) return;
   // Posted by the I/O thread itself (a workflow going on from an answer it handled): it looks at the
