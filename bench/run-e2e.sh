@@ -115,6 +115,11 @@ run_cell() {  # protocol scenario stores rounds
     "$BIN/orv_e2e_floor" "${common[@]}" >> "$RESULTS"
     printf ', library' >&2
     "$BIN/orv_e2e_library" "${common[@]}" --anchors "$WORK/material/signing-ca.pem" >> "$RESULTS"
+    # Warm flows only: a fresh flow's connection set-up dwarfs the wake-ups.
+    if [[ $2 == *-warm ]]; then
+      printf ', floor with hand-off' >&2
+      "$BIN/orv_e2e_floor" "${common[@]}" --hand-off on >> "$RESULTS"
+    fi
   done
   printf '\n' >&2
 }

@@ -46,6 +46,9 @@ struct Options {
   std::string accessLog;
   // "h2" or "http1.1": what the server was started to speak; a flow served otherwise fails.
   std::string protocol = "h2";
+  // Floor only: run each flow on a second thread while the calling thread waits, as a host's main
+  // thread waits for the library's I/O thread. Shows what the two thread hand-offs of a flow cost.
+  bool handOff = false;
 
   bool fresh() const { return scenario == "discovery-cold" || scenario == "settings-first"; }
   bool settings() const { return scenario.rfind("settings-", 0) == 0; }
@@ -79,6 +82,8 @@ struct Options {
         options.accessLog = value;
       } else if (name == "--protocol") {
         options.protocol = value;
+      } else if (name == "--hand-off") {
+        options.handOff = value == "on";
       } else {
         *error = "unknown option " + std::string(name);
         return std::nullopt;
@@ -90,7 +95,8 @@ struct Options {
         options.caFile.empty() || options.accessLog.empty() || (options.protocol != "h2" && options.protocol != "http1.1")) {
       *error =
           "usage: --scenario discovery-cold|discovery-warm|settings-first|settings-warm --stores N --rounds N "
-          "[--min-seconds S] --host HOST:PORT --ca-file PEM [--anchors PEM] --access-log FILE --protocol h2|http1.1";
+          "[--min-seconds S] --host HOST:PORT --ca-file PEM [--anchors PEM] --access-log FILE --protocol h2|http1.1 [--hand-off "
+          "on]";
       return std::nullopt;
     }
     return options;

@@ -124,7 +124,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: %s RESULTS.jsonl\n", argv[0]);
     return 64;
   }
-  std::map<Key, Pooled> library, floor;
+  std::map<Key, Pooled> library, floor, handOff;
   std::ifstream in(argv[1]);
   for (std::string line; std::getline(in, line);) {
     if (line.empty() || line.front() != '{') continue;
@@ -132,7 +132,8 @@ int main(int argc, char** argv) {
     const auto& o = value.as_object();
     const Key key{json::value_to<std::string>(o.at("protocol")), json::value_to<std::string>(o.at("scenario")),
                   int(number(o, "stores"))};
-    (o.at("driver").as_string() == "library" ? library : floor)[key].add(o);
+    const auto& driver = o.at("driver").as_string();
+    (driver == "library" ? library : driver == "floor-hand-off" ? handOff : floor)[key].add(o);
   }
 
   std::vector<std::string> findings;
@@ -184,6 +185,26 @@ int main(int argc, char** argv) {
                                " served over another protocol");
         }
       }
+    }
+  }
+
+  if (!handOff.empty()) {
+    std::printf(
+        "\n**The hand-off between threads.** The floor again, each flow run on a second thread while the first waits "
+        "for it, as a host's main thread waits for the library's I/O thread: what the two wake-ups of a flow cost here, "
+        "and the library against that.\n\n");
+    std::printf(
+        "| HTTP | scenario | stores | wall ms floor with hand-off | × floor | library × floor with hand-off | CPU ms/flow "
+        "floor with hand-off | × floor | library × floor with hand-off |\n");
+    std::printf("|---|---|--:|--:|--:|--:|--:|--:|--:|\n");
+    for (const auto& [key, h] : handOff) {
+      if (!library.count(key) || !floor.count(key)) continue;
+      const Pooled& l = library[key];
+      const Pooled& f = floor[key];
+      const auto& [protocol, scenario, stores] = key;
+      std::printf("| %s | %s | %d | %s | %s | **%s** | %s | %s | **%s** |\n", http(protocol).c_str(), scenario.c_str(), stores,
+                  ms(h.median()).c_str(), ratio(h.median(), f.median()).c_str(), ratio(l.median(), h.median()).c_str(),
+                  ms(h.cpu()).c_str(), ratio(h.cpu(), f.cpu()).c_str(), ratio(l.cpu(), h.cpu()).c_str());
     }
   }
 
