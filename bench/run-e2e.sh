@@ -274,6 +274,31 @@ Debian 12 machine. The shares move with the machine; the causes do not.
   switches per flow when every answer was handed to two workers, 8.1 when a lone batch was shared with
   one, 4.5 now, and 1.26 to 1.34 against 1.14 to 1.24 times the floor's wall time between the last
   two, in three comparisons of eight interleaved processes each).
+- **What the hand-offs cost, against a floor that makes them too.** Beside each warm cell the run also
+  starts the floor with `--hand-off on`: each flow runs on a second thread, kept for the run, while
+  the first waits for it on a condition variable. Those are the two wake-ups of the library's
+  threading contract, and nothing else. In the run above, that floor took 1.05 to 1.09 times the
+  plain floor's wall time for warm discovery over HTTP/2 (CPU 1.09 to 1.11), and the library took
+  1.04 to 1.14 times it (CPU 1.07 to 1.20). On this machine the contract alone uses half or more of
+  warm discovery's 1.10 bound, which leaves 1 to 5 % for all the library does beyond the floor:
+  reading the answer into records, checking the certificate and the answer's dates and domain, its
+  operations and queues. Counted in three alternating pairs (warm one-store discovery), the
+  library's I/O thread spent 25 to 51 µs more CPU a flow than that floor's second thread (388 to 474
+  against 347 to 448). A `malloc` counter found 309 allocations per flow in the library against the
+  floor's 158; the library's own, about 130, come from some 50 places, none above 9 a flow. Tried
+  this round and not kept:
+  - the I/O thread spinning up to 120 µs for the host's next request after it delivered a completion.
+    It found the request there 96 % of the time, but wall time did not move beyond the noise (1.07
+    against 1.08 times the floor, by the median of eight interleaved triples) and CPU went up (1.22
+    against 1.18);
+  - waking the main thread at the end of the I/O thread's turn rather than when the completion is
+    queued (1.19 against 1.13);
+  - a build with profile-guided optimisation, trained on these flows (user time per 3,000 warm
+    one-store discoveries 0.72 to 0.82 s, against 0.69 to 0.83 s).
+
+  With both threads spinning instead of sleeping, a warm one-store discovery took 0.73 times the
+  floor's wall time at 2.1 times its CPU. At this size the wake-ups are most of a flow's time, but a
+  library cannot spin a host's main thread.
 - **Where a warm flow's time goes.** Timed step by step (a clock read at each step, in a build of
   its own, on both sides; medians over 60 to 300 flows), the library and the floor send the same
   transfers at the same pace once they have started, and the library's own time is at the ends.
