@@ -277,10 +277,10 @@ Debian 12 machine. The shares move with the machine; the causes do not.
 - **What the hand-offs cost, against a floor that makes them too.** Beside each warm cell the run also
   starts the floor with `--hand-off on`: each flow runs on a second thread, kept for the run, while
   the first waits for it on a condition variable. Those are the two wake-ups of the library's
-  threading contract, and nothing else. In the run above, that floor took 1.05 to 1.09 times the
+  threading contract, and nothing else. In the run above, that floor took 1.05 to 1.08 times the
   plain floor's wall time for warm discovery over HTTP/2 (CPU 1.09 to 1.11), and the library took
   1.04 to 1.14 times it (CPU 1.07 to 1.20). On this machine the contract alone uses half or more of
-  warm discovery's 1.10 bound, which leaves 1 to 5 % for all the library does beyond the floor:
+  warm discovery's 1.10 bound, which leaves 2 to 5 % for all the library does beyond the floor:
   reading the answer into records, checking the certificate and the answer's dates and domain, its
   operations and queues. Counted in three alternating pairs (warm one-store discovery), the
   library's I/O thread spent 25 to 51 µs more CPU a flow than that floor's second thread (388 to 474
