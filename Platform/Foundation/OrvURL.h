@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 class OrvURL {
  public:
@@ -19,13 +20,9 @@ class OrvURL {
   // of its own (a thousand store URLs) then costs no allocation per URL. A move copies too, so that no
   // URL, moved from or not, is ever without its text.
   OrvURL(const OrvURL&) noexcept = default;
-  OrvURL(OrvURL&& other) noexcept : string_(other.string_), parts_(other.parts_) {}
+  OrvURL(OrvURL&& other) noexcept : OrvURL(std::as_const(other)) {}
   OrvURL& operator=(const OrvURL&) noexcept = default;
-  OrvURL& operator=(OrvURL&& other) noexcept {
-    string_ = other.string_;
-    parts_ = other.parts_;
-    return *this;
-  }
+  OrvURL& operator=(OrvURL&& other) noexcept { return *this = std::as_const(other); }
   ~OrvURL() = default;
 
   const std::string& absoluteString() const noexcept { return *string_; }

@@ -83,6 +83,10 @@ struct Options {
       } else if (name == "--protocol") {
         options.protocol = value;
       } else if (name == "--hand-off") {
+        if (value != "on" && value != "off") {
+          *error = "--hand-off takes on or off, not " + value;
+          return std::nullopt;
+        }
         options.handOff = value == "on";
       } else {
         *error = "unknown option " + std::string(name);
@@ -96,7 +100,7 @@ struct Options {
       *error =
           "usage: --scenario discovery-cold|discovery-warm|settings-first|settings-warm --stores N --rounds N "
           "[--min-seconds S] --host HOST:PORT --ca-file PEM [--anchors PEM] --access-log FILE --protocol h2|http1.1 [--hand-off "
-          "on]";
+          "on|off]";
       return std::nullopt;
     }
     return options;
